@@ -1,0 +1,267 @@
+// SPDX-License-Identifier: MIT
+#include "avahi/AvahiPollAdapter.h"
+
+#include "avahi/MonotonicDeadline.h"
+#include "support/QtCompat.h"
+
+#include <QtCore/QBasicTimer>
+#include <QtCore/QEvent>
+#include <QtCore/QObject>
+#include <QtCore/QSocketNotifier>
+
+#include <sys/epoll.h>
+#include <unistd.h>
+
+#include <cstring>
+
+namespace {
+
+/** Whether the callback of the object that owns this is on the stack. */
+class CallState
+{
+public:
+    CallState() : m_ownerGone(nullptr) {}
+    ~CallState()
+    {
+        if (m_ownerGone)
+            *m_ownerGone = true;
+    }
+
+    bool isCalling() const { return m_ownerGone != nullptr; }
+
+    /** Calls @p function and returns false if it destroyed the owner, of which nothing may be touched then. */
+    template <typename Function>
+    bool call(Function function)
+    {
+        bool ownerGone = false;
+        m_ownerGone = &ownerGone;
+        function();
+        if (ownerGone)
+            return false;
+        m_ownerGone = nullptr;
+        return true;
+    }
+
+private:
+    Q_DISABLE_COPY(CallState)
+
+    bool* m_ownerGone;
+};
+
+const int KNOWN_EVENTS = AVAHI_WATCH_IN | AVAHI_WATCH_OUT | AVAHI_WATCH_ERR | AVAHI_WATCH_HUP;
+
+static_assert(KNOWN_EVENTS == static_cast<int>(EPOLLIN | EPOLLOUT | EPOLLERR | EPOLLHUP)
+                  && AVAHI_WATCH_IN == static_cast<int>(EPOLLIN) && AVAHI_WATCH_OUT == static_cast<int>(EPOLLOUT)
+                  && AVAHI_WATCH_ERR == static_cast<int>(EPOLLERR),
+              "Avahi's events are handed to epoll as they are");
+
+quint32 knownEvents(AvahiWatchEvent events)
+{
+    // Copied, as a caller's flags may lie outside the values that the enumeration can hold.
+    int bits = 0;
+    std::memcpy(&bits, &events, sizeof bits);
+    return static_cast<quint32>(bits & KNOWN_EVENTS);
+}
+
+} // namespace
+
+/**
+ * Waits for an epoll descriptor that holds just the watched one.
+ *
+ * The detour is for hang-ups and errors. Qt's notifiers know reading, writing and exceptions only; on GLib's
+ * loop the latter two keep the thread busy on a hang-up without ever reporting it, and on the plain
+ * one there can be only one notifier of a kind for a descriptor. The epoll descriptor becomes readable for
+ * exactly what is wanted, whatever runs the loop.
+ *
+ * Events are taken in event(), not from the notifier's signal: nobody touches the notifier after that
+ * returns, so it may be destroyed by its callback.
+ */
+struct AvahiWatch : public QSocketNotifier
+{
+public:
+    AvahiWatch(int epoll, int descriptor, AvahiWatchCallback callback, void* userdata)
+        : QSocketNotifier(epoll, QSocketNotifier::Read)
+        , m_epoll(epoll)
+        , m_descriptor(descriptor)
+        , m_wanted(0)
+        , m_happened(0)
+        , m_callback(callback)
+        , m_userdata(userdata)
+    {}
+
+    ~AvahiWatch() override
+    {
+        setEnabled(false);
+        ::close(m_epoll);
+    }
+
+    bool update(AvahiWatchEvent events)
+    {
+        m_wanted = knownEvents(events);
+        const bool accepted = requestEvents();
+        enableUnlessCalling();
+        return accepted;
+    }
+
+    AvahiWatchEvent happened() const { return static_cast<AvahiWatchEvent>(m_happened); }
+
+protected:
+    bool event(QEvent* qtEvent) override
+    {
+        if (qtEvent->type() != QEvent::SockAct)
+            return QSocketNotifier::event(qtEvent);
+        if (!m_state.isCalling())
+            deliver();
+        return true;
+    }
+
+private:
+    bool requestEvents()
+    {
+        epoll_event request = epoll_event();
+        request.events = m_wanted;
+        // A descriptor that was closed has left the set; its number may be in use again.
+        return ::epoll_ctl(m_epoll, EPOLL_CTL_MOD, m_descriptor, &request) == 0
+               || ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, m_descriptor, &request) == 0;
+    }
+
+    /** Off during the callback, or a nested event loop would be woken over and over by what it can't deliver. */
+    void enableUnlessCalling() { setEnabled(m_wanted != 0 && !m_state.isCalling()); }
+
+    /** Another callback of the same turn may have read the data, or changed what is wanted. */
+    quint32 pendingEvents() const
+    {
+        epoll_event pending = epoll_event();
+        if (::epoll_wait(m_epoll, &pending, 1, 0) != 1)
+            return 0;
+        return pending.events;
+    }
+
+    void deliver()
+    {
+        m_happened = pendingEvents();
+        if (m_happened == 0)
+            return;
+        setEnabled(false);
+        if (!m_state.call([this] { m_callback(this, m_descriptor, happened(), m_userdata); }))
+            return;
+        m_happened = 0;
+        enableUnlessCalling();
+    }
+
+    const int m_epoll;
+    const int m_descriptor;
+    quint32 m_wanted;
+    quint32 m_happened;
+    const AvahiWatchCallback m_callback;
+    void* const m_userdata;
+    CallState m_state;
+};
+
+struct AvahiTimeout : public QObject
+{
+public:
+    AvahiTimeout(AvahiTimeoutCallback callback, void* userdata)
+        : m_armed(false), m_callback(callback), m_userdata(userdata)
+    {}
+
+    void update(const timeval* wallTime)
+    {
+        m_armed = wallTime != nullptr;
+        if (wallTime)
+            m_deadline = vd::monotonicDeadline(*wallTime);
+        startUnlessCalling();
+    }
+
+protected:
+    void timerEvent(QTimerEvent*) override
+    {
+        m_timer.stop();
+        if (vd::MonotonicClock::now() < m_deadline)
+            startUnlessCalling();
+        else
+            deliver();
+    }
+
+private:
+    /** Off during the callback, or a nested event loop would be woken over and over by what it can't deliver. */
+    void startUnlessCalling()
+    {
+        if (!m_armed || m_state.isCalling()) {
+            m_timer.stop();
+            return;
+        }
+        const int interval = vd::timerInterval(m_deadline, vd::MonotonicClock::now());
+        vd::startPreciseTimer(m_timer, interval, this);
+    }
+
+    void deliver()
+    {
+        m_armed = false;
+        if (m_state.call([this] { m_callback(this, m_userdata); }))
+            startUnlessCalling();
+    }
+
+    bool m_armed;
+    vd::MonotonicClock::time_point m_deadline;
+    QBasicTimer m_timer;
+    const AvahiTimeoutCallback m_callback;
+    void* const m_userdata;
+    CallState m_state;
+};
+
+namespace {
+
+AvahiWatch* newWatch(const AvahiPoll*, int descriptor, AvahiWatchEvent events, AvahiWatchCallback callback,
+                     void* userdata)
+{
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    if (epoll < 0)
+        return nullptr;
+    AvahiWatch* watch = new AvahiWatch(epoll, descriptor, callback, userdata);
+    if (watch->update(events))
+        return watch;
+    delete watch;
+    return nullptr;
+}
+
+void updateWatch(AvahiWatch* watch, AvahiWatchEvent events)
+{
+    watch->update(events);
+}
+
+AvahiWatchEvent eventsOfWatch(AvahiWatch* watch)
+{
+    return watch->happened();
+}
+
+void freeWatch(AvahiWatch* watch)
+{
+    delete watch;
+}
+
+AvahiTimeout* newTimeout(const AvahiPoll*, const timeval* wallTime, AvahiTimeoutCallback callback, void* userdata)
+{
+    AvahiTimeout* timeout = new AvahiTimeout(callback, userdata);
+    timeout->update(wallTime);
+    return timeout;
+}
+
+void updateTimeout(AvahiTimeout* timeout, const timeval* wallTime)
+{
+    timeout->update(wallTime);
+}
+
+void freeTimeout(AvahiTimeout* timeout)
+{
+    delete timeout;
+}
+
+} // namespace
+
+const AvahiPoll* avahi_qt_poll_get()
+{
+    static const AvahiPoll poll
+        = {nullptr, newWatch, updateWatch, eventsOfWatch, freeWatch, newTimeout, updateTimeout, freeTimeout};
+    return &poll;
+}

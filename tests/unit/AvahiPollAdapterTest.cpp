@@ -1,0 +1,1186 @@
+// SPDX-License-Identifier: MIT
+#include "avahi/AvahiPollAdapter.h"
+#include "avahi/MonotonicDeadline.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QEventLoop>
+#include <QtCore/QThread>
+#include <QtCore/QTimer>
+
+#include <gtest/gtest.h>
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <functional>
+#include <limits>
+#include <memory>
+#include <vector>
+
+namespace {
+
+/** What the tests add to the system's clocks, in seconds. */
+std::atomic<time_t> wallClockOffset(0);
+std::atomic<time_t> monotonicClockOffset(0);
+
+timespec systemClock(clockid_t clock)
+{
+    timespec now = {};
+    ::syscall(SYS_clock_gettime, clock, &now);
+    return now;
+}
+
+} // namespace
+
+/** Found before the C library's, by Qt and GLib as well, so that the tests can step the clocks. */
+extern "C" __attribute__((visibility("default"))) int clock_gettime(clockid_t clock, timespec* now) noexcept
+{
+    const int result = static_cast<int>(::syscall(SYS_clock_gettime, clock, now));
+    if (result == 0 && clock == CLOCK_REALTIME)
+        now->tv_sec += wallClockOffset;
+    if (result == 0 && clock == CLOCK_MONOTONIC)
+        now->tv_sec += monotonicClockOffset;
+    return result;
+}
+
+/** Qt is not instrumented: the thread sanitizer does not see how a QThread is kept until its thread is done. */
+extern "C" __attribute__((visibility("default"))) const char* __tsan_default_suppressions()
+{
+    return "race:QWaitCondition::~QWaitCondition\n";
+}
+
+/** Where Qt enters callbacks for tools that follow every object; its header is not installed everywhere. */
+extern Q_CORE_EXPORT quintptr qtHookData[];
+
+namespace {
+
+const int IN = AVAHI_WATCH_IN;
+const int OUT = AVAHI_WATCH_OUT;
+const int ERR = AVAHI_WATCH_ERR;
+const int HUP = AVAHI_WATCH_HUP;
+
+typedef std::vector<int> Events;
+
+const int ADD_OBJECT_HOOK = 3;
+const int REMOVE_OBJECT_HOOK = 4;
+std::atomic<int> liveObjects(0);
+
+void objectAdded(QObject*)
+{
+    ++liveObjects;
+}
+
+void objectRemoved(QObject*)
+{
+    --liveObjects;
+}
+
+int openDescriptors()
+{
+    int count = 0;
+    DIR* directory = ::opendir("/proc/self/fd");
+    while (::readdir(directory))
+        ++count;
+    ::closedir(directory);
+    return count;
+}
+
+/** Milliseconds by the system's clock, whatever the tests made of the others'. */
+qint64 milliseconds(clockid_t clock)
+{
+    const timespec now = systemClock(clock);
+    return static_cast<qint64>(now.tv_sec) * 1000 + now.tv_nsec / 1000000;
+}
+
+timeval wallTime()
+{
+    timespec now = {};
+    clock_gettime(CLOCK_REALTIME, &now);
+    timeval time = {};
+    time.tv_sec = now.tv_sec;
+    time.tv_usec = now.tv_nsec / 1000;
+    return time;
+}
+
+timeval plusMicroseconds(timeval time, long microseconds)
+{
+    time.tv_usec += microseconds;
+    time.tv_sec += time.tv_usec / 1000000;
+    time.tv_usec %= 1000000;
+    return time;
+}
+
+timeval inMilliseconds(long count)
+{
+    return plusMicroseconds(wallTime(), count * 1000);
+}
+
+timeval inSeconds(time_t count)
+{
+    timeval time = wallTime();
+    time.tv_sec += count;
+    return time;
+}
+
+const time_t DAY = 24 * 60 * 60;
+
+/** Turns the loop until @p condition holds; false if it does not within 2 s. */
+bool runUntil(const std::function<bool()>& condition)
+{
+    const qint64 end = milliseconds(CLOCK_MONOTONIC) + 2000;
+    while (!condition()) {
+        if (milliseconds(CLOCK_MONOTONIC) > end)
+            return false;
+        QCoreApplication::processEvents();
+        ::poll(nullptr, 0, 1);
+    }
+    return true;
+}
+
+/** Enough turns for everything that is due to arrive. */
+void runFewTurns()
+{
+    for (int turn = 0; turn < 10; ++turn)
+        QCoreApplication::processEvents();
+}
+
+void runFor(int duration)
+{
+    QEventLoop loop;
+    QTimer::singleShot(duration, &loop, SLOT(quit()));
+    loop.exec();
+}
+
+/** What this thread computes, in milliseconds, while its loop should be asleep for 100 ms. */
+qint64 busyTimeOfIdleLoop()
+{
+    const qint64 before = milliseconds(CLOCK_THREAD_CPUTIME_ID);
+    runFor(100);
+    return milliseconds(CLOCK_THREAD_CPUTIME_ID) - before;
+}
+
+const qint64 IDLE = 15;
+
+/** Two connected ends; each can be closed early. */
+class Ends
+{
+public:
+    static Ends ofSocket()
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_NONBLOCK, 0, ends));
+        return Ends(ends);
+    }
+
+    /** @c here() reads what is written to @c there(). */
+    static Ends ofPipe()
+    {
+        int ends[2] = {-1, -1};
+        EXPECT_EQ(0, ::pipe2(ends, O_NONBLOCK));
+        return Ends(ends);
+    }
+
+    Ends(Ends&& other) : m_here(other.m_here), m_there(other.m_there) { other.m_here = other.m_there = -1; }
+
+    ~Ends()
+    {
+        closeHere();
+        closeThere();
+    }
+
+    int here() const { return m_here; }
+    int there() const { return m_there; }
+    void closeHere() { closeEnd(m_here); }
+    void closeThere() { closeEnd(m_there); }
+
+    void send() { EXPECT_EQ(1, ::write(m_there, "x", 1)); }
+
+    void drain()
+    {
+        char buffer[64];
+        while (::read(m_here, buffer, sizeof buffer) > 0) {
+        }
+    }
+
+private:
+    explicit Ends(const int (&ends)[2]) : m_here(ends[0]), m_there(ends[1]) {}
+
+    static void closeEnd(int& end)
+    {
+        if (end >= 0)
+            ::close(end);
+        end = -1;
+    }
+
+    int m_here;
+    int m_there;
+};
+
+AvahiWatchEvent watchEvents(int bits)
+{
+    AvahiWatchEvent events;
+    std::memcpy(&events, &bits, sizeof events);
+    return events;
+}
+
+/** A watch that notes what it is called with, then does what the test wants. */
+class Watch
+{
+public:
+    Watch(int descriptor, int wanted)
+        : m_descriptor(descriptor),
+          m_watch(poll()->watch_new(poll(), descriptor, watchEvents(wanted), &Watch::called, this))
+    {
+        EXPECT_NE(nullptr, m_watch);
+    }
+
+    ~Watch() { free(); }
+
+    static const AvahiPoll* poll() { return avahi_qt_poll_get(); }
+
+    void update(int wanted) { poll()->watch_update(m_watch, watchEvents(wanted)); }
+    int happened() const { return poll()->watch_get_events(m_watch); }
+
+    void free()
+    {
+        if (m_watch)
+            poll()->watch_free(m_watch);
+        m_watch = nullptr;
+    }
+
+    /** What each callback so far was told. */
+    Events events;
+    std::function<void()> then;
+
+private:
+    Q_DISABLE_COPY(Watch)
+
+    static void called(AvahiWatch* watch, int descriptor, AvahiWatchEvent event, void* userdata)
+    {
+        Watch* self = static_cast<Watch*>(userdata);
+        EXPECT_EQ(self->m_watch, watch);
+        EXPECT_EQ(self->m_descriptor, descriptor);
+        self->events.push_back(event);
+        if (self->then)
+            self->then();
+    }
+
+    int m_descriptor;
+    AvahiWatch* m_watch;
+};
+
+class Timeout
+{
+public:
+    explicit Timeout(const timeval& time) : Timeout(&time) {}
+    explicit Timeout(const timeval* time)
+        : calls(0), m_timeout(poll()->timeout_new(poll(), time, &Timeout::called, this))
+    {
+        EXPECT_NE(nullptr, m_timeout);
+    }
+
+    ~Timeout() { free(); }
+
+    static const AvahiPoll* poll() { return avahi_qt_poll_get(); }
+
+    void update(const timeval& time) { poll()->timeout_update(m_timeout, &time); }
+    void disable() { poll()->timeout_update(m_timeout, nullptr); }
+
+    void free()
+    {
+        if (m_timeout)
+            poll()->timeout_free(m_timeout);
+        m_timeout = nullptr;
+    }
+
+    int calls;
+    std::function<void()> then;
+
+private:
+    Q_DISABLE_COPY(Timeout)
+
+    static void called(AvahiTimeout* timeout, void* userdata)
+    {
+        Timeout* self = static_cast<Timeout*>(userdata);
+        EXPECT_EQ(self->m_timeout, timeout);
+        ++self->calls;
+        if (self->then)
+            self->then();
+    }
+
+    AvahiTimeout* m_timeout;
+};
+
+/** Checks that a test leaves no object and no descriptor behind, without turning the loop once more. */
+class AvahiPollAdapterTest : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        runFewTurns();
+        liveObjects = 0;
+        qtHookData[ADD_OBJECT_HOOK] = reinterpret_cast<quintptr>(&objectAdded);
+        qtHookData[REMOVE_OBJECT_HOOK] = reinterpret_cast<quintptr>(&objectRemoved);
+        m_descriptorsBefore = openDescriptors();
+    }
+
+    void TearDown() override
+    {
+        wallClockOffset = 0;
+        monotonicClockOffset = 0;
+        qtHookData[ADD_OBJECT_HOOK] = 0;
+        qtHookData[REMOVE_OBJECT_HOOK] = 0;
+        EXPECT_EQ(0, liveObjects);
+        EXPECT_EQ(m_descriptorsBefore, openDescriptors());
+    }
+
+private:
+    int m_descriptorsBefore = 0;
+};
+
+typedef AvahiPollAdapterTest AvahiPollAdapterWatch;
+typedef AvahiPollAdapterTest AvahiPollAdapterTimeout;
+typedef AvahiPollAdapterTest AvahiPollAdapterNestedLoop;
+typedef AvahiPollAdapterTest AvahiPollAdapterThread;
+
+// What a watch reports
+
+TEST_F(AvahiPollAdapterWatch, reportsDataToRead)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    watch.then = [&] { ends.drain(); };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    runFewTurns();
+    EXPECT_EQ(Events({IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsRoomToWriteAsWriting)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), OUT);
+    watch.then = [&] { watch.update(0); };
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    runFewTurns();
+    EXPECT_EQ(Events({OUT}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsReadingAndWritingTogether)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN | OUT);
+    watch.then = [&] { watch.update(0); };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({IN | OUT}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsOnlyTheDirectionAskedFor)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), OUT);
+    watch.then = [&] { watch.update(0); };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({OUT}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsAHangUpThatWasNotAskedFor)
+{
+    Ends ends = Ends::ofPipe();
+    Watch watch(ends.here(), IN);
+    watch.then = [&] { watch.update(0); };
+    ends.closeThere();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({HUP}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsTheEndOfAConnectionAsReadingAndHangUp)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    watch.then = [&] { watch.update(0); };
+    ends.closeThere();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({IN | HUP}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsAnErrorThatWasNotAskedFor)
+{
+    Ends ends = Ends::ofPipe();
+    Watch watch(ends.there(), OUT);
+    watch.then = [&] { watch.update(0); };
+    ends.closeHere();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({OUT | ERR}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, sleepsThroughReadableDataWhenOnlyHangUpIsWanted)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), HUP | ERR);
+    ends.send();
+    EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
+    EXPECT_EQ(Events(), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsAHangUpWhenNothingElseIsWanted)
+{
+    Ends ends = Ends::ofPipe();
+    Watch watch(ends.here(), HUP);
+    watch.then = [&] { watch.update(0); };
+    ends.send();
+    ends.closeThere();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({HUP}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsAnErrorWhenNothingElseIsWanted)
+{
+    Ends ends = Ends::ofPipe();
+    Watch watch(ends.there(), ERR);
+    watch.then = [&] { watch.update(0); };
+    ends.closeHere();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({ERR}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, reportsUnreadDataAgain)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return watch.events.size() == 3; }));
+    EXPECT_EQ(Events({IN, IN, IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, sleepsWhileNothingHappens)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
+    EXPECT_EQ(Events(), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForNothing)
+{
+    Ends ends = Ends::ofPipe();
+    Watch watch(ends.here(), 0);
+    ends.send();
+    ends.closeThere();
+    EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
+    EXPECT_EQ(Events(), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, ignoresFlagsThatItDoesNotKnow)
+{
+    // Among these bits are those by which epoll would report a descriptor once only, or only on changes.
+    const int unknown = static_cast<int>(~0u) & ~(IN | OUT | ERR | HUP);
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN | unknown);
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return watch.events.size() == 2; }));
+    EXPECT_EQ(Events({IN, IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForUnknownFlagsOnly)
+{
+    Ends ends = Ends::ofPipe();
+    Watch watch(ends.here(), 0x4000);
+    ends.closeThere();
+    EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
+    EXPECT_EQ(Events(), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, tellsWhatHappenedOnlyInsideTheCallback)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN | OUT);
+    Events inside;
+    watch.then = [&] {
+        inside.push_back(watch.happened());
+        watch.update(0);
+        inside.push_back(watch.happened());
+    };
+    ends.send();
+    const int before = watch.happened();
+    EXPECT_TRUE(runUntil([&] { return !inside.empty(); }));
+    EXPECT_EQ(0, before);
+    EXPECT_EQ(Events({IN | OUT, IN | OUT}), inside);
+    EXPECT_EQ(0, watch.happened());
+}
+
+TEST_F(AvahiPollAdapterWatch, isRefusedForADescriptorThatIsNotOpen)
+{
+    const AvahiPoll* poll = avahi_qt_poll_get();
+    EXPECT_EQ(nullptr, poll->watch_new(poll, -1, AVAHI_WATCH_IN, nullptr, nullptr));
+}
+
+TEST_F(AvahiPollAdapterWatch, sharesADescriptorWithAnotherOfTheSameKind)
+{
+    Ends ends = Ends::ofSocket();
+    Watch first(ends.here(), IN);
+    Watch second(ends.here(), IN);
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return !first.events.empty() && !second.events.empty(); }));
+}
+
+TEST_F(AvahiPollAdapterWatch, isNotCalledForWhatAnotherHasReadInTheSameTurn)
+{
+    Ends ends = Ends::ofSocket();
+    Watch first(ends.here(), IN);
+    Watch second(ends.here(), IN);
+    first.then = second.then = [&] { ends.drain(); };
+    ends.send();
+    runFewTurns();
+    EXPECT_EQ(1u, first.events.size() + second.events.size());
+}
+
+// Updating a watch
+
+TEST_F(AvahiPollAdapterWatch, reportsWhatItWasUpdatedTo)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    watch.then = [&] { watch.update(0); };
+    ends.send();
+    watch.update(OUT);
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({OUT}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, goesOnAfterBeingOff)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    ends.send();
+    watch.update(0);
+    runFewTurns();
+    EXPECT_EQ(Events(), watch.events);
+    watch.then = [&] { ends.drain(); };
+    watch.update(IN);
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(Events({IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, needsNoMoreObjectsOrDescriptorsForRepeatedUpdates)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN | OUT);
+    const int objects = liveObjects;
+    const int descriptors = openDescriptors();
+    for (int wanted = 0; wanted < 64; ++wanted)
+        watch.update(wanted);
+    EXPECT_EQ(objects, liveObjects);
+    EXPECT_EQ(descriptors, openDescriptors());
+}
+
+TEST_F(AvahiPollAdapterWatch, obeysAnUpdateInItsCallback)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    watch.then = [&] { watch.update(watch.events.size() == 1 ? OUT : 0); };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return watch.events.size() == 2; }));
+    runFewTurns();
+    EXPECT_EQ(Events({IN, OUT}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, isNotCalledOnceAnotherHasTurnedItOffInTheSameTurn)
+{
+    Ends firstEnds = Ends::ofSocket();
+    Ends secondEnds = Ends::ofSocket();
+    Watch first(firstEnds.here(), IN);
+    Watch second(secondEnds.here(), IN);
+    first.then = [&] {
+        firstEnds.drain();
+        second.update(0);
+    };
+    second.then = [&] {
+        secondEnds.drain();
+        first.update(0);
+    };
+    firstEnds.send();
+    secondEnds.send();
+    runFewTurns();
+    EXPECT_EQ(1u, first.events.size() + second.events.size());
+}
+
+TEST_F(AvahiPollAdapterWatch, followsADescriptorThatWasOpenedAgain)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    Ends other = Ends::ofSocket();
+    ASSERT_EQ(ends.here(), ::dup2(other.here(), ends.here()));
+    watch.update(IN);
+    other.send();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+}
+
+// Freeing a watch
+
+TEST_F(AvahiPollAdapterWatch, isGoneAtOnceWhenFreedInItsCallback)
+{
+    Ends ends = Ends::ofSocket();
+    const int objects = liveObjects;
+    const int descriptors = openDescriptors();
+    Watch watch(ends.here(), IN);
+    int objectsAfter = -1;
+    int descriptorsAfter = -1;
+    watch.then = [&] {
+        watch.free();
+        objectsAfter = liveObjects;
+        descriptorsAfter = openDescriptors();
+    };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty(); }));
+    EXPECT_EQ(objects, objectsAfter);
+    EXPECT_EQ(descriptors, descriptorsAfter);
+    runFewTurns();
+    EXPECT_EQ(Events({IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, isNotCalledOnceAnotherHasFreedItInTheSameTurn)
+{
+    Ends firstEnds = Ends::ofSocket();
+    Ends secondEnds = Ends::ofSocket();
+    Watch first(firstEnds.here(), IN);
+    Watch second(secondEnds.here(), IN);
+    first.then = [&] {
+        firstEnds.drain();
+        second.free();
+    };
+    second.then = [&] {
+        secondEnds.drain();
+        first.free();
+    };
+    firstEnds.send();
+    secondEnds.send();
+    runFewTurns();
+    EXPECT_EQ(1u, first.events.size() + second.events.size());
+}
+
+TEST_F(AvahiPollAdapterWatch, isNotCalledAfterItWasFreed)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    ends.send();
+    watch.free();
+    runFewTurns();
+    EXPECT_EQ(Events(), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, canBeReplacedInItsCallbackWithTheDescriptorsNumberUsedAgain)
+{
+    Ends ends = Ends::ofSocket();
+    Ends other = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    std::unique_ptr<Watch> replacement;
+    watch.then = [&] {
+        watch.free();
+        EXPECT_EQ(ends.here(), ::dup2(other.here(), ends.here()));
+        replacement.reset(new Watch(ends.here(), IN));
+    };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return replacement != nullptr; }));
+    runFewTurns();
+    EXPECT_EQ(Events(), replacement->events);
+    other.send();
+    EXPECT_TRUE(runUntil([&] { return !replacement->events.empty(); }));
+    EXPECT_EQ(Events({IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterWatch, isNotStarvedByATimeoutThatIsAlwaysDue)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    Timeout timeout(wallTime());
+    timeout.then = [&] { timeout.update(wallTime()); };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return watch.events.size() >= 3 && timeout.calls >= 3; }));
+}
+
+// When a timeout fires
+
+TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopForATimeInThePast)
+{
+    Timeout timeout(inSeconds(-3600));
+    EXPECT_EQ(0, timeout.calls);
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopForNow)
+{
+    Timeout timeout(wallTime());
+    EXPECT_EQ(0, timeout.calls);
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopWhenUpdatedToThePast)
+{
+    Timeout timeout(nullptr);
+    timeout.update(inSeconds(-1));
+    EXPECT_EQ(0, timeout.calls);
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, firesOnce)
+{
+    Timeout timeout(wallTime());
+    runFewTurns();
+    EXPECT_EQ(1, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, neverFiresEarly)
+{
+    std::vector<std::unique_ptr<Timeout>> timeouts;
+    int early = 0;
+    int fired = 0;
+    const timeval start = wallTime();
+    for (int count = 0; count < 40; ++count) {
+        const timeval time = plusMicroseconds(start, 1000 + count * 1337);
+        timeouts.emplace_back(new Timeout(time));
+        timeouts.back()->then = [&early, &fired, time] {
+            const timeval now = wallTime();
+            early += timercmp(&now, &time, <) ? 1 : 0;
+            ++fired;
+        };
+    }
+    const qint64 busyBefore = milliseconds(CLOCK_THREAD_CPUTIME_ID);
+    runFor(100);
+    EXPECT_LT(milliseconds(CLOCK_THREAD_CPUTIME_ID) - busyBefore, IDLE);
+    EXPECT_EQ(0, early);
+    EXPECT_EQ(40, fired);
+}
+
+TEST_F(AvahiPollAdapterTimeout, firesInTheOrderOfTheTimes)
+{
+    std::vector<char> order;
+    Timeout late(inMilliseconds(40));
+    Timeout early(inMilliseconds(10));
+    late.then = [&] { order.push_back('b'); };
+    early.then = [&] { order.push_back('a'); };
+    EXPECT_TRUE(runUntil([&] { return order.size() == 2; }));
+    EXPECT_EQ(std::vector<char>({'a', 'b'}), order);
+}
+
+TEST_F(AvahiPollAdapterTimeout, neverFiresWithoutATime)
+{
+    Timeout timeout(nullptr);
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, isDisabledByNoTime)
+{
+    Timeout timeout(wallTime());
+    timeout.disable();
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, isMovedByAnUpdate)
+{
+    Timeout timeout(wallTime());
+    timeout.update(inSeconds(60));
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+    timeout.update(inMilliseconds(5));
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, firesAgainWhenUpdatedInItsCallback)
+{
+    Timeout timeout(wallTime());
+    timeout.then = [&] {
+        if (timeout.calls < 3)
+            timeout.update(inMilliseconds(timeout.calls == 1 ? 0 : 5));
+    };
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 3; }));
+    runFewTurns();
+    EXPECT_EQ(3, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, staysOffWhenArmedAndDisabledInItsCallback)
+{
+    Timeout timeout(wallTime());
+    timeout.then = [&] {
+        timeout.update(wallTime());
+        timeout.disable();
+    };
+    runFewTurns();
+    EXPECT_EQ(1, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, isGoneAtOnceWhenFreedInItsCallback)
+{
+    const int objects = liveObjects;
+    Timeout timeout(wallTime());
+    int objectsAfter = -1;
+    timeout.then = [&] {
+        timeout.update(wallTime());
+        timeout.free();
+        objectsAfter = liveObjects;
+    };
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+    EXPECT_EQ(objects, objectsAfter);
+    runFewTurns();
+    EXPECT_EQ(1, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, isNotCalledOnceAnotherHasFreedItInTheSameTurn)
+{
+    Timeout first(wallTime());
+    Timeout second(wallTime());
+    first.then = [&] { second.free(); };
+    second.then = [&] { first.free(); };
+    runFewTurns();
+    EXPECT_EQ(1, first.calls + second.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, isNotCalledAfterItWasFreed)
+{
+    Timeout timeout(wallTime());
+    timeout.free();
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, waitsLongerThanQtCanCount)
+{
+    Timeout timeout(inSeconds(30 * DAY));
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+    monotonicClockOffset = 26 * DAY;
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+    monotonicClockOffset = 30 * DAY + 1;
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, sleepsWhileItIsFarAway)
+{
+    Timeout timeout(inSeconds(30 * DAY));
+    EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
+    EXPECT_EQ(0, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, waitsForTheLastTimeThereIs)
+{
+    timeval time = {};
+    time.tv_sec = std::numeric_limits<time_t>::max();
+    time.tv_usec = std::numeric_limits<suseconds_t>::max();
+    Timeout timeout(time);
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterTimeout, firesForTheFirstTimeThereIs)
+{
+    timeval time = {};
+    time.tv_sec = std::numeric_limits<time_t>::min();
+    time.tv_usec = std::numeric_limits<suseconds_t>::min();
+    Timeout timeout(time);
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, readsItsTimeByTheWallClock)
+{
+    wallClockOffset = 3600;
+    Timeout timeout(inMilliseconds(20));
+    runFewTurns();
+    EXPECT_EQ(0, timeout.calls);
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, isNotDelayedByAClockThatIsSetBack)
+{
+    Timeout timeout(inMilliseconds(20));
+    wallClockOffset = -3600;
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
+}
+
+TEST_F(AvahiPollAdapterTimeout, isNotHastenedByAClockThatIsPutForward)
+{
+    Timeout timeout(inSeconds(60));
+    wallClockOffset = 3600;
+    runFor(20);
+    EXPECT_EQ(0, timeout.calls);
+}
+
+// Nested event loops
+
+TEST_F(AvahiPollAdapterNestedLoop, defersATimeoutThatIsDueAgainWithoutSpinning)
+{
+    Timeout timeout(wallTime());
+    int callsInside = 0;
+    qint64 busy = 0;
+    timeout.then = [&] {
+        if (timeout.calls > 1)
+            return;
+        timeout.update(wallTime());
+        busy = busyTimeOfIdleLoop();
+        callsInside = timeout.calls;
+    };
+    EXPECT_TRUE(runUntil([&] { return timeout.calls == 2; }));
+    EXPECT_EQ(1, callsInside);
+    EXPECT_LT(busy, IDLE);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, sleepsInsideATimeoutThatHasFired)
+{
+    Timeout timeout(wallTime());
+    qint64 busy = 0;
+    timeout.then = [&] { busy = busyTimeOfIdleLoop(); };
+    EXPECT_TRUE(runUntil([&] { return timeout.calls != 0; }));
+    EXPECT_LT(busy, IDLE);
+    EXPECT_EQ(1, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, defersAWatchThatIsReadyAgainWithoutSpinning)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    size_t callsInside = 0;
+    qint64 busy = 0;
+    watch.then = [&] {
+        if (watch.events.size() > 1) {
+            ends.drain();
+            return;
+        }
+        busy = busyTimeOfIdleLoop();
+        callsInside = watch.events.size();
+    };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return watch.events.size() == 2; }));
+    EXPECT_EQ(1u, callsInside);
+    EXPECT_LT(busy, IDLE);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, defersAWatchThatIsUpdatedThere)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    Timeout inner(nullptr);
+    inner.then = [&] { watch.update(OUT); };
+    size_t callsInside = 0;
+    watch.then = [&] {
+        if (watch.events.size() > 1) {
+            watch.update(0);
+            return;
+        }
+        inner.update(wallTime());
+        runFor(20);
+        callsInside = watch.events.size();
+    };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return watch.events.size() == 2; }));
+    EXPECT_EQ(1u, callsInside);
+    EXPECT_EQ(Events({IN, OUT}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, dropsWhatWasDeferredIfItNoLongerApplies)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    Timeout timeout(nullptr);
+    watch.then = [&] {
+        runFor(20);
+        ends.drain();
+    };
+    timeout.then = [&] {
+        timeout.update(wallTime());
+        runFor(20);
+        timeout.disable();
+    };
+    ends.send();
+    timeout.update(wallTime());
+    EXPECT_TRUE(runUntil([&] { return !watch.events.empty() && timeout.calls != 0; }));
+    runFewTurns();
+    EXPECT_EQ(Events({IN}), watch.events);
+    EXPECT_EQ(1, timeout.calls);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, goesOnWithTheOthers)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    Timeout inner(nullptr);
+    Timeout outer(wallTime());
+    watch.then = [&] { ends.drain(); };
+    bool othersCalled = false;
+    outer.then = [&] {
+        ends.send();
+        inner.update(wallTime());
+        othersCalled = runUntil([&] { return watch.events.size() == 1 && inner.calls == 1; });
+    };
+    EXPECT_TRUE(runUntil([&] { return outer.calls == 1; }));
+    EXPECT_TRUE(othersCalled);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, mayFreeTheWatchWhoseCallbackRunsIt)
+{
+    Ends ends = Ends::ofSocket();
+    Watch watch(ends.here(), IN);
+    Timeout inner(nullptr);
+    inner.then = [&] { watch.free(); };
+    watch.then = [&] {
+        inner.update(wallTime());
+        runFor(20);
+    };
+    ends.send();
+    EXPECT_TRUE(runUntil([&] { return inner.calls == 1; }));
+    runFewTurns();
+    EXPECT_EQ(Events({IN}), watch.events);
+}
+
+TEST_F(AvahiPollAdapterNestedLoop, mayFreeTheTimeoutWhoseCallbackRunsIt)
+{
+    Timeout timeout(wallTime());
+    Timeout inner(nullptr);
+    inner.then = [&] { timeout.free(); };
+    timeout.then = [&] {
+        timeout.update(wallTime());
+        inner.update(wallTime());
+        runFor(20);
+    };
+    EXPECT_TRUE(runUntil([&] { return inner.calls == 1; }));
+    runFewTurns();
+    EXPECT_EQ(1, timeout.calls);
+}
+
+// Threads
+
+/** Makes, uses and frees a watch and a timeout in its run(). */
+class Worker : public QThread
+{
+public:
+    explicit Worker(Ends& ends) : m_ends(ends) {}
+
+    Events events;
+    int timeoutCalls = 0;
+    bool alwaysInWorker = true;
+    /** Hands the others over; wait() does as well, but where the thread sanitizer does not see it. */
+    std::atomic<bool> done{false};
+
+protected:
+    void run() override
+    {
+        QEventLoop loop;
+        Watch watch(m_ends.here(), IN);
+        Timeout timeout(nullptr);
+        Timeout giveUp(inSeconds(2));
+        watch.then = [&] {
+            noteThread();
+            m_ends.drain();
+            timeout.update(inMilliseconds(5));
+        };
+        timeout.then = [&] {
+            noteThread();
+            loop.quit();
+        };
+        giveUp.then = [&] { loop.quit(); };
+        m_ends.send();
+        loop.exec();
+        events = watch.events;
+        timeoutCalls = timeout.calls;
+        done = true;
+    }
+
+private:
+    void noteThread() { alwaysInWorker = alwaysInWorker && QThread::currentThread() == this; }
+
+    Ends& m_ends;
+};
+
+TEST_F(AvahiPollAdapterThread, servesEachObjectInTheLoopOfTheThreadThatMadeIt)
+{
+    Ends workersEnds = Ends::ofSocket();
+    Ends ownEnds = Ends::ofSocket();
+    Watch watch(ownEnds.here(), IN);
+    Timeout timeout(wallTime());
+    QThread* const here = QThread::currentThread();
+    bool alwaysHere = true;
+    watch.then = timeout.then = [&] { alwaysHere = alwaysHere && QThread::currentThread() == here; };
+    ownEnds.send();
+
+    Worker worker(workersEnds);
+    worker.start();
+    EXPECT_TRUE(runUntil([&] { return worker.done && !watch.events.empty() && timeout.calls != 0; }));
+    worker.wait();
+    EXPECT_EQ(Events({IN}), worker.events);
+    EXPECT_EQ(1, worker.timeoutCalls);
+    EXPECT_TRUE(worker.alwaysInWorker);
+    EXPECT_TRUE(alwaysHere);
+}
+
+// Converting times
+
+std::chrono::microseconds untilTime(time_t seconds, suseconds_t microseconds, std::int64_t nowInMicroseconds)
+{
+    timeval time = {};
+    time.tv_sec = seconds;
+    time.tv_usec = microseconds;
+    return vd::timeUntil(time, std::chrono::microseconds(nowInMicroseconds));
+}
+
+TEST(MonotonicDeadline, isTheDifferenceOfTimeAndNow)
+{
+    EXPECT_EQ(2000001, untilTime(1700000002, 500001, 1700000000500000).count());
+}
+
+TEST(MonotonicDeadline, isNegativeForThePast)
+{
+    EXPECT_EQ(-1, untilTime(1700000000, 499999, 1700000000500000).count());
+}
+
+TEST(MonotonicDeadline, takesMicrosecondsBeyondASecond)
+{
+    EXPECT_EQ(3500000, untilTime(1700000000, 3500000, 1700000000000000).count());
+    EXPECT_EQ(-500000, untilTime(1700000000, -500000, 1700000000000000).count());
+}
+
+TEST(MonotonicDeadline, isLimitedEitherWay)
+{
+    const time_t last = std::numeric_limits<time_t>::max();
+    const time_t first = std::numeric_limits<time_t>::min();
+    EXPECT_EQ(1000000000000000, untilTime(last, 0, 1700000000000000).count());
+    EXPECT_EQ(-1000000000000000, untilTime(first, 0, 1700000000000000).count());
+    EXPECT_EQ(2000000000000000, untilTime(last, last, 1700000000000000).count());
+    EXPECT_EQ(-2000000000000000, untilTime(first, first, 1700000000000000).count());
+}
+
+int intervalFor(std::chrono::microseconds left)
+{
+    const vd::MonotonicClock::time_point now = vd::MonotonicClock::time_point(std::chrono::hours(1));
+    return vd::timerInterval(now + left, now);
+}
+
+TEST(MonotonicDeadline, roundsATimersIntervalUp)
+{
+    EXPECT_EQ(1, intervalFor(std::chrono::microseconds(1)));
+    EXPECT_EQ(7, intervalFor(std::chrono::microseconds(7000)));
+    EXPECT_EQ(8, intervalFor(std::chrono::microseconds(7001)));
+}
+
+TEST(MonotonicDeadline, leavesNoIntervalOnceReached)
+{
+    EXPECT_EQ(0, intervalFor(std::chrono::microseconds(0)));
+    EXPECT_EQ(0, intervalFor(std::chrono::hours(-24 * 365)));
+}
+
+TEST(MonotonicDeadline, setsATimerForADayAtMost)
+{
+    EXPECT_EQ(86400000, intervalFor(std::chrono::hours(24)));
+    EXPECT_EQ(86400000, intervalFor(std::chrono::hours(24 * 365 * 30)));
+}
+
+} // namespace
