@@ -1,0 +1,381 @@
+// SPDX-License-Identifier: MIT
+#include "support/AvahiStandIn.h"
+
+#include <avahi-common/error.h>
+
+#include <gtest/gtest.h>
+
+#include <sstream>
+
+namespace {
+
+AvahiStandIn* theInstance = nullptr;
+
+std::string quoted(const char* text)
+{
+    return text ? '"' + std::string(text) + '"' : "null";
+}
+
+template <typename... Arguments>
+std::string callText(const std::string& function, const Arguments&... arguments)
+{
+    std::ostringstream out;
+    const char* separator = "";
+    out << function << '(';
+    ((out << separator << arguments, separator = ", "), ...);
+    out << ')';
+    return out.str();
+}
+
+AvahiStandIn& avahi()
+{
+    return AvahiStandIn::instance();
+}
+
+template <typename Opaque>
+Opaque* opaque(AvahiStandIn::Handle* handle)
+{
+    return reinterpret_cast<Opaque*>(handle);
+}
+
+} // namespace
+
+AvahiStandIn& AvahiStandIn::instance()
+{
+    return *theInstance;
+}
+
+AvahiStandIn::AvahiStandIn()
+{
+    theInstance = this;
+}
+
+AvahiStandIn::~AvahiStandIn()
+{
+    theInstance = nullptr;
+}
+
+std::vector<std::string> AvahiStandIn::takeCalls()
+{
+    std::vector<std::string> calls;
+    calls.swap(m_calls);
+    return calls;
+}
+
+void AvahiStandIn::failNext(const std::string& function, int error)
+{
+    m_failures[function] = error;
+}
+
+bool AvahiStandIn::isToFail(const std::string& function)
+{
+    const auto failure = m_failures.find(function);
+    if (failure == m_failures.end())
+        return false;
+    m_error = failure->second;
+    m_failures.erase(failure);
+    return true;
+}
+
+AvahiStandIn::Handle* AvahiStandIn::create(Kind kind, Handle* client, void* userData)
+{
+    Handle* handle = m_reuseAddresses ? m_freedLast[kind] : nullptr;
+    m_freedLast[kind] = nullptr;
+    if (handle) {
+        m_graveyard.push_back(std::make_unique<Handle>(*handle));
+    } else {
+        m_handles.push_back(std::make_unique<Handle>());
+        handle = m_handles.back().get();
+    }
+    *handle = Handle{kind, ++m_lastNumber[kind], true, client, userData, nullptr, nullptr, nullptr, nullptr};
+    m_userData.push_back(userData);
+    return handle;
+}
+
+AvahiStandIn::Handle* AvahiStandIn::checked(const void* pointer, Kind kind, const std::string& function)
+{
+    if (!pointer) {
+        ADD_FAILURE() << function << " was called with a null handle";
+        return nullptr;
+    }
+    for (const std::unique_ptr<Handle>& handle : m_handles) {
+        if (handle.get() != pointer)
+            continue;
+        if (handle->kind != kind || !handle->live) {
+            ADD_FAILURE() << function << " was called with the freed or mistaken handle " << nameOf(handle.get());
+            return nullptr;
+        }
+        return handle.get();
+    }
+    ADD_FAILURE() << function << " was called with a handle that was never given";
+    return nullptr;
+}
+
+void AvahiStandIn::release(Handle* handle)
+{
+    handle->live = false;
+    m_freedLast[handle->kind] = handle;
+}
+
+void AvahiStandIn::releaseChildren(Handle* client)
+{
+    for (const std::unique_ptr<Handle>& handle : m_handles) {
+        if (handle->live && handle->client == client)
+            release(handle.get());
+    }
+}
+
+std::string AvahiStandIn::nameOf(const Handle* handle)
+{
+    static const char* const names[] = {"client", "browser", "resolver", "recordBrowser"};
+    return names[handle->kind] + std::to_string(handle->number);
+}
+
+void AvahiStandIn::runDuringClientNew(AvahiClient* client)
+{
+    if (m_duringClientNew)
+        m_duringClientNew(client);
+}
+
+void AvahiStandIn::runDuringClientFree()
+{
+    if (m_duringClientFree)
+        m_duringClientFree();
+}
+
+AvahiStandIn::Handle* AvahiStandIn::byNumber(Kind kind, int number) const
+{
+    for (const std::unique_ptr<Handle>& handle : m_handles) {
+        if (handle->kind == kind && handle->number == number)
+            return handle.get();
+    }
+    ADD_FAILURE() << "there is no handle " << number << " of kind " << kind;
+    return nullptr;
+}
+
+AvahiClient* AvahiStandIn::client(int number) const
+{
+    return opaque<AvahiClient>(byNumber(Client, number));
+}
+
+AvahiServiceBrowser* AvahiStandIn::browser(int number) const
+{
+    return opaque<AvahiServiceBrowser>(byNumber(Browser, number));
+}
+
+AvahiServiceResolver* AvahiStandIn::resolver(int number) const
+{
+    return opaque<AvahiServiceResolver>(byNumber(Resolver, number));
+}
+
+AvahiRecordBrowser* AvahiStandIn::recordBrowser(int number) const
+{
+    return opaque<AvahiRecordBrowser>(byNumber(RecordBrowser, number));
+}
+
+std::vector<std::string> AvahiStandIn::liveHandles() const
+{
+    std::vector<std::string> names;
+    for (const std::unique_ptr<Handle>& handle : m_handles) {
+        if (handle->live)
+            names.push_back(nameOf(handle.get()));
+    }
+    return names;
+}
+
+void AvahiStandIn::fireClientState(AvahiClientState state, int number)
+{
+    Handle* handle = checked(client(number), Client, "fireClientState");
+    if (handle)
+        handle->clientCallback(client(number), state, handle->userData);
+}
+
+void AvahiStandIn::fireBrowse(AvahiServiceBrowser* browser, AvahiBrowserEvent event, int interface, int protocol,
+                              const char* name, const char* type, const char* domain)
+{
+    Handle* handle = checked(browser, Browser, "fireBrowse");
+    if (handle) {
+        handle->browserCallback(browser, interface, protocol, event, name, type, domain, AVAHI_LOOKUP_RESULT_MULTICAST,
+                                handle->userData);
+    }
+}
+
+void AvahiStandIn::fireResolve(AvahiServiceResolver* resolver, AvahiResolverEvent event, int interface, int protocol,
+                               const char* name, const char* type, const char* domain, const char* host,
+                               const AvahiAddress* address, uint16_t port, AvahiStringList* txt)
+{
+    Handle* handle = checked(resolver, Resolver, "fireResolve");
+    if (handle) {
+        handle->resolverCallback(resolver, interface, protocol, event, name, type, domain, host, address, port, txt,
+                                 AVAHI_LOOKUP_RESULT_MULTICAST, handle->userData);
+    }
+}
+
+void AvahiStandIn::fireRecord(AvahiRecordBrowser* browser, AvahiBrowserEvent event, const char* name,
+                              const void* data, size_t size)
+{
+    Handle* handle = checked(browser, RecordBrowser, "fireRecord");
+    if (handle) {
+        handle->recordCallback(browser, 2, AVAHI_PROTO_INET, event, name, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, data,
+                               size, AVAHI_LOOKUP_RESULT_MULTICAST, handle->userData);
+    }
+}
+
+extern "C" {
+
+AvahiClient* avahi_client_new(const AvahiPoll* poll, AvahiClientFlags flags, AvahiClientCallback callback,
+                              void* userData, int* error)
+{
+    AvahiStandIn& standIn = avahi();
+    const std::string call = callText("client_new", poll ? "poll" : "null", static_cast<int>(flags));
+    standIn.notePoll(poll);
+    if (standIn.isToFail("client_new")) {
+        *error = standIn.error();
+        standIn.record(call + " = null");
+        return nullptr;
+    }
+    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Client, nullptr, userData);
+    handle->clientCallback = callback;
+    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
+    standIn.runDuringClientNew(opaque<AvahiClient>(handle));
+    return opaque<AvahiClient>(handle);
+}
+
+void avahi_client_free(AvahiClient* client)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(client, AvahiStandIn::Client, "client_free");
+    if (!handle)
+        return;
+    standIn.record(callText("client_free", AvahiStandIn::nameOf(handle)));
+    standIn.runDuringClientFree();
+    standIn.releaseChildren(handle);
+    standIn.release(handle);
+}
+
+int avahi_client_errno(AvahiClient* client)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(client, AvahiStandIn::Client, "client_errno");
+    if (handle)
+        standIn.record(callText("client_errno", AvahiStandIn::nameOf(handle)));
+    return standIn.error();
+}
+
+AvahiServiceBrowser* avahi_service_browser_new(AvahiClient* client, AvahiIfIndex interface, AvahiProtocol protocol,
+                                               const char* type, const char* domain, AvahiLookupFlags flags,
+                                               AvahiServiceBrowserCallback callback, void* userData)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "service_browser_new");
+    if (!owner)
+        return nullptr;
+    const std::string call
+        = callText("service_browser_new", AvahiStandIn::nameOf(owner), interface, protocol, quoted(type),
+                   quoted(domain), static_cast<int>(flags));
+    if (standIn.isToFail("service_browser_new")) {
+        standIn.record(call + " = null");
+        return nullptr;
+    }
+    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Browser, owner, userData);
+    handle->browserCallback = callback;
+    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
+    return opaque<AvahiServiceBrowser>(handle);
+}
+
+int avahi_service_browser_free(AvahiServiceBrowser* browser)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::Browser, "service_browser_free");
+    if (!handle)
+        return AVAHI_ERR_BAD_STATE;
+    standIn.record(callText("service_browser_free", AvahiStandIn::nameOf(handle)));
+    standIn.release(handle);
+    return 0;
+}
+
+AvahiClient* avahi_service_browser_get_client(AvahiServiceBrowser* browser)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::Browser, "service_browser_get_client");
+    if (!handle)
+        return nullptr;
+    standIn.record(callText("service_browser_get_client", AvahiStandIn::nameOf(handle)));
+    return opaque<AvahiClient>(handle->client);
+}
+
+AvahiServiceResolver* avahi_service_resolver_new(AvahiClient* client, AvahiIfIndex interface, AvahiProtocol protocol,
+                                                 const char* name, const char* type, const char* domain,
+                                                 AvahiProtocol addressProtocol, AvahiLookupFlags flags,
+                                                 AvahiServiceResolverCallback callback, void* userData)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "service_resolver_new");
+    if (!owner)
+        return nullptr;
+    const std::string call
+        = callText("service_resolver_new", AvahiStandIn::nameOf(owner), interface, protocol, quoted(name),
+                   quoted(type), quoted(domain), addressProtocol, static_cast<int>(flags));
+    if (standIn.isToFail("service_resolver_new")) {
+        standIn.record(call + " = null");
+        return nullptr;
+    }
+    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Resolver, owner, userData);
+    handle->resolverCallback = callback;
+    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
+    return opaque<AvahiServiceResolver>(handle);
+}
+
+int avahi_service_resolver_free(AvahiServiceResolver* resolver)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(resolver, AvahiStandIn::Resolver, "service_resolver_free");
+    if (!handle)
+        return AVAHI_ERR_BAD_STATE;
+    standIn.record(callText("service_resolver_free", AvahiStandIn::nameOf(handle)));
+    standIn.release(handle);
+    return 0;
+}
+
+AvahiRecordBrowser* avahi_record_browser_new(AvahiClient* client, AvahiIfIndex interface, AvahiProtocol protocol,
+                                             const char* name, uint16_t clazz, uint16_t type, AvahiLookupFlags flags,
+                                             AvahiRecordBrowserCallback callback, void* userData)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "record_browser_new");
+    if (!owner)
+        return nullptr;
+    const std::string call = callText("record_browser_new", AvahiStandIn::nameOf(owner), interface, protocol,
+                                      quoted(name), clazz, type, static_cast<int>(flags));
+    if (standIn.isToFail("record_browser_new")) {
+        standIn.record(call + " = null");
+        return nullptr;
+    }
+    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::RecordBrowser, owner, userData);
+    handle->recordCallback = callback;
+    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
+    return opaque<AvahiRecordBrowser>(handle);
+}
+
+int avahi_record_browser_free(AvahiRecordBrowser* browser)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::RecordBrowser, "record_browser_free");
+    if (!handle)
+        return AVAHI_ERR_BAD_STATE;
+    standIn.record(callText("record_browser_free", AvahiStandIn::nameOf(handle)));
+    standIn.release(handle);
+    return 0;
+}
+
+AvahiClient* avahi_record_browser_get_client(AvahiRecordBrowser* browser)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::RecordBrowser, "record_browser_get_client");
+    if (!handle)
+        return nullptr;
+    standIn.record(callText("record_browser_get_client", AvahiStandIn::nameOf(handle)));
+    return opaque<AvahiClient>(handle->client);
+}
+
+} // extern "C"

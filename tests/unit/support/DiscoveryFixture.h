@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "support/AvahiStandIn.h"
+
+#include <vd/AvahiServiceDiscovery.h>
+
+#include <avahi-common/defs.h>
+#include <avahi-common/error.h>
+
+#include <vd/LogQt.h>
+
+#include <QtCore/QTextStream>
+
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <memory>
+#include <string>
+#include <vector>
+
+typedef std::vector<std::string> Lines;
+
+/** The members of a record that differ from a default one, in their order: `port=8080 https=1`. */
+std::string describe(const vd::SServiceInfo& info);
+
+/** The CRC that txtChecksum holds, computed bit by bit. */
+quint16 crcOf(const std::string& bytes);
+
+/** A TXT record, its strings in the order of the wire. Freed with this object. */
+class Txt
+{
+public:
+    Txt(std::initializer_list<std::string> strings);
+    ~Txt();
+    Txt(const Txt&) = delete;
+    Txt& operator=(const Txt&) = delete;
+
+    operator AvahiStringList*() const { return m_list; }
+
+private:
+    AvahiStringList* m_list;
+};
+
+/** An AvahiServiceDiscovery whose protected side is open to the tests. */
+class OpenDiscovery : public vd::AvahiServiceDiscovery
+{
+public:
+    using AvahiServiceDiscovery::cleanupAvahiMembers;
+    using AvahiServiceDiscovery::client;
+    using AvahiServiceDiscovery::entryGroup;
+    using AvahiServiceDiscovery::GetAxisTxtRecord;
+    using AvahiServiceDiscovery::getAvahiStringListValue;
+    using AvahiServiceDiscovery::GetSnapServerTxtRecord;
+    using AvahiServiceDiscovery::GetVandrelTxtRecord;
+    using AvahiServiceDiscovery::longLiveRecordBrowser;
+    using AvahiServiceDiscovery::longLiveResolver;
+    using AvahiServiceDiscovery::nameList;
+    using AvahiServiceDiscovery::queryTimer;
+    using AvahiServiceDiscovery::recordQueue;
+    using AvahiServiceDiscovery::registeredName;
+    using AvahiServiceDiscovery::registeredType;
+    using AvahiServiceDiscovery::resolvers;
+    using AvahiServiceDiscovery::serviceBrowsers;
+    using AvahiServiceDiscovery::services;
+    using AvahiServiceDiscovery::txtRecord;
+};
+
+/** An OpenDiscovery over the stand-in, with its log at level 1 and its signals written down. */
+class DiscoveryTest : public testing::Test
+{
+protected:
+    DiscoveryTest();
+    ~DiscoveryTest() override;
+
+    OpenDiscovery& discovery() { return *m_discovery; }
+    void destroyDiscovery() { m_discovery.reset(); }
+    /** Another owner will delete the object. */
+    OpenDiscovery* releaseDiscovery() { return m_discovery.release(); }
+
+    /** Browses one type and forgets the calls and messages that this took. */
+    void startBrowsing(const char* type = "_http._tcp");
+
+    // What was logged, signalled and called since the last time this was asked. Log lines begin with their level.
+    Lines takeLog();
+    Lines takeSignals();
+    Lines takeCalls() { return avahi.takeCalls(); }
+    void forgetAll();
+
+    /** The service table, a line an entry: `"key": members`. */
+    Lines table();
+    /** The queue, a line an entry: `name, type`. */
+    Lines queue();
+
+    /** Runs inside the slot of the next signal of any kind. */
+    void inNextSlot(std::function<void()> action) { m_inNextSlot = std::move(action); }
+
+    // Events that a device causes. The service is resolved by the resolver that was made last unless given.
+    void appears(const char* name, const char* type = "_http._tcp", int interface = 2);
+    void disappears(const char* name, const char* type = "_http._tcp");
+    void resolved(int resolver, const char* name, const char* host, const char* address, AvahiStringList* txt,
+                  const char* type = "_http._tcp", uint16_t port = 80);
+    void resolveFails(int resolver, const char* name, int error, const char* type = "_http._tcp",
+                      const char* host = nullptr);
+    void record(int recordBrowser, AvahiBrowserEvent event, const char* host, const char* address);
+
+    /** A camera found at @p address with resolver @p number, and all that was written down forgotten. */
+    void cameraFound(const char* name, const char* host, const char* address, int number = 1);
+
+    AvahiStandIn avahi;
+
+private:
+    void noteSignal(const std::string& line);
+
+    std::unique_ptr<OpenDiscovery> m_discovery;
+    QString m_logText;
+    QTextStream m_logStream;
+    Lines m_signals;
+    std::function<void()> m_inNextSlot;
+};
