@@ -1,0 +1,142 @@
+# SPDX-License-Identifier: MIT
+"""What vd-discover does where the bus or the Avahi daemon is missing or hangs."""
+
+import os
+import pty
+import signal
+import time
+
+import pytest
+
+from conftest import wait_until
+
+BUS_REMEDY = (b'vd-discover: the D-Bus system bus cannot be reached; start it with "sudo systemctl start dbus", '
+              b'or install it with "sudo apt install dbus"')
+DAEMON_REMEDY = (b"vd-discover: the Avahi daemon is not running; start it with "
+                 b'"sudo systemctl start avahi-daemon", or install it with "sudo apt install avahi-daemon"')
+HANG_REMEDY = (b"vd-discover: the Avahi daemon or the system bus does not answer; restart the daemon with "
+               b'"sudo systemctl restart avahi-daemon"')
+WAITING = b"; waiting for it"
+
+
+def read_line(process):
+    return process.stderr.readline().rstrip(b"\n")
+
+
+def is_interrupt_handled(process):
+    """Whether the process has come as far as to end cleanly at SIGINT."""
+    with open(f"/proc/{process.pid}/status", encoding="ascii") as status:
+        caught = next(line for line in status if line.startswith("SigCgt:"))
+    return bool(int(caught.split()[1], 16) >> (signal.SIGINT - 1) & 1)
+
+
+def cpu_seconds(process):
+    with open(f"/proc/{process.pid}/stat", encoding="ascii") as stat:
+        fields = stat.read().rsplit(")", 1)[1].split()
+    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+
+
+def test_a_missing_bus_is_told_in_one_line_within_two_seconds(tool):
+    begin = time.monotonic()
+    assert tool.run() == (3, b"", BUS_REMEDY + b"\n")
+    assert time.monotonic() - begin < 2
+
+
+def test_a_missing_daemon_is_told_in_one_line_within_two_seconds(tool, bare_bus):
+    begin = time.monotonic()
+    assert tool.run() == (3, b"", DAEMON_REMEDY + b"\n")
+    assert time.monotonic() - begin < 2
+
+
+def test_a_bus_that_hangs_is_told_in_one_line_within_two_seconds(tool, silent_bus):
+    begin = time.monotonic()
+    assert tool.run() == (3, b"", HANG_REMEDY + b"\n")
+    assert time.monotonic() - begin < 2
+
+
+def test_json_does_not_change_what_is_told(tool):
+    assert tool.run("--format", "json") == (3, b"", BUS_REMEDY + b"\n")
+
+
+@pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
+def test_following_waits_for_the_bus_until_it_is_interrupted(tool, number):
+    process = tool.start("--follow")
+    assert read_line(process) == BUS_REMEDY + WAITING
+    time.sleep(1.2)
+    process.send_signal(number)
+    output, errors = process.communicate(timeout=5)
+    assert (process.returncode, output, errors) == (3, b"", b"")
+
+
+def test_following_waits_for_the_daemon_and_tells_once(tool, bare_bus):
+    process = tool.start("--follow")
+    assert read_line(process) == DAEMON_REMEDY + WAITING
+    time.sleep(1.2)
+    process.send_signal(signal.SIGINT)
+    assert process.communicate(timeout=5) == (b"", b"")
+    assert process.returncode == 3
+
+
+def test_following_notices_that_the_bus_goes_away(tool, bare_bus):
+    process = tool.start("--follow")
+    assert read_line(process) == DAEMON_REMEDY + WAITING
+    bare_bus.send_signal(signal.SIGTERM)
+    bare_bus.wait()
+    assert read_line(process) == BUS_REMEDY + WAITING
+
+
+def test_waiting_costs_no_cpu(tool):
+    process = tool.start("--follow")
+    read_line(process)
+    before = cpu_seconds(process)
+    time.sleep(2)
+    assert cpu_seconds(process) - before < 0.1
+
+
+def test_a_second_signal_ends_the_process_even_while_it_is_blocked(tool, silent_bus):
+    process = tool.start("--follow")
+    assert read_line(process) == HANG_REMEDY + WAITING
+    process.send_signal(signal.SIGINT)
+    wait_until(lambda: not is_interrupt_handled(process))
+    assert process.poll() is None
+    process.send_signal(signal.SIGINT)
+    assert process.wait(timeout=5) == -signal.SIGINT
+
+
+def test_a_second_signal_may_be_another_one(tool, silent_bus):
+    process = tool.start("--follow")
+    read_line(process)
+    process.send_signal(signal.SIGINT)
+    wait_until(lambda: not is_interrupt_handled(process))
+    process.send_signal(signal.SIGTERM)
+    assert process.wait(timeout=5) == -signal.SIGTERM
+
+
+def test_following_ends_when_its_reader_is_gone(tool):
+    process = tool.start("--follow")
+    read_line(process)
+    process.stdout.close()
+    assert process.wait(timeout=5) == 3
+    assert process.stderr.read() == b""
+
+
+def test_closed_standard_descriptors_do_no_harm(tool):
+    status, _, errors = tool.run(preexec_fn=lambda: os.closerange(0, 2), stdin=None, stdout=None)
+    assert (status, errors) == (3, BUS_REMEDY + b"\n")
+
+
+def test_verbose_writes_the_log_to_standard_error_only(tool):
+    status, output, errors = tool.run("--verbose")
+    assert (status, output) == (3, b"")
+    log = [line for line in errors.splitlines() if b"AvahiServiceDiscovery::" in line]
+    assert [line for line in errors.splitlines() if line not in log] == [BUS_REMEDY]
+    assert log[0].endswith(b"AvahiServiceDiscovery::BrowseServices() -> starting to browse for Bonjour services")
+
+
+def test_a_terminal_gets_the_same_one_line(tool):
+    primary, secondary = pty.openpty()
+    process = tool.start(stdout=secondary, stderr=secondary, environment={"TERM": "xterm"})
+    os.close(secondary)
+    assert process.wait(timeout=5) == 3
+    assert os.read(primary, 4096) == BUS_REMEDY + b"\r\n"
+    os.close(primary)
