@@ -1,0 +1,148 @@
+/* SPDX-License-Identifier: MIT
+ *
+ * What library-client does, with nothing between it and Avahi: a resolver for every NEW at once, at its answer the
+ * TXT strings are read, a record browser for the host's A records is opened and the resolver freed; the record
+ * browser is freed at ALL_FOR_NOW. Prints what it took to resolve COUNT devices as one JSON line.
+ */
+#include <avahi-client/client.h>
+#include <avahi-client/lookup.h>
+#include <avahi-common/defs.h>
+#include <avahi-common/malloc.h>
+#include <avahi-common/simple-watch.h>
+
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <time.h>
+
+enum { TIMEOUT_S = 60, NAME_SIZE = 256 };
+
+static AvahiSimplePoll* poll_api;
+static AvahiClient* client;
+static struct timespec start;
+static int wanted;
+static int found;
+static int known;
+static char (*names)[NAME_SIZE];
+
+static double elapsed_ms(void)
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return (double)(now.tv_sec - start.tv_sec) * 1e3 + (double)(now.tv_nsec - start.tv_nsec) / 1e6;
+}
+
+static double cpu_ms(void)
+{
+    struct rusage usage;
+    getrusage(RUSAGE_SELF, &usage);
+    return (double)(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) * 1e3
+           + (double)(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e3;
+}
+
+/* A device is seen over IPv4 and IPv6 and counts once. */
+static int is_new(const char* name)
+{
+    for (int i = 0; i < known; i++)
+        if (strcmp(names[i], name) == 0)
+            return 0;
+    snprintf(names[known++], NAME_SIZE, "%s", name);
+    return 1;
+}
+
+static void record_event(AvahiRecordBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol,
+                         AvahiBrowserEvent event, const char* name, uint16_t clazz, uint16_t type, const void* data,
+                         size_t size, AvahiLookupResultFlags flags, void* userdata)
+{
+    (void)interface, (void)protocol, (void)name, (void)clazz, (void)type, (void)data, (void)size, (void)flags;
+    (void)userdata;
+    if (event != AVAHI_BROWSER_NEW && event != AVAHI_BROWSER_REMOVE)
+        avahi_record_browser_free(browser);
+}
+
+static void read_txt(AvahiStringList* txt)
+{
+    for (; txt; txt = avahi_string_list_get_next(txt)) {
+        char* key = NULL;
+        char* value = NULL;
+        avahi_string_list_get_pair(txt, &key, &value, NULL);
+        avahi_free(value);
+        avahi_free(key);
+    }
+}
+
+static void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, AvahiProtocol protocol,
+                     AvahiResolverEvent event, const char* name, const char* type, const char* domain,
+                     const char* host, const AvahiAddress* address, uint16_t port, AvahiStringList* txt,
+                     AvahiLookupResultFlags flags, void* userdata)
+{
+    (void)type, (void)domain, (void)address, (void)port, (void)flags, (void)userdata;
+    if (event == AVAHI_RESOLVER_FOUND) {
+        read_txt(txt);
+        avahi_record_browser_new(client, interface, protocol, host, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, 0,
+                                 record_event, NULL);
+        if (found < wanted && is_new(name) && ++found == wanted) {
+            printf("{\"found\": %d, \"lastFoundMs\": %.1f, \"cpuMs\": %.1f}\n", found, elapsed_ms(), cpu_ms());
+            avahi_simple_poll_quit(poll_api);
+        }
+    }
+    avahi_service_resolver_free(resolver);
+}
+
+static void browsed(AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol,
+                    AvahiBrowserEvent event, const char* name, const char* type, const char* domain,
+                    AvahiLookupResultFlags flags, void* userdata)
+{
+    (void)browser, (void)protocol, (void)flags, (void)userdata;
+    if (event == AVAHI_BROWSER_NEW)
+        avahi_service_resolver_new(client, interface, AVAHI_PROTO_UNSPEC, name, type, domain, AVAHI_PROTO_UNSPEC,
+                                   AVAHI_LOOKUP_USE_MULTICAST, resolved, NULL);
+}
+
+static void client_state(AvahiClient* changed, AvahiClientState state, void* userdata)
+{
+    (void)changed, (void)state, (void)userdata;
+}
+
+static void timed_out(AvahiTimeout* timeout, void* userdata)
+{
+    (void)timeout, (void)userdata;
+    fprintf(stderr, "plain-client: %d of %d devices after %d s\n", found, wanted, TIMEOUT_S);
+    exit(1);
+}
+
+int main(int argc, char** argv)
+{
+    wanted = argc == 3 ? atoi(argv[2]) : 0;
+    if (wanted < 1) {
+        fprintf(stderr, "usage: plain-client TYPE COUNT\n");
+        return 2;
+    }
+    names = calloc((size_t)wanted + 1, sizeof *names);
+    clock_gettime(CLOCK_MONOTONIC, &start);
+    poll_api = avahi_simple_poll_new();
+    const AvahiPoll* api = avahi_simple_poll_get(poll_api);
+    int error;
+    client = avahi_client_new(api, AVAHI_CLIENT_NO_FAIL, client_state, NULL, &error);
+    AvahiServiceBrowser* browser = NULL;
+    if (client)
+        browser = avahi_service_browser_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, argv[1], NULL,
+                                            AVAHI_LOOKUP_USE_MULTICAST, browsed, NULL);
+    if (!browser) {
+        fprintf(stderr, "plain-client: cannot browse; is avahi-daemon running?\n");
+        return 3;
+    }
+    struct timeval until;
+    gettimeofday(&until, NULL);
+    until.tv_sec += TIMEOUT_S;
+    AvahiTimeout* timeout = api->timeout_new(api, &until, timed_out, NULL);
+    avahi_simple_poll_loop(poll_api);
+    api->timeout_free(timeout);
+    avahi_service_browser_free(browser);
+    avahi_client_free(client);
+    avahi_simple_poll_free(poll_api);
+    free(names);
+    return 0;
+}
