@@ -7,6 +7,9 @@
 #include <QtCore/QMetaObject>
 #include <QtCore/QThread>
 
+#include <chrono>
+#include <future>
+
 namespace {
 
 const std::string SERIAL = "ser_no.vandrel.com=\x01\x02\x03";
@@ -145,22 +148,26 @@ TEST_F(JourneysTest, AddressRecordOfALostServiceIsReportedForADefaultRecord)
 
 TEST_F(JourneysTest, QueuedConnectionsCarryTheRecordToAnotherThread)
 {
+    // The promises order the threads in a way that the thread sanitizer sees, which Qt's event queue does not.
+    std::promise<void> emitted;
+    std::promise<std::string> received;
     QThread thread;
     QObject receiver;
     receiver.moveToThread(&thread);
+    QMetaObject::invokeMethod(&receiver, [&] { emitted.get_future().wait(); }, Qt::QueuedConnection);
     thread.start();
-    std::string received;
-    QThread* receivedIn = nullptr;
-    QObject::connect(&discovery(), &vd::ServiceDiscovery::serviceFound, &receiver,
-                     [&](vd::SServiceInfo info) {
-                         received = describe(info);
-                         receivedIn = QThread::currentThread();
-                         thread.quit();
-                     },
-                     Qt::QueuedConnection);
+    QObject::connect(
+        &discovery(), &vd::ServiceDiscovery::serviceFound, &receiver,
+        [&](vd::SServiceInfo info) {
+            received.set_value(QThread::currentThread() == &thread ? describe(info) : "in the wrong thread");
+        },
+        Qt::QueuedConnection);
     appears("Cam");
     resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
-    ASSERT_TRUE(thread.wait(5000));
-    EXPECT_EQ("found " + received, takeSignals().front());
-    EXPECT_EQ(receivedIn, &thread);
+    emitted.set_value();
+    std::future<std::string> record = received.get_future();
+    ASSERT_EQ(record.wait_for(std::chrono::seconds(5)), std::future_status::ready);
+    EXPECT_EQ("found " + record.get(), takeSignals().front());
+    thread.quit();
+    EXPECT_TRUE(thread.wait(5000));
 }
