@@ -46,14 +46,19 @@ def test_the_hosts_logger_gets_the_librarys_messages_at_their_level(host, prefix
     assert output_of(host, prefix, threshold=1) == [
         "address copied: 1",
         "browsing: 0",
-        "prefixes: 2, without the lock: 0",
+        "prefixes: 5, without the lock: 0",
+        "number flags restored: 1",
         "level 0:",
         "level 1:",
         "host: AvahiServiceDiscovery::BrowseServices() -> starting to browse for Bonjour services",
         "host: AvahiServiceDiscovery::BrowseServices() ->  could not create Avahi client",
+        "host: AvahiServiceDiscovery::ServiceResolve() -> resolving Vandrel service: Cam type: _http._tcp"
+        " domain: local",
+        "host: \t\tser_no_vandrel.com ABC",
         "level 2:",
         "level 3:",
         "level 4:",
+        "host: AvahiServiceDiscovery::ServiceResolve() -> resolved service without Ip-Address",
     ]
 
 
@@ -61,12 +66,14 @@ def test_the_hosts_logger_gets_nothing_below_its_threshold(host, prefix):
     assert output_of(host, prefix, threshold=2) == [
         "address copied: 1",
         "browsing: 0",
-        "prefixes: 0, without the lock: 0",
+        "prefixes: 1, without the lock: 0",
+        "number flags restored: 1",
         "level 0:",
         "level 1:",
         "level 2:",
         "level 3:",
         "level 4:",
+        "host: AvahiServiceDiscovery::ServiceResolve() -> resolved service without Ip-Address",
     ]
 
 

@@ -204,3 +204,102 @@ TEST_F(BrowseEventsTest, HostileNameForgesNoLogLine)
     EXPECT_EQ(takeLog().front(), "[1] AvahiServiceDiscovery::ServiceBrowse() -> Browsing: a\\x0a[1] forged\\x1b[2J "
                                  "type: _http._tcp domain: local");
 }
+
+TEST_F(BrowseEventsTest, NewServiceIsResolvedInItsOwnDomain)
+{
+    avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_NEW, 3, AVAHI_PROTO_INET, "Cam", "_http._tcp", "example.org");
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, 3, -1, \"Cam\", \"_http._tcp\", \"example.org\", "
+                                 "-1, 2) = resolver1"});
+}
+
+TEST_F(BrowseEventsTest, FlagsOfAnEventAreIgnored)
+{
+    for (const AvahiLookupResultFlags flags : {AVAHI_LOOKUP_RESULT_CACHED, AVAHI_LOOKUP_RESULT_LOCAL,
+                                               AVAHI_LOOKUP_RESULT_OUR_OWN, AVAHI_LOOKUP_RESULT_STATIC}) {
+        discovery().ServiceBrowse(avahi.browser(), 2, AVAHI_PROTO_INET, AVAHI_BROWSER_NEW, "Cam", "_http._tcp",
+                                  "local", flags, nullptr);
+        EXPECT_EQ(takeCalls().size(), 1u) << flags;
+    }
+}
+
+TEST_F(BrowseEventsTest, HostileTypeAndDomainForgeNoLogLine)
+{
+    avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_NEW, 2, AVAHI_PROTO_INET, "Cam", "t\n[1]", "d\x1b[2J");
+    EXPECT_EQ(takeLog().front(),
+              "[1] AvahiServiceDiscovery::ServiceBrowse() -> Browsing: Cam type: t\\x0a[1] domain: d\\x1b[2J");
+}
+
+TEST_F(BrowseEventsTest, HostileLostServiceForgesNoLogLine)
+{
+    discovery().services[QStringLiteral("Cam")].serviceName = QStringLiteral("n\n[1]");
+    avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_REMOVE, 2, AVAHI_PROTO_INET, "Cam", "t\n[1]", "d\x1b[2J");
+    EXPECT_EQ(takeLog(), Lines{"[1] AvahiServiceDiscovery::ServiceBrowse() -> removing service: n\\x0a[1] "
+                               "type: t\\x0a[1] domain: d\\x1b[2J"});
+}
+
+TEST_F(BrowseEventsTest, LosingAServiceTakesItsNameWithItsCase)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    disappears("cam");
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(table().size(), 2u);
+}
+
+TEST_F(BrowseEventsTest, LosingAServiceInAnotherDomainOnAnotherInterfaceRemovesTheSharedEntry)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_REMOVE, 9, AVAHI_PROTO_INET6, "Cam", "_http._tcp",
+                     "example.org");
+    EXPECT_EQ(takeSignals().size(), 1u);
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(BrowseEventsTest, HostEntryIsFoundByTheRecordHostName)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    discovery().services[QStringLiteral("Cam")].hostName = QStringLiteral("other.local");
+    discovery().services[QStringLiteral("other.local")] = vd::SServiceInfo();
+    disappears("Cam");
+    EXPECT_EQ(table(), Lines{"\"other.local\": "});
+}
+
+TEST_F(BrowseEventsTest, HostEntryIsTheOneThatTheRecordNamesAfterTheSignal)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    discovery().services[QStringLiteral("other.local")] = vd::SServiceInfo();
+    inNextSlot(
+        [this] { discovery().services[QStringLiteral("Cam")].recordHostName = QStringLiteral("other.local"); });
+    disappears("Cam");
+    EXPECT_EQ(table(), Lines{"\"cam.local\": serviceName='Cam'"});
+}
+
+TEST_F(BrowseEventsTest, EntryThatIsGoneAfterTheSignalCountsAsADefaultOne)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    discovery().services[QString()] = vd::SServiceInfo();
+    inNextSlot([this] { discovery().services.remove(QStringLiteral("Cam")); });
+    disappears("Cam");
+    EXPECT_EQ(table(), Lines{"\"cam.local\": serviceName='Cam'"});
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(BrowseEventsTest, QueueEntriesOfOtherNamesStay)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    for (const char* name : {"cam", "Can", "Dam", "am", "XCam", "Cam "})
+        discovery().recordQueue.append(qMakePair(QString::fromLatin1(name), QStringLiteral("_http._tcp")));
+    disappears("Cam");
+    EXPECT_EQ(queue(), (Lines{"cam, _http._tcp", "Can, _http._tcp", "Dam, _http._tcp", "am, _http._tcp",
+                              "XCam, _http._tcp", "Cam , _http._tcp"}));
+}
+
+TEST_F(BrowseEventsTest, FailureWithoutABrowserIsLoggedWithTheClientsText)
+{
+    avahi.setError(AVAHI_ERR_DBUS_ERROR);
+    discovery().ServiceBrowse(nullptr, -1, -1, AVAHI_BROWSER_FAILURE, nullptr, nullptr, nullptr,
+                              static_cast<AvahiLookupResultFlags>(0), nullptr);
+    EXPECT_EQ(takeLog(), Lines{std::string("[1] AvahiServiceDiscovery::ServiceBrowse() -> Avahi Browser error: ")
+                               + avahi_strerror(AVAHI_ERR_DBUS_ERROR)});
+    EXPECT_EQ(takeCalls(), Lines{"client_errno(client1)"});
+}

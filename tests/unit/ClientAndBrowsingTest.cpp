@@ -171,6 +171,7 @@ TEST_F(ClientAndBrowsingTest, TerminateLeavesTheValuesOfWhatTheClientTookWithIt)
     discovery().longLiveResolver = resolver;
     discovery().longLiveRecordBrowser = recordBrowser;
     discovery().resolvers.append(vd::SResolverInfo());
+    discovery().nameList.append(QStringLiteral("name"));
     discovery().registeredName = "name";
     discovery().registeredType = "type";
     discovery().TerminateBrowsing();
@@ -179,6 +180,7 @@ TEST_F(ClientAndBrowsingTest, TerminateLeavesTheValuesOfWhatTheClientTookWithIt)
     EXPECT_EQ(discovery().longLiveResolver, resolver);
     EXPECT_EQ(discovery().longLiveRecordBrowser, recordBrowser);
     EXPECT_EQ(discovery().resolvers.size(), 1);
+    EXPECT_EQ(discovery().nameList.size(), 1);
     EXPECT_EQ(discovery().registeredName, "name");
     EXPECT_EQ(discovery().registeredType, "type");
 }
@@ -257,4 +259,23 @@ TEST_F(ClientAndBrowsingTest, ClientFailureInsideItsCreationIsLogged)
     EXPECT_TRUE(discovery().BrowseServices("_http._tcp"));
     EXPECT_EQ(takeLog(),
               (Lines{STARTING, "[1] AvahiServiceDiscovery::SAvahiClient_callback() -> Avahi client failure"}));
+}
+
+TEST_F(ClientAndBrowsingTest, WhatIsKnownIsForgottenOnlyAfterTheClientWasFreed)
+{
+    startBrowsing();
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    discovery().txtRecord = avahi_string_list_new("key=value", nullptr);
+    Lines tableDuring;
+    Lines queueDuring;
+    AvahiStringList* txtDuring = nullptr;
+    avahi.duringClientFree([&] {
+        tableDuring = table();
+        queueDuring = queue();
+        txtDuring = discovery().txtRecord;
+    });
+    discovery().TerminateBrowsing();
+    EXPECT_EQ(tableDuring.size(), 2u);
+    EXPECT_EQ(queueDuring, Lines{"Cam, _http._tcp"});
+    EXPECT_NE(txtDuring, nullptr);
 }

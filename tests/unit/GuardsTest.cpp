@@ -263,6 +263,95 @@ TEST_F(GuardsTest, ServicesThatAppearWhileTheClientIsFreedAreNotResolved)
     EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
 }
 
+TEST_F(GuardsTest, BrowseEventsThatArriveWhileTheClientIsFreedDoNothing)
+{
+    startBrowsing();
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    avahi.duringClientFree([this] {
+        for (const AvahiBrowserEvent event : {AVAHI_BROWSER_NEW, AVAHI_BROWSER_REMOVE, AVAHI_BROWSER_FAILURE})
+            discovery().ServiceBrowse(nullptr, 2, AVAHI_PROTO_INET, event, "Cam", "_http._tcp", "local",
+                                      static_cast<AvahiLookupResultFlags>(0), nullptr);
+    });
+    discovery().TerminateBrowsing();
+    EXPECT_EQ(takeLog(), Lines{"[1] AvahiServiceDiscovery::TerminateBrowsing"});
+    EXPECT_EQ(takeSignals(), Lines());
+}
+
+TEST_F(GuardsTest, EventsBeforeBrowsingAreSurvived)
+{
+    AvahiAddress address;
+    ASSERT_TRUE(avahi_address_parse("10.0.0.1", AVAHI_PROTO_INET, &address));
+    const AvahiLookupResultFlags none = static_cast<AvahiLookupResultFlags>(0);
+    discovery().ServiceBrowse(nullptr, 2, 0, AVAHI_BROWSER_FAILURE, nullptr, nullptr, nullptr, none, nullptr);
+    discovery().ServiceResolve(nullptr, 2, 0, AVAHI_RESOLVER_FAILURE, "Cam", "_http._tcp", "local", nullptr,
+                               nullptr, 0, nullptr, none, nullptr);
+    discovery().ServiceResolve(nullptr, 2, 0, AVAHI_RESOLVER_FOUND, "Cam", "_http._tcp", "local", "cam.local",
+                               &address, 80, camera, none, nullptr);
+    discovery().RecordBrowse(nullptr, 2, 0, AVAHI_BROWSER_FAILURE, "cam.local", 1, 1, nullptr, 0, none, nullptr);
+    EXPECT_EQ(takeCalls(), Lines());
+    EXPECT_EQ(takeSignals().size(), 1u);
+}
+
+TEST_F(GuardsTest, EndOfDiscoveryInANestedHandlerEndsEveryHandler)
+{
+    startBrowsing();
+    cameraFound("Other", "other.local", "10.0.0.2");
+    appears("Cam");
+    takeCalls();
+    inNextSlot([this] {
+        inNextSlot([this] { discovery().TerminateBrowsing(); });
+        disappears("Other");
+    });
+    resolved(2, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(GuardsTest, EndOfDiscoveryAfterANestedHandlerEndsTheOuterOne)
+{
+    startBrowsing();
+    cameraFound("Other", "other.local", "10.0.0.2");
+    appears("Cam");
+    takeCalls();
+    inNextSlot([this] {
+        disappears("Other");
+        discovery().TerminateBrowsing();
+    });
+    resolved(2, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(GuardsTest, StoppingAQueryInANestedHandlerFreesTheOuterHandlersResolverOnce)
+{
+    startBrowsing();
+    discovery().StartQueryRecords("Cam", "_http._tcp", true);
+    cameraFound("Other", "other.local", "10.0.0.2", 2);
+    inNextSlot([this] {
+        inNextSlot([this] { discovery().StopQueryRecords("Cam", "_http._tcp"); });
+        disappears("Other");
+    });
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)",
+                                  "record_browser_new(client1, 2, 0, \"cam.local\", 1, 1, 0) = recordBrowser2"}));
+}
+
+TEST_F(GuardsTest, DeletingInANestedHandlerIsSurvived)
+{
+    startBrowsing();
+    cameraFound("Other", "other.local", "10.0.0.2");
+    appears("Cam");
+    takeCalls();
+    inNextSlot([this] {
+        inNextSlot([this] { destroyDiscovery(); });
+        disappears("Other");
+    });
+    resolved(2, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+}
+
 /** Everything a slot may do, for each signal. */
 class SlotGuardsTest : public GuardsTest, public testing::WithParamInterface<Event>
 {
@@ -331,14 +420,14 @@ TEST_P(SlotGuardsTest, StartingAnewInTheSlotTouchesNothingOfTheNewSession)
     cause([this] {
         discovery().TerminateBrowsing();
         discovery().BrowseServices("_http._tcp");
-        discovery().ResolveService(2, "Other", "_http._tcp", "local");
+        discovery().ResolveService(2, "Cam", "_http._tcp", "local");
     });
     Lines kinds;
     for (const std::string& handle : avahi.liveHandles())
         kinds.push_back(handle.substr(0, 7));
     std::sort(kinds.begin(), kinds.end());
     EXPECT_EQ(kinds, (Lines{"browser", "client2", "resolve"}));
-    EXPECT_EQ(table(), Lines{"\"Other\": "});
+    EXPECT_EQ(table(), Lines{"\"Cam\": "});
     EXPECT_EQ(queue(), Lines());
 }
 

@@ -171,3 +171,15 @@ TEST_F(JourneysTest, QueuedConnectionsCarryTheRecordToAnotherThread)
     thread.quit();
     EXPECT_TRUE(thread.wait(5000));
 }
+
+TEST_F(JourneysTest, DeviceIsFoundAgainOnceBrowsingWasEndedAndStartedAgain)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    discovery().TerminateBrowsing();
+    discovery().BrowseServices("_http._tcp");
+    avahi.fireBrowse(avahi.browser(2), AVAHI_BROWSER_NEW, 2, AVAHI_PROTO_INET, "Cam", "_http._tcp", "local");
+    resolved(2, "Cam", "cam.local", "10.0.0.1", camera);
+    record(2, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.2");
+    avahi.fireBrowse(avahi.browser(2), AVAHI_BROWSER_REMOVE, 2, AVAHI_PROTO_INET, "Cam", "_http._tcp", "local");
+    EXPECT_EQ(namesOf(takeSignals()), (Lines{"found", "address", "lost"}));
+}

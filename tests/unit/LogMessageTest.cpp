@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "support/LogMessage.h"
 
+#include <QtCore/QDateTime>
 #include <QtCore/QRegularExpression>
 
 #include <gtest/gtest.h>
@@ -122,4 +123,29 @@ TEST_F(LogMessageTest, ThresholdAndStreamMayChangeWhileOthersLog)
     text.clear();
     vd::logMessage(1, "still works");
     EXPECT_TRUE(text.contains(QLatin1String("[1] still works\n")));
+}
+
+TEST_F(LogMessageTest, WritesTheTimeInUtc)
+{
+    const QDateTime before = QDateTime::currentDateTimeUtc();
+    vd::logMessage(1, "text");
+    const QDateTime written = QDateTime::fromString(text.section(QLatin1Char(' '), 0, 0), Qt::ISODateWithMs);
+    EXPECT_EQ(written.timeSpec(), Qt::UTC);
+    EXPECT_GE(written, before);
+    EXPECT_LE(written, QDateTime::currentDateTimeUtc());
+}
+
+TEST_F(LogMessageTest, WritesTheLevelWhateverTheStreamsNumberFormat)
+{
+    stream.setNumberFlags(QTextStream::ForceSign | QTextStream::ShowBase);
+    stream.setIntegerBase(2);
+    vd::logMessage(4, "text");
+    EXPECT_TRUE(text.contains(QLatin1String(" [4] text\n"))) << text.toStdString();
+}
+
+TEST_F(LogMessageTest, PrefixWithoutAStreamIsNone)
+{
+    vd::LogQt::setStream(nullptr);
+    vd::LogQt::pre(4);
+    EXPECT_EQ(text, QString());
 }

@@ -69,3 +69,20 @@ TEST(PrintableText, ReplacesBytesThatAreNotUtf8)
 {
     EXPECT_EQ(printable("a\xff" "b"), "a\xef\xbf\xbd" "b");
 }
+
+TEST(PrintableText, WritesSmallCodePointsWithFourDigits)
+{
+    EXPECT_EQ(printable("a\xd8\x9c"
+                        "b"),
+              "a\\u061cb");
+}
+
+TEST(PrintableText, LeavesPrivateUseCharacters)
+{
+    EXPECT_EQ(printable("a\xee\x80\x80"), "a\xee\x80\x80");
+}
+
+TEST(PrintableText, EscapesAHighSurrogateAtTheEnd)
+{
+    EXPECT_EQ(vd::printableText(QString(QChar(0xd800))).toStdString(), "\\ud800");
+}

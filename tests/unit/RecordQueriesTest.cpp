@@ -317,3 +317,71 @@ TEST_F(RecordQueriesTest, HostileHostNameForgesNoLogLine)
     EXPECT_EQ(takeLog(), (Lines{PREFIX + "trying to resolve records from a\\x0a[1] forged",
                                 PREFIX + "a\\x0a[1] forged found inetAddr: 10.0.0.5"}));
 }
+
+TEST_F(RecordQueriesTest, StartIsLoggedWithTheHostWhoseRecordsAreFollowed)
+{
+    discovery().services[QStringLiteral("Cam")].hostName = QStringLiteral("other.local");
+    discovery().StartQueryRecords("Cam", "_http._tcp", false);
+    EXPECT_EQ(takeLog().front(),
+              "[1] AvahiServiceDiscovery::StartQueryRecords () -> Cam on cam.local longLiveQuery 0");
+}
+
+TEST_F(RecordQueriesTest, HostileServiceForgesNoLogLine)
+{
+    discovery().services[QStringLiteral("n\n[1]")].recordHostName = QStringLiteral("h\x1b[2J");
+    discovery().StartQueryRecords("n\n[1]", "_http._tcp", false);
+    EXPECT_EQ(takeLog().front(),
+              "[1] AvahiServiceDiscovery::StartQueryRecords () -> n\\x0a[1] on h\\x1b[2J longLiveQuery 0");
+    discovery().StopQueryRecords("n\n[1]", "_http._tcp");
+    EXPECT_EQ(takeLog(),
+              Lines{"[1] AvahiServiceDiscovery::StopQueryRecords () -> unregistering long live query: n\\x0a[1]"});
+}
+
+TEST_F(RecordQueriesTest, StoppingAQueryLeavesThePeriodicQueriesRunning)
+{
+    discovery().StartQueryAllRecords();
+    discovery().StopQueryRecords("Cam", "_http._tcp");
+    EXPECT_TRUE(discovery().queryTimer.isActive());
+}
+
+TEST_F(RecordQueriesTest, EndOfAnotherResolveLeavesTheHeldResolverToStop)
+{
+    startLongLived();
+    cameraFound("Other", "other.local", "10.0.0.2", 3);
+    discovery().StopQueryRecords("Cam", "_http._tcp");
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_free(resolver2)"});
+}
+
+TEST_F(RecordQueriesTest, RecordOfAnyKindIsReadAsAnIpv4Address)
+{
+    const unsigned char data[16] = {10, 0, 0, 2, 0xff};
+    discovery().RecordBrowse(avahi.recordBrowser(), 9, AVAHI_PROTO_INET6, AVAHI_BROWSER_NEW, "cam.local", 255,
+                             AVAHI_DNS_TYPE_AAAA, data, sizeof data, static_cast<AvahiLookupResultFlags>(0),
+                             nullptr);
+    EXPECT_EQ(takeSignals(), Lines{"address " + KNOWN + CAMERA + " addresses=[10.0.0.1,10.0.0.2]" + REST});
+}
+
+TEST_F(RecordQueriesTest, RemovalOfTheRemovedAddressIsSignalledAgain)
+{
+    record(1, AVAHI_BROWSER_REMOVE, "cam.local", "10.0.0.1");
+    forgetAll();
+    record(1, AVAHI_BROWSER_REMOVE, "cam.local", "10.0.0.1");
+    EXPECT_EQ(takeSignals(),
+              Lines{"address " + KNOWN + " addressRemoved=true" + CAMERA + " addresses=[10.0.0.1]" + REST});
+}
+
+TEST_F(RecordQueriesTest, HostNamesAreTakenAsTheyAreWritten)
+{
+    for (const char* host : {"cam.local.", "Cam.local", "cam"})
+        record(1, AVAHI_BROWSER_NEW, host, "10.0.0.5");
+    EXPECT_EQ(entry(), KNOWN + CAMERA + " addresses=[10.0.0.1]" + REST);
+}
+
+TEST_F(RecordQueriesTest, FailureWithoutABrowserIsLoggedWithTheClientsText)
+{
+    avahi.setError(AVAHI_ERR_DBUS_ERROR);
+    discovery().RecordBrowse(nullptr, -1, -1, AVAHI_BROWSER_FAILURE, "cam.local", 1, 1, nullptr, 0,
+                             static_cast<AvahiLookupResultFlags>(0), nullptr);
+    EXPECT_EQ(takeLog(), (Lines{TRYING, PREFIX + "Avahi Browser error: " + avahi_strerror(AVAHI_ERR_DBUS_ERROR)}));
+    EXPECT_EQ(takeCalls(), Lines{"client_errno(client1)"});
+}

@@ -198,3 +198,30 @@ TEST_F(MetaTypeTest, ConstructingFromASourceGivesAnIndependentCopy)
     EXPECT_EQ(describe(source), FILLED);
     destroy(id, record);
 }
+
+TEST(ReconfigInfo, MembersHaveTheirTypes)
+{
+    typedef vd::SReconfigInfo S;
+    EXPECT_TRUE((std::is_same<decltype(S::userName), QString>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::password), QString>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::zephValue), quint32>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::newIp), quint32>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::netMask), quint32>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::save), bool>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::deviceKind), quint32>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::dns1), quint32>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::dns2), quint32>::value));
+    EXPECT_TRUE((std::is_same<decltype(S::dns3), quint32>::value));
+}
+
+TEST_F(MetaTypeTest, IsRegisteredByTheFirstObject)
+{
+    // A process of its own, as any earlier test may have registered the type.
+    testing::FLAGS_gtest_death_test_style = "threadsafe";
+    EXPECT_EXIT(
+        {
+            const OpenDiscovery first;
+            std::_Exit(idOf("vd::SServiceInfo") >= int(QMetaType::User) ? 0 : 1);
+        },
+        testing::ExitedWithCode(0), "");
+}

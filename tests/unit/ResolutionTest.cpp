@@ -160,7 +160,8 @@ TEST_F(ResolutionTest, ABareSerialKeyTellsTheVendorToo)
 TEST_F(ResolutionTest, ServiceOfAnotherTypeLeavesADefaultEntryAndItsResolverIsFreed)
 {
     int number = 0;
-    for (const char* type : {"_ipp._tcp", "_http._tcp2", "_HTTP._tcp", "_http._tc", "_https._udp", ""}) {
+    for (const char* type : {"_ipp._tcp", "_axis-video._tcp", "_rtsp._tcp", "_http._tcp2", "_HTTP._tcp",
+                             "_http._tc", "_https._udp", ""}) {
         SCOPED_TRACE(type);
         discovery().services.clear();
         resolve("Printer", type);
@@ -497,6 +498,8 @@ TEST_F(ResolutionTest, FailureTextIsNotFetchedWhenItIsNotLogged)
 TEST_F(ResolutionTest, UndefinedEventCountsAsFound)
 {
     resolve("Cam");
+    // What a failure would be taken for.
+    avahi.setError(AVAHI_ERR_TIMEOUT);
     AvahiAddress address;
     ASSERT_TRUE(avahi_address_parse("10.0.0.1", AVAHI_PROTO_INET, &address));
     volatile int undefined = 3;
@@ -512,4 +515,142 @@ TEST_F(ResolutionTest, ChecksumsAreLoggedAsDecimalNumbersBackToBack)
     resolve("Cam");
     resolved(2, "Cam", "cam.local", "10.0.0.1", camera);
     EXPECT_EQ(takeLog().back(), PREFIX + "CHECKSUM " + CRC + "65535");
+}
+
+TEST_F(ResolutionTest, FailedRequestsTextIsNotFetchedWhenItIsNotLogged)
+{
+    vd::LogQt::setLogLevel(2);
+    avahi.failNext("service_resolver_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    discovery().ResolveService(2, "Cam", "_http._tcp", "local");
+    EXPECT_EQ(takeCalls(),
+              Lines{"service_resolver_new(client1, 2, -1, \"Cam\", \"_http._tcp\", \"local\", -1, 2) = null"});
+}
+
+TEST_F(ResolutionTest, FailedRecordBrowsersTextIsNotFetchedWhenItIsNotLogged)
+{
+    resolve("Cam");
+    vd::LogQt::setLogLevel(2);
+    avahi.failNext("record_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"record_browser_new(client1, 2, 0, \"cam.local\", 1, 1, 0) = null",
+                                  "service_resolver_free(resolver1)"}));
+}
+
+TEST_F(ResolutionTest, KeepingAnotherResolverFreesNone)
+{
+    discovery().services[QStringLiteral("Cam")].longLiveQuery = true;
+    resolve("Cam");
+    discovery().ResolveService(2, "Cam", "_http._tcp", "local");
+    EXPECT_EQ(takeCalls(),
+              Lines{
+                  "service_resolver_new(client1, 2, -1, \"Cam\", \"_http._tcp\", \"local\", -1, 2) = resolver2"});
+}
+
+TEST_F(ResolutionTest, LongLivedServiceOfAnotherTypeKeepsItsResolver)
+{
+    discovery().services[QStringLiteral("Printer")].longLiveQuery = true;
+    resolve("Printer", "_ipp._tcp");
+    resolved(1, "Printer", "printer.local", "10.0.0.3", camera, "_ipp._tcp");
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ResolutionTest, HttpsFollowsTheTypeAndNotThePort)
+{
+    resolve("Cam", "_https._tcp");
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera, "_https._tcp", 8443);
+    EXPECT_TRUE(discovery().services[QStringLiteral("Cam")].https);
+    resolve("Cam");
+    resolved(2, "Cam", "cam.local", "10.0.0.1", camera, "_http._tcp", 443);
+    EXPECT_FALSE(discovery().services[QStringLiteral("Cam")].https);
+}
+
+TEST_F(ResolutionTest, KindIsReplacedWhenTheVendorChanges)
+{
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    resolve("Cam");
+    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"ser_no.snapserver.com=ABC"});
+    EXPECT_EQ(discovery().services[QStringLiteral("Cam")].deviceKind, vd::DEVICE_KIND_SNAP_SERVER);
+}
+
+TEST_F(ResolutionTest, FlagsOfAnAnswerAreIgnored)
+{
+    resolve("Cam");
+    AvahiAddress address;
+    ASSERT_TRUE(avahi_address_parse("10.0.0.1", AVAHI_PROTO_INET, &address));
+    discovery().ServiceResolve(avahi.resolver(), 2, AVAHI_PROTO_INET, AVAHI_RESOLVER_FOUND, "Cam", "_http._tcp",
+                               "local", "cam.local", &address, 80, camera, AVAHI_LOOKUP_RESULT_CACHED, nullptr);
+    EXPECT_EQ(takeSignals(), Lines{std::string("found ") + FOUND_CAMERA});
+}
+
+TEST_F(ResolutionTest, ChecksumsAreLoggedBeforeTheSignal)
+{
+    resolve("Cam");
+    Lines during;
+    inNextSlot([&] { during = takeLog(); });
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    ASSERT_FALSE(during.empty());
+    EXPECT_EQ(during.back(), PREFIX + "CHECKSUM " + CRC + "0");
+}
+
+TEST_F(ResolutionTest, TableThatASlotCopiesStaysAsItWas)
+{
+    resolve("Cam");
+    QMap<QString, vd::SServiceInfo> copy;
+    inNextSlot([&] { copy = discovery().services; });
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(copy.value(QStringLiteral("Cam")).txtChecksum, 0);
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).txtChecksum, crcOf(SERIAL));
+}
+
+TEST_F(ResolutionTest, AddressRemovedMarkIsLeftAtTheFirstAddressToo)
+{
+    discovery().services[QStringLiteral("Cam")].addressRemoved = true;
+    resolve("Cam");
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_TRUE(discovery().services[QStringLiteral("Cam")].addressRemoved);
+}
+
+TEST_F(ResolutionTest, AddressesAreComparedWithTheirCase)
+{
+    discovery().services[QStringLiteral("Cam")].addresses << QStringLiteral("FE80::77:2");
+    resolve("Cam");
+    resolved(1, "Cam", "cam.local", "fe80::77:2", camera);
+    EXPECT_EQ(discovery().services[QStringLiteral("Cam")].addresses,
+              (QStringList{QStringLiteral("FE80::77:2"), QStringLiteral("fe80::77:2")}));
+}
+
+TEST_F(ResolutionTest, HostileNameOfARequestForgesNoLogLine)
+{
+    avahi.failNext("service_resolver_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    discovery().ResolveService(2, "n\n[1]", "_http._tcp", "local");
+    EXPECT_EQ(takeLog(),
+              (Lines{"[1] AvahiServiceDiscovery::ResolveService () -> trying to resolve service: n\\x0a[1]",
+                     std::string("[1] AvahiServiceDiscovery::ResolveService() -> failed create "
+                                 "AvahiServiceResolver n\\x0a[1] error: ")
+                         + avahi_strerror(AVAHI_ERR_TOO_MANY_OBJECTS)}));
+}
+
+TEST_F(ResolutionTest, HostileFailureForgesNoLogLine)
+{
+    resolve("n\n[1]");
+    avahi.setError(AVAHI_ERR_TIMEOUT);
+    avahi.fireResolve(avahi.resolver(), AVAHI_RESOLVER_FAILURE, 2, AVAHI_PROTO_INET, "n\n[1]", "t\n[1]",
+                      "d\x1b[2J", nullptr, nullptr, 0, nullptr);
+    EXPECT_EQ(takeLog(),
+              Lines{PREFIX + "failed to resolve service: n\\x0a[1] type: t\\x0a[1] domain: d\\x1b[2J error: "
+                    + avahi_strerror(AVAHI_ERR_TIMEOUT)});
+}
+
+TEST_F(ResolutionTest, HostileAnswerForgesNoLogLine)
+{
+    AvahiAddress address;
+    ASSERT_TRUE(avahi_address_parse("10.0.0.1", AVAHI_PROTO_INET, &address));
+    resolve("n\n[1]");
+    avahi.failNext("record_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    avahi.fireResolve(avahi.resolver(), AVAHI_RESOLVER_FOUND, 2, AVAHI_PROTO_INET, "n\n[1]", "_http._tcp",
+                      "d\x1b[2J", "cam.local", &address, 80, camera);
+    const Lines logged = takeLog();
+    EXPECT_EQ(logged.front(), PREFIX + "resolving Vandrel service: n\\x0a[1] type: _http._tcp domain: d\\x1b[2J");
+    EXPECT_EQ(logged.back(), PREFIX + "failed to create record browser n\\x0a[1] error: "
+                                 + avahi_strerror(AVAHI_ERR_TOO_MANY_OBJECTS));
 }

@@ -5,6 +5,9 @@
 #include <QtCore/QEventLoop>
 #include <QtCore/QMetaMethod>
 
+#include <cstring>
+#include <type_traits>
+
 namespace {
 
 /** A back end that only writes down what it is asked to query. */
@@ -55,6 +58,15 @@ public:
     Lines queries;
     std::function<void()> inQuery;
 };
+
+/** What a pointer to a virtual function holds: the function's place in the virtual table. */
+template <typename Operation>
+std::ptrdiff_t placeOf(Operation operation)
+{
+    std::ptrdiff_t place = 0;
+    std::memcpy(&place, &operation, sizeof place);
+    return place;
+}
 
 } // namespace
 
@@ -269,4 +281,58 @@ TEST_F(ServiceDiscoveryTest, ALongerPayloadIsReadFromItsFirstFourBytes)
 {
     const unsigned char data[16] = {10, 1, 2, 3, 0xff, 0xff, 0xff, 0xff};
     EXPECT_EQ(discovery.getQHostAddress(data, 16).toString(), QLatin1String("10.1.2.3"));
+}
+
+TEST_F(ServiceDiscoveryTest, TimeoutQueriesAtOnce)
+{
+    discovery.enqueue("P");
+    ASSERT_TRUE(QMetaObject::invokeMethod(&discovery.queryTimer, "timeout"));
+    EXPECT_EQ(discovery.takeQueries(), Lines{"P, _t._tcp"});
+}
+
+TEST_F(ServiceDiscoveryTest, NameAndTypeAreThoseOfTheFirstEntry)
+{
+    discovery.recordQueue.append(qMakePair(QStringLiteral("A"), QStringLiteral("_a._tcp")));
+    discovery.recordQueue.append(qMakePair(QStringLiteral("B"), QStringLiteral("_b._tcp")));
+    discovery.tick();
+    EXPECT_EQ(discovery.takeQueries(), Lines{"A, _a._tcp"});
+}
+
+TEST_F(ServiceDiscoveryTest, TypesAreHandedOverAsUtf8)
+{
+    discovery.recordQueue.append(qMakePair(QStringLiteral("A"), QString::fromUtf8("_\xc3\xbc._tcp")));
+    discovery.tick();
+    EXPECT_EQ(discovery.takeQueries(), Lines{"A, _\xc3\xbc._tcp"});
+}
+
+TEST_F(ServiceDiscoveryTest, IntervalIsSetBeforeTheQuery)
+{
+    discovery.enqueue("A");
+    discovery.StartQueryAllRecords();
+    int during = 0;
+    discovery.inQuery = [&] { during = discovery.queryTimer.interval(); };
+    discovery.tick();
+    EXPECT_EQ(during, 200);
+}
+
+TEST_F(ServiceDiscoveryTest, OperationsStandInTheVirtualTableInTheirOrder)
+{
+    typedef vd::ServiceDiscovery D;
+    const std::ptrdiff_t first = placeOf(&D::BrowseServices);
+    const std::ptrdiff_t places[] = {first,
+                                     placeOf(&D::TerminateBrowsing),
+                                     placeOf(&D::IsBrowsing),
+                                     placeOf(&D::ResolveService),
+                                     placeOf(&D::StartQueryRecords),
+                                     placeOf(&D::StopQueryRecords),
+                                     placeOf(&D::RegisterService),
+                                     placeOf(&D::TerminateRegistration),
+                                     placeOf(&D::IsRegistered)};
+    for (int i = 0; i < 9; ++i)
+        EXPECT_EQ(places[i], first + i * std::ptrdiff_t(sizeof(void*))) << i;
+}
+
+TEST_F(ServiceDiscoveryTest, IsAbstract)
+{
+    EXPECT_TRUE(std::is_abstract<vd::ServiceDiscovery>::value);
 }

@@ -238,3 +238,13 @@ TEST_F(TxtRecordsTest, AxisReaderChangesNothing)
     EXPECT_EQ(describe(info), before);
     EXPECT_EQ(takeLog(), Lines());
 }
+
+TEST_F(TxtRecordsTest, SerialMayHoldAnEqualsSign)
+{
+    EXPECT_EQ(vandrel({"ser_no.vandrel.com=\x01=\x03"}).serialNumber, 0x013d03u);
+}
+
+TEST_F(TxtRecordsTest, ValueIsReturnedAsItIsWhateverItHolds)
+{
+    EXPECT_EQ(discovery().getAvahiStringListValue(Txt{"b= x\n\x1b[2J "}, "b"), QLatin1String(" x\n\x1b[2J "));
+}

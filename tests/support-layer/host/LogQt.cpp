@@ -46,7 +46,10 @@ void LogQt::pre(int level)
 {
     noteWhetherLocked();
     ++prefixCount;
-    *getStream(level) << "host: ";
+    QTextStream* const stream = getStream(level);
+    // What the prefix needs is the prefix's own affair.
+    stream->setNumberFlags(QTextStream::ForceSign);
+    *stream << "host: ";
 }
 
 } // namespace vd

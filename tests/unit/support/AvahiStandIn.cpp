@@ -228,7 +228,6 @@ AvahiClient* avahi_client_new(const AvahiPoll* poll, AvahiClientFlags flags, Ava
 {
     AvahiStandIn& standIn = avahi();
     const std::string call = callText("client_new", poll ? "poll" : "null", static_cast<int>(flags));
-    standIn.notePoll(poll);
     if (standIn.isToFail("client_new")) {
         *error = standIn.error();
         standIn.record(call + " = null");

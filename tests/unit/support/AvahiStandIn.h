@@ -53,9 +53,8 @@ public:
     /** Names of the handles that live, in order of creation. */
     std::vector<std::string> liveHandles() const;
 
-    /** The user data and callbacks that were registered, in order of creation. */
+    /** The user data that was registered, in order of creation. */
     const std::vector<void*>& userData() const { return m_userData; }
-    const std::vector<const AvahiPoll*>& polls() const { return m_polls; }
 
     // Each calls the callback that was registered with the handle.
     void fireClientState(AvahiClientState state, int client = 1);
@@ -94,7 +93,6 @@ public:
     int error() const { return m_error; }
     void runDuringClientNew(AvahiClient* client);
     void runDuringClientFree();
-    void notePoll(const AvahiPoll* poll) { m_polls.push_back(poll); }
 
 private:
     Handle* byNumber(Kind kind, int number) const;
@@ -106,7 +104,6 @@ private:
     std::map<Kind, Handle*> m_freedLast;
     std::map<std::string, int> m_failures;
     std::vector<void*> m_userData;
-    std::vector<const AvahiPoll*> m_polls;
     std::function<void(AvahiClient*)> m_duringClientNew;
     std::function<void()> m_duringClientFree;
     int m_error = 0;
