@@ -38,8 +38,9 @@ extern const char VENDOR_TXT_DOMAIN[] Q_DECL_EXPORT;
  *
  * Thread: as ServiceDiscovery. Several objects may live in several threads.
  *
- * Ownership: the object owns every Avahi object it makes. Resolvers of services without an address or
- * without a vendor's TXT key, and address browsers of a long-lived query, stay until TerminateBrowsing().
+ * Ownership: the object owns every Avahi object it makes. What stays until TerminateBrowsing(): resolvers of web
+ * services without an address or without a vendor's TXT key, and those of long-lived queries but for the one that
+ * StopQueryRecords() frees.
  */
 class Q_DECL_EXPORT AvahiServiceDiscovery : public ServiceDiscovery
 {
@@ -56,6 +57,7 @@ public:
                         const char* domain) override;
     bool StartQueryRecords(const char* name, const char* type, bool longLiveQuery) override;
     void StopQueryRecords(const char* name, const char* type) override;
+    /** Not available yet: false. */
     bool RegisterService(const char* name, const char* type, const vd::SReconfigInfo& info) override;
     bool TerminateRegistration() override;
     bool IsRegistered() override;
@@ -97,11 +99,11 @@ protected:
                               const char* name, unsigned short clazz, unsigned short type, const void* rdata,
                               unsigned long size, AvahiLookupResultFlags flags, void* userdata);
 
-    /** Logs the state of the published service. */
+    /** Logs the state of the published service. Not available yet: does nothing. */
     virtual void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata);
 
     /**
-     * Frees every Avahi object and forgets every service. May be called at any time, repeatedly.
+     * Frees every Avahi object and forgets every service; calling it again is harmless.
      * entryGroup, longLiveResolver and longLiveRecordBrowser keep their values, which are dangling then.
      */
     void cleanupAvahiMembers();
@@ -126,10 +128,10 @@ protected:
     /** Reads nothing: nothing is known of Axis' keys. */
     void GetAxisTxtRecord(SServiceInfo& info, AvahiStringList* list);
 
-    /** Rebuilds txtRecord from @p info. Always true. */
+    /** Rebuilds txtRecord from @p info. Not available yet: false. */
     bool CreateTxtRecord(const vd::SReconfigInfo& info);
 
-    /** Replaces the TXT record of the published service by the one string @p txt. */
+    /** Replaces the TXT record of the published service by the one string @p txt. Not available yet: false. */
     bool UpdateTxtRecord(const char* txt);
 
     /** The same as UpdateTxtRecord(): it replaces, it does not add. */
@@ -157,23 +159,25 @@ private:
 
     class HandlerScope;
 
+    bool makeClient(const AvahiPoll* poll);
     void removeService(const char* name, const char* type, const char* domain);
+    void removeFromQueue(const QString& name, const QString& type);
     bool isResolveFailureFinal(const char* name, const char* type, const char* domain, const char* host_name);
     bool readVendorTxtRecord(SServiceInfo& info, const char* name, const char* type, const char* domain,
                              AvahiStringList* txt);
     void announceResolved(const QString& key, const QString& address, quint16 checksum, const HandlerScope& scope);
     void followAddresses(int interface, int protocol, const char* name, const char* type, const char* host_name);
-    void endResolve(const QString& key, HandlerScope& scope);
+    void endResolve(const QString& key, const HandlerScope& scope);
     void addAddress(const QString& key, const QString& address);
     bool markAddressRemoved(const QString& key, const QString& address);
     void freeResolver(AvahiServiceResolver* resolver);
-    const char* clientErrorText() const;
 
     // What the slots of this object's signals have freed must not be touched again; the members above
     // keep their values then and so cannot tell.
     HandlerScope* innermostHandler;
     AvahiServiceResolver* freedLongLiveResolver;
     bool releasing;
+    bool makingClient;
 };
 
 } // namespace vd

@@ -18,15 +18,15 @@
 
 namespace vd {
 
-/** Values of the deviceKind members. They are compared for equality, never combined. */
+/** Values of the deviceKind members: one of them or 0, no flags. */
 const quint32 DEVICE_KIND_VANDREL = 1;
 const quint32 DEVICE_KIND_SNAP_SERVER = 1024;
 
 /**
  * What is known of one discovered DNS-SD service. A value: copies are independent of each other.
  *
- * It is registered with Qt as "vd::SServiceInfo" by the first ServiceDiscovery that is made, so it may
- * travel through queued connections. Text of the TXT record is decoded as UTF-8.
+ * It is registered with Qt as "vd::SServiceInfo" when a ServiceDiscovery is made, so it may travel through queued
+ * connections. Text is decoded as UTF-8; on Qt 4 by the codec for C strings, which a host sets to UTF-8.
  */
 struct Q_DECL_EXPORT SServiceInfo
 {
@@ -39,7 +39,7 @@ struct Q_DECL_EXPORT SServiceInfo
     qint32 interfaceIndex;
     /** True after an address of the host was removed, false after one was added. */
     bool addressRemoved;
-    /** A long-lived record query is wanted: StartQueryRecords() sets it, StopQueryRecords() clears it. */
+    /** Its changes are followed: set by a long-lived StartQueryRecords(), cleared by StopQueryRecords(). */
     bool longLiveQuery;
     /** DEVICE_KIND_VANDREL, DEVICE_KIND_SNAP_SERVER, or 0 for any other service. */
     quint32 deviceKind;
@@ -68,7 +68,7 @@ struct Q_DECL_EXPORT SServiceInfo
     QString modelName;
     /** An error that the device reports about itself. */
     QString errorText;
-    /** Owner of the device's user data; DEVICE_KIND_VANDREL only. */
+    /** Whose user data the device holds; DEVICE_KIND_VANDREL only. */
     QString userdataOwner;
     /** The device is in privacy mode; DEVICE_KIND_VANDREL only. */
     bool privacyMode;
@@ -100,13 +100,13 @@ struct Q_DECL_EXPORT SReconfigInfo
     quint32 newIp;
     /** New IPv4 net mask. */
     quint32 netMask;
-    /** Not read here; keeps the layout for callers that share this declaration. */
+    /** Unused; hosts that declare the same record elsewhere have it too. */
     quint8 reservedFlag;
     /** Whether the device is to keep the settings over a restart. */
     bool save;
     /** As in SServiceInfo; the name servers are published for DEVICE_KIND_SNAP_SERVER only. */
     quint32 deviceKind;
-    /** Not read here; keeps the layout for callers that share this declaration. */
+    /** Unused; hosts that declare the same record elsewhere have it too. */
     quint32 reservedWord;
     /** IPv4 name servers; 0 for none. */
     quint32 dns1;
@@ -141,7 +141,8 @@ struct Q_DECL_EXPORT SResolverInfo
  * Errors are reported by a false result and a message in the log (LogQt), never by an exception. Nothing
  * is retried.
  *
- * Names, types and domains cross the interface as NUL-terminated UTF-8 and are copied.
+ * Names, types and domains cross the interface as NUL-terminated UTF-8 and are copied. What is not UTF-8 is
+ * refused: the operation returns false.
  */
 class Q_DECL_EXPORT ServiceDiscovery : public QObject
 {
@@ -185,8 +186,8 @@ public:
     virtual bool StartQueryRecords(const char* name, const char* type, bool longLiveQuery) = 0;
 
     /**
-     * Ends the long-lived query of one service. The resolver that was kept open last is released,
-     * whichever service it belongs to; the address query ends by itself soon after.
+     * Ends the long-lived query of one service. Of the resolvers that are kept open the last one is released, be it
+     * this service's or not; the address query ends by itself soon after.
      */
     virtual void StopQueryRecords(const char* name, const char* type) = 0;
 
@@ -240,7 +241,7 @@ Q_SIGNALS:
     /** Never emitted; declared for classes that derive from this one. */
     void serviceLost(QString serviceName);
 
-    /** A service disappeared. The record is as it stood before. */
+    /** A service disappeared. This is what was known of it. */
     void serviceLost(vd::SServiceInfo serviceInfo);
 
 private Q_SLOTS:

@@ -33,17 +33,31 @@ public:
     template <typename Function>
     bool call(Function function)
     {
-        bool ownerGone = false;
-        m_ownerGone = &ownerGone;
+        Running running(this);
         function();
-        if (ownerGone)
-            return false;
-        m_ownerGone = nullptr;
-        return true;
+        return !running.ownerGone;
     }
 
 private:
     Q_DISABLE_COPY(CallState)
+
+    /** Ends with the callback, also when that throws. */
+    struct Running
+    {
+        explicit Running(CallState* state) : ownerGone(false), m_state(state) { state->m_ownerGone = &ownerGone; }
+        ~Running()
+        {
+            if (!ownerGone)
+                m_state->m_ownerGone = nullptr;
+        }
+
+        bool ownerGone;
+
+    private:
+        Q_DISABLE_COPY(Running)
+
+        CallState* m_state;
+    };
 
     bool* m_ownerGone;
 };
@@ -177,6 +191,8 @@ protected:
     void timerEvent(QTimerEvent*) override
     {
         m_timer.stop();
+        if (!m_armed)
+            return;
         if (vd::MonotonicClock::now() < m_deadline)
             startUnlessCalling();
         else

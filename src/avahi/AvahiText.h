@@ -2,7 +2,11 @@
 #ifndef VD_AVAHI_AVAHITEXT_H
 #define VD_AVAHI_AVAHITEXT_H
 
+#include "support/PrintableText.h"
 #include "support/QtCompat.h"
+
+#include <avahi-client/client.h>
+#include <avahi-common/error.h>
 
 namespace vd {
 
@@ -17,6 +21,18 @@ inline bool isAcceptableToAvahi(const char* text)
     // The leading letter keeps the decoder from taking a zero-width no-break space for a byte order mark.
     const QByteArray bytes = QByteArray("x") + text;
     return QString::fromUtf8(bytes.constData(), static_cast<int>(bytes.size())).toUtf8() == bytes;
+}
+
+/** What went wrong with @p client last, in Avahi's words; null stands for no client. */
+inline const char* errorText(AvahiClient* client)
+{
+    return avahi_strerror(client ? avahi_client_errno(client) : AVAHI_ERR_BAD_STATE);
+}
+
+/** Writes a service as messages name it, "NAME type: TYPE domain: DOMAIN". */
+inline void writeService(QTextStream& out, const QString& name, const char* type, const char* domain)
+{
+    out << printableText(name) << " type: " << printableText(type) << " domain: " << printableText(domain);
 }
 
 } // namespace vd

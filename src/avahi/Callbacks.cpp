@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <vd/AvahiServiceDiscovery.h>
+#include "avahi/HandlerScope.h"
 
 namespace vd {
 
@@ -14,8 +14,9 @@ void AvahiServiceDiscovery::SServiceBrowse_callback(AvahiServiceBrowser* browser
                                                     const char* name, const char* type, const char* domain,
                                                     AvahiLookupResultFlags flags, void* userdata)
 {
-    static_cast<AvahiServiceDiscovery*>(userdata)->ServiceBrowse(browser, interface, protocol, event, name, type,
-                                                                 domain, flags, userdata);
+    AvahiServiceDiscovery* const discovery = static_cast<AvahiServiceDiscovery*>(userdata);
+    const HandlerScope scope(HandlerScope::Callback, discovery);
+    discovery->ServiceBrowse(browser, interface, protocol, event, name, type, domain, flags, userdata);
 }
 
 void AvahiServiceDiscovery::SServiceResolve_callback(AvahiServiceResolver* resolver, AvahiIfIndex interface,
@@ -25,9 +26,10 @@ void AvahiServiceDiscovery::SServiceResolve_callback(AvahiServiceResolver* resol
                                                      uint16_t port, AvahiStringList* txt,
                                                      AvahiLookupResultFlags flags, void* userdata)
 {
-    static_cast<AvahiServiceDiscovery*>(userdata)->ServiceResolve(resolver, interface, protocol, event, name, type,
-                                                                  domain, host_name, address, port, txt, flags,
-                                                                  userdata);
+    AvahiServiceDiscovery* const discovery = static_cast<AvahiServiceDiscovery*>(userdata);
+    const HandlerScope scope(HandlerScope::Callback, discovery, resolver);
+    discovery->ServiceResolve(resolver, interface, protocol, event, name, type, domain, host_name, address, port,
+                              txt, flags, userdata);
 }
 
 void AvahiServiceDiscovery::SAvahiRecordBrowser_callback(AvahiRecordBrowser* browser, AvahiIfIndex interface,
@@ -36,8 +38,9 @@ void AvahiServiceDiscovery::SAvahiRecordBrowser_callback(AvahiRecordBrowser* bro
                                                          const void* rdata, size_t size,
                                                          AvahiLookupResultFlags flags, void* userdata)
 {
-    static_cast<AvahiServiceDiscovery*>(userdata)->RecordBrowse(browser, interface, protocol, event, name, clazz,
-                                                                type, rdata, size, flags, userdata);
+    AvahiServiceDiscovery* const discovery = static_cast<AvahiServiceDiscovery*>(userdata);
+    const HandlerScope scope(HandlerScope::Callback, discovery);
+    discovery->RecordBrowse(browser, interface, protocol, event, name, clazz, type, rdata, size, flags, userdata);
 }
 
 void AvahiServiceDiscovery::SEntryGroup_callback(AvahiEntryGroup* group, AvahiEntryGroupState state,

@@ -7,7 +7,6 @@
 #include "support/LogMessage.h"
 
 #include <avahi-common/defs.h>
-#include <avahi-common/error.h>
 
 #include <atomic>
 
@@ -16,7 +15,7 @@ namespace vd {
 namespace {
 
 // Shared by all objects, which may live in several threads.
-std::atomic<const AvahiPoll*> SVdQtPoll_api;
+std::atomic<const AvahiPoll*> SVdQtPoll_api(nullptr);
 
 } // namespace
 
@@ -29,6 +28,7 @@ AvahiServiceDiscovery::AvahiServiceDiscovery()
     , innermostHandler(nullptr)
     , freedLongLiveResolver(nullptr)
     , releasing(false)
+    , makingClient(false)
 {}
 
 AvahiServiceDiscovery::~AvahiServiceDiscovery()
@@ -48,14 +48,11 @@ bool AvahiServiceDiscovery::BrowseServices(const char* type)
         SVdQtPoll_api = poll;
     }
 
-    if (!client) {
-        int error = 0;
-        client = avahi_client_new(poll, AVAHI_CLIENT_NO_FAIL, SAvahiClientStateChanged_callback, this, &error);
-        if (!client) {
-            logMessage(LOG_ORDINARY, "AvahiServiceDiscovery::BrowseServices() ->  could not create Avahi client");
+    if (!client && !makeClient(poll)) {
+        logMessage(LOG_ORDINARY, "AvahiServiceDiscovery::BrowseServices() ->  could not create Avahi client");
+        if (!makingClient)
             cleanupAvahiMembers();
-            return false;
-        }
+        return false;
     }
 
     AvahiServiceBrowser* browser = nullptr;
@@ -70,6 +67,26 @@ bool AvahiServiceDiscovery::BrowseServices(const char* type)
     }
     serviceBrowsers.append(browser);
     return true;
+}
+
+bool AvahiServiceDiscovery::makeClient(const AvahiPoll* poll)
+{
+    // Avahi calls back before it returns the client. Browsing can begin only after that, and ending it must not
+    // free the client under Avahi.
+    if (makingClient)
+        return false;
+    const HandlerScope scope(HandlerScope::Callback, this);
+    makingClient = true;
+    int error = 0;
+    AvahiClient* const made
+        = avahi_client_new(poll, AVAHI_CLIENT_NO_FAIL, SAvahiClientStateChanged_callback, this, &error);
+    makingClient = false;
+    if (made && scope.discoveryEnded()) {
+        avahi_client_free(made);
+        return false;
+    }
+    client = made;
+    return client != nullptr;
 }
 
 bool AvahiServiceDiscovery::TerminateBrowsing()
@@ -89,19 +106,20 @@ void AvahiServiceDiscovery::cleanupAvahiMembers()
     HandlerScope::noteDiscoveryEnded(innermostHandler);
     freedLongLiveResolver = longLiveResolver;
 
-    // A handler that is called meanwhile does nothing.
+    // What Avahi calls back meanwhile finds nothing to use or to free: handlers do nothing, and a cleanup inside
+    // this one sees neither browsers nor a client.
+    const bool wasReleasing = releasing;
     releasing = true;
     const QList<AvahiServiceBrowser*> browsers = serviceBrowsers;
     serviceBrowsers.clear();
+    AvahiClient* const freed = client;
+    client = nullptr;
     for (int i = 0; i < browsers.size(); ++i)
         avahi_service_browser_free(browsers.at(i));
-    if (client) {
-        // Frees the resolvers, record browsers and the entry group too.
-        AvahiClient* freed = client;
-        client = nullptr;
+    // Frees the resolvers, record browsers and the entry group too.
+    if (freed)
         avahi_client_free(freed);
-    }
-    releasing = false;
+    releasing = wasReleasing;
 
     SVdQtPoll_api = nullptr;
 
@@ -118,11 +136,6 @@ void AvahiServiceDiscovery::AvahiClientStateChanged(AvahiClient*, AvahiClientSta
 {
     if (state == AVAHI_CLIENT_FAILURE)
         logMessage(LOG_ORDINARY, "AvahiServiceDiscovery::SAvahiClient_callback() -> Avahi client failure");
-}
-
-const char* AvahiServiceDiscovery::clientErrorText() const
-{
-    return avahi_strerror(client ? avahi_client_errno(client) : AVAHI_ERR_BAD_STATE);
 }
 
 } // namespace vd

@@ -7,22 +7,34 @@
 namespace vd {
 
 /**
- * Tells a running handler what a slot of one of its signals has done meanwhile.
+ * Tells what happened to the discovery object and to the resolver that called back, since the scope began.
  *
- * A slot may end discovery, start it again, stop a query or delete the object, all while the handler that
- * emitted the signal is still on the stack. Every handler that emits holds a scope; the scopes of nested
- * handlers form a stack that the object walks when something is freed.
+ * A slot, or a handler that overrides one of these, may end discovery, start it again, stop a query or delete the
+ * object, all while handlers are still on the stack. Every callback of Avahi and every handler holds a scope; the
+ * scopes form a stack that the object walks when something is freed.
  */
 class AvahiServiceDiscovery::HandlerScope
 {
 public:
-    explicit HandlerScope(AvahiServiceDiscovery* discovery, AvahiServiceResolver* resolver = nullptr)
+    enum Origin {
+        Callback, // what it is called for lives
+        Handler   // what it is called for may be gone since the callback, when an override ran before it
+    };
+
+    HandlerScope(Origin origin, AvahiServiceDiscovery* discovery, AvahiServiceResolver* resolver = nullptr)
         : m_discovery(discovery)
+        , m_calledFor(resolver)
         , m_resolver(resolver)
+        , m_origin(origin)
         , m_discoveryEnded(false)
         , m_outer(discovery->innermostHandler)
     {
         discovery->innermostHandler = this;
+        if (origin == Callback || !m_outer || m_outer->m_origin == Handler)
+            return;
+        m_discoveryEnded = m_outer->m_discoveryEnded;
+        if (m_outer->m_calledFor == resolver)
+            m_resolver = m_outer->m_resolver;
     }
 
     ~HandlerScope()
@@ -63,7 +75,9 @@ private:
     Q_DISABLE_COPY(HandlerScope)
 
     AvahiServiceDiscovery* m_discovery;
+    const AvahiServiceResolver* m_calledFor;
     AvahiServiceResolver* m_resolver;
+    const Origin m_origin;
     bool m_discoveryEnded;
     HandlerScope* m_outer;
 };

@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <vd/AvahiServiceDiscovery.h>
 
+#include "avahi/AvahiText.h"
 #include "avahi/HandlerScope.h"
 #include "support/LogMessage.h"
-
-#include <avahi-common/error.h>
 
 namespace vd {
 
@@ -41,7 +40,7 @@ void AvahiServiceDiscovery::StopQueryRecords(const char* name, const char*)
     if (services.contains(key))
         services[key].longLiveQuery = false;
 
-    // The one kept last, whichever service it belongs to. The address browser ends by itself.
+    // Only the one kept last is known, be it this service's or not. The address browser ends by itself.
     if (longLiveResolver && longLiveResolver != freedLongLiveResolver)
         freeResolver(longLiveResolver);
     longLiveResolver = nullptr;
@@ -51,7 +50,8 @@ void AvahiServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int, int, 
                                          const char* name, unsigned short, unsigned short, const void* rdata,
                                          unsigned long size, AvahiLookupResultFlags, void*)
 {
-    if (releasing)
+    const HandlerScope scope(HandlerScope::Handler, this);
+    if (releasing || scope.discoveryEnded())
         return;
     logMessage(LOG_ORDINARY, [=](QTextStream& out) {
         out << "AvahiServiceDiscovery::RecordBrowse() -> trying to resolve records from " << printableText(name);
@@ -74,8 +74,7 @@ void AvahiServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int, int, 
     case AVAHI_BROWSER_FAILURE:
         logMessage(LOG_ORDINARY, [=](QTextStream& out) {
             out << "AvahiServiceDiscovery::RecordBrowse() -> Avahi Browser error: "
-                << (browser ? avahi_strerror(avahi_client_errno(avahi_record_browser_get_client(browser)))
-                            : clientErrorText());
+                << errorText(browser ? avahi_record_browser_get_client(browser) : client);
         });
         break;
     case AVAHI_BROWSER_ALL_FOR_NOW:
@@ -93,7 +92,7 @@ void AvahiServiceDiscovery::addAddress(const QString& key, const QString& addres
         return;
     info.addresses.append(address);
     info.addressRemoved = false;
-    Q_EMIT serviceAddress(SServiceInfo(info));
+    Q_EMIT serviceAddress(info);
 }
 
 bool AvahiServiceDiscovery::markAddressRemoved(const QString& key, const QString& address)
@@ -104,7 +103,7 @@ bool AvahiServiceDiscovery::markAddressRemoved(const QString& key, const QString
     // Not taken out of the list: what hosts are told is the removed address alone, and the entry keeps that.
     info.addresses = QStringList(address);
     info.addressRemoved = true;
-    Q_EMIT serviceAddress(SServiceInfo(info));
+    Q_EMIT serviceAddress(info);
     return true;
 }
 

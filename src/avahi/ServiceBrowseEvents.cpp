@@ -1,10 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include <vd/AvahiServiceDiscovery.h>
 
+#include "avahi/AvahiText.h"
 #include "avahi/HandlerScope.h"
 #include "support/LogMessage.h"
-
-#include <avahi-common/error.h>
 
 #include <algorithm>
 
@@ -15,7 +14,9 @@ namespace {
 // Instance names mostly differ at their ends. Looking there first matters, as the queue may be long.
 bool isSameText(const QString& one, const QString& other)
 {
-    return one.size() == other.size() && std::equal(one.crbegin(), one.crend(), other.crbegin());
+    const bool mayBeSame
+        = one.size() == other.size() && (one.isEmpty() || one.at(one.size() - 1) == other.at(other.size() - 1));
+    return mayBeSame && one == other;
 }
 
 } // namespace
@@ -24,14 +25,15 @@ void AvahiServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int inte
                                           AvahiBrowserEvent event, const char* name, const char* type,
                                           const char* domain, AvahiLookupResultFlags, void*)
 {
-    if (releasing)
+    const HandlerScope scope(HandlerScope::Handler, this);
+    if (releasing || scope.discoveryEnded())
         return;
 
     switch (event) {
     case AVAHI_BROWSER_NEW:
         logMessage(LOG_ORDINARY, [=](QTextStream& out) {
-            out << "AvahiServiceDiscovery::ServiceBrowse() -> Browsing: " << printableText(name)
-                << " type: " << printableText(type) << " domain: " << printableText(domain);
+            out << "AvahiServiceDiscovery::ServiceBrowse() -> Browsing: ";
+            writeService(out, textFromBytes(name), type, domain);
         });
         ResolveService(static_cast<unsigned int>(interface), name, type, domain);
         break;
@@ -48,8 +50,7 @@ void AvahiServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int inte
     case AVAHI_BROWSER_FAILURE:
         logMessage(LOG_ORDINARY, [=](QTextStream& out) {
             out << "AvahiServiceDiscovery::ServiceBrowse() -> Avahi Browser error: "
-                << (browser ? avahi_strerror(avahi_client_errno(avahi_service_browser_get_client(browser)))
-                            : clientErrorText());
+                << errorText(browser ? avahi_service_browser_get_client(browser) : client);
         });
         break;
     }
@@ -63,11 +64,11 @@ void AvahiServiceDiscovery::removeService(const char* name, const char* type, co
         return;
     const SServiceInfo info = known.value();
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
-        out << "AvahiServiceDiscovery::ServiceBrowse() -> removing service: " << printableText(info.serviceName)
-            << " type: " << printableText(type) << " domain: " << printableText(domain);
+        out << "AvahiServiceDiscovery::ServiceBrowse() -> removing service: ";
+        writeService(out, info.serviceName, type, domain);
     });
 
-    const HandlerScope scope(this);
+    const HandlerScope scope(HandlerScope::Handler, this);
     Q_EMIT serviceLost(info);
     if (scope.discoveryEnded())
         return;
@@ -77,10 +78,13 @@ void AvahiServiceDiscovery::removeService(const char* name, const char* type, co
     const QString hostKey = lost != services.end() ? lost.value().recordHostName : QString();
     services.remove(hostKey);
     services.remove(key);
+    removeFromQueue(key, textFromBytes(type));
+}
 
-    const QString typeText = textFromBytes(type);
+void AvahiServiceDiscovery::removeFromQueue(const QString& name, const QString& type)
+{
     const auto isOfService = [&](const QPair<QString, QString>& queued) {
-        return isSameText(queued.first, key) && queued.second == typeText;
+        return isSameText(queued.first, name) && queued.second == type;
     };
     const QList<QPair<QString, QString>>::iterator first
         = std::find_if(recordQueue.begin(), recordQueue.end(), isOfService);

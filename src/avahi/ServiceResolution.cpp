@@ -7,7 +7,6 @@
 #include "support/LogMessage.h"
 
 #include <avahi-common/defs.h>
-#include <avahi-common/error.h>
 
 namespace vd {
 
@@ -40,8 +39,8 @@ QString textOfAddress(const AvahiAddress* address)
 void logResolving(const char* what, const char* name, const char* type, const char* domain)
 {
     logMessage(LOG_ORDINARY, [=](QTextStream& out) {
-        out << "AvahiServiceDiscovery::ServiceResolve() -> " << what << printableText(name)
-            << " type: " << printableText(type) << " domain: " << printableText(domain);
+        out << "AvahiServiceDiscovery::ServiceResolve() -> " << what;
+        writeService(out, textFromBytes(name), type, domain);
     });
 }
 
@@ -66,7 +65,7 @@ bool AvahiServiceDiscovery::ResolveService(unsigned int interfaceIndex, const ch
         logMessage(LOG_ORDINARY, [=](QTextStream& out) {
             out << "AvahiServiceDiscovery::ResolveService() -> failed create AvahiServiceResolver "
                 << printableText(name)
-                << " error: " << (acceptable ? clientErrorText() : avahi_strerror(AVAHI_ERR_INVALID_ARGUMENT));
+                << " error: " << (acceptable ? errorText(client) : avahi_strerror(AVAHI_ERR_INVALID_ARGUMENT));
         });
         return false;
     }
@@ -84,9 +83,9 @@ void AvahiServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int i
                                            unsigned short port, AvahiStringList* txt, AvahiLookupResultFlags,
                                            void*)
 {
-    if (releasing)
+    const HandlerScope scope(HandlerScope::Handler, this, resolver);
+    if (releasing || scope.discoveryEnded())
         return;
-    HandlerScope scope(this, resolver);
     const QString key = textFromBytes(name);
 
     // A failure that is not final goes on with what Avahi passes then: no host, no address, no TXT, port 0.
@@ -105,8 +104,7 @@ void AvahiServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int i
     info.port = port;
     info.https = qstrcmp(type, HTTPS_TYPE) == 0;
 
-    const quint16 checksum = checksumOfHead(txt);
-    // From here on an early return leaves the resolver as it is: it may still deliver what is missing.
+    // An early return from here on leaves the resolver as it is: it may still deliver what is missing.
     if (!readVendorTxtRecord(info, name, type, domain, txt))
         return;
     if (!address) {
@@ -114,7 +112,7 @@ void AvahiServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int i
         return;
     }
 
-    announceResolved(key, textOfAddress(address), checksum, scope);
+    announceResolved(key, textOfAddress(address), checksumOfHead(txt), scope);
     if (scope.discoveryEnded())
         return;
     followAddresses(interface, protocol, name, type, host_name);
@@ -125,9 +123,9 @@ bool AvahiServiceDiscovery::isResolveFailureFinal(const char* name, const char* 
                                                   const char* host_name)
 {
     logMessage(LOG_ORDINARY, [=](QTextStream& out) {
-        out << "AvahiServiceDiscovery::ServiceResolve() -> failed to resolve service: " << printableText(name)
-            << " type: " << printableText(type) << " domain: " << printableText(domain)
-            << " error: " << clientErrorText();
+        out << "AvahiServiceDiscovery::ServiceResolve() -> failed to resolve service: ";
+        writeService(out, textFromBytes(name), type, domain);
+        out << " error: " << errorText(client);
     });
     const bool timedOut = client && avahi_client_errno(client) == AVAHI_ERR_TIMEOUT;
     return timedOut && !services.contains(textFromBytes(host_name));
@@ -165,17 +163,17 @@ void AvahiServiceDiscovery::announceResolved(const QString& key, const QString& 
 
     if (info.addresses.isEmpty()) {
         info.addresses.append(address);
-        Q_EMIT serviceFound(SServiceInfo(info));
+        Q_EMIT serviceFound(info);
         // Only now, so that the signal carries the checksum from before.
         if (!scope.discoveryEnded())
             services[key].txtChecksum = checksum;
     } else if (!info.addresses.contains(address)) {
         // The checksum stays, so that a change of the text is reported by the next resolve.
         info.addresses.append(address);
-        Q_EMIT serviceAddress(SServiceInfo(info));
+        Q_EMIT serviceAddress(info);
     } else if (info.txtChecksum != checksum) {
         info.txtChecksum = checksum;
-        Q_EMIT serviceText(SServiceInfo(info));
+        Q_EMIT serviceText(info);
     }
 }
 
@@ -202,14 +200,14 @@ void AvahiServiceDiscovery::followAddresses(int interface, int protocol, const c
     if (!browser) {
         logMessage(LOG_ORDINARY, [=](QTextStream& out) {
             out << "AvahiServiceDiscovery::ServiceResolve() -> failed to create record browser "
-                << printableText(name) << " error: " << clientErrorText();
+                << printableText(name) << " error: " << errorText(client);
         });
     }
     if (services[key].longLiveQuery)
         longLiveRecordBrowser = browser;
 }
 
-void AvahiServiceDiscovery::endResolve(const QString& key, HandlerScope& scope)
+void AvahiServiceDiscovery::endResolve(const QString& key, const HandlerScope& scope)
 {
     if (!services[key].longLiveQuery && scope.resolver())
         freeResolver(scope.resolver());

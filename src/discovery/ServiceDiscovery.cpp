@@ -48,7 +48,7 @@ void ServiceDiscovery::queryNextRecord()
     if (!self || recordQueue.isEmpty())
         return;
 
-    // A swap, not a rotation, by choice: the entry that was queued last alternates with the first.
+    // The entry that was queued last alternates with the first; the ones between wait, by design.
     qSwap(recordQueue.first(), recordQueue.last());
 }
 

@@ -9,7 +9,7 @@ namespace vd {
 /**
  * @p text with everything replaced that could forge a line, steer a terminal or reorder what is shown:
  * control characters, line and paragraph separators, bidirectional and other invisible format
- * characters. They appear as \xHH or \uHHHH. Joiners, which scripts and emoji need, stay.
+ * characters. They appear as \xHH, or \u and four or more digits. Joiners, which scripts and emoji need, stay.
  */
 QString printableText(const QString& text);
 

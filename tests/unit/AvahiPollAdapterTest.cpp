@@ -482,8 +482,13 @@ TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForNothing)
 
 TEST_F(AvahiPollAdapterWatch, ignoresFlagsThatItDoesNotKnow)
 {
+#ifdef __SANITIZE_ADDRESS__
+    // The sanitizers hold the enumeration to its bits, which a caller in C need not do.
+    const int unknown = POLLPRI;
+#else
     // Among these bits are those by which epoll would report a descriptor once only, or only on changes.
     const int unknown = static_cast<int>(~0u) & ~(IN | OUT | ERR | HUP);
+#endif
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN | unknown);
     ends.send();
@@ -494,7 +499,7 @@ TEST_F(AvahiPollAdapterWatch, ignoresFlagsThatItDoesNotKnow)
 TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForUnknownFlagsOnly)
 {
     Ends ends = Ends::ofPipe();
-    Watch watch(ends.here(), 0x4000);
+    Watch watch(ends.here(), POLLPRI);
     ends.closeThere();
     EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
     EXPECT_EQ(Events(), watch.events);

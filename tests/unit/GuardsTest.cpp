@@ -197,8 +197,9 @@ TEST_F(GuardsTest, MissingHostGivesAFailedRecordBrowser)
     takeCalls();
     resolved(1, "Cam", nullptr, "10.0.0.1", camera);
     EXPECT_EQ(takeCalls(), (Lines{"client_errno(client1)", "service_resolver_free(resolver1)"}));
-    EXPECT_EQ(takeLog().back().substr(0, 83),
-              "[1] AvahiServiceDiscovery::ServiceResolve() -> failed to create record browser Cam ");
+    EXPECT_EQ(takeLog().back(),
+              std::string("[1] AvahiServiceDiscovery::ServiceResolve() -> failed to create record browser Cam error: ")
+                  + avahi_strerror(AVAHI_OK));
 }
 
 TEST_F(GuardsTest, FailureWithNothingButAResolverIsSurvived)
@@ -352,6 +353,105 @@ TEST_F(GuardsTest, DeletingInANestedHandlerIsSurvived)
     EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
 }
 
+TEST_F(GuardsTest, BrowsingInsideTheCreationOfTheClientIsRefused)
+{
+    bool nested = true;
+    discovery().inNextHandler = [&] { nested = discovery().BrowseServices("_https._tcp"); };
+    avahi.duringClientNew([this](AvahiClient*) { avahi.fireClientState(AVAHI_CLIENT_S_RUNNING); });
+    EXPECT_TRUE(discovery().BrowseServices("_http._tcp"));
+    EXPECT_FALSE(nested);
+    EXPECT_EQ(takeCalls(), (Lines{"client_new(poll, 2) = client1",
+                                  "service_browser_new(client1, -1, -1, \"_http._tcp\", null, 2) = browser1"}));
+}
+
+TEST_F(GuardsTest, EndingDiscoveryInsideTheCreationOfTheClientFreesItAfterwards)
+{
+    discovery().inNextHandler = [this] { discovery().TerminateBrowsing(); };
+    avahi.duringClientNew([this](AvahiClient*) { avahi.fireClientState(AVAHI_CLIENT_S_RUNNING); });
+    EXPECT_FALSE(discovery().BrowseServices("_http._tcp"));
+    EXPECT_EQ(takeCalls(), (Lines{"client_new(poll, 2) = client1", "client_free(client1)"}));
+    EXPECT_EQ(discovery().client, nullptr);
+    EXPECT_FALSE(discovery().IsBrowsing());
+}
+
+TEST_F(GuardsTest, ResolvingInsideTheCreationOfTheClientFails)
+{
+    bool resolving = true;
+    discovery().inNextHandler
+        = [&] { resolving = discovery().ResolveService(2, "Cam", "_http._tcp", "local"); };
+    avahi.duringClientNew([this](AvahiClient*) { avahi.fireClientState(AVAHI_CLIENT_S_RUNNING); });
+    EXPECT_TRUE(discovery().BrowseServices("_http._tcp"));
+    EXPECT_FALSE(resolving);
+}
+
+TEST_F(GuardsTest, EndingDiscoveryWhileTheClientIsFreedLeavesTheHandlersShut)
+{
+    startBrowsing();
+    appears("Cam");
+    takeCalls();
+    avahi.duringClientFree([this] {
+        discovery().inNextHandler = [this] { discovery().TerminateBrowsing(); };
+        avahi.fireClientState(AVAHI_CLIENT_FAILURE);
+        resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    });
+    discovery().TerminateBrowsing();
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+    EXPECT_EQ(takeSignals(), Lines());
+}
+
+TEST_F(GuardsTest, EndingDiscoveryWhileABrowserIsFreedFreesNothingTwice)
+{
+    startBrowsing();
+    discovery().BrowseServices("_https._tcp");
+    takeCalls();
+    avahi.duringBrowserFree([this] { discovery().TerminateBrowsing(); });
+    discovery().TerminateBrowsing();
+    EXPECT_EQ(takeCalls(),
+              (Lines{"service_browser_free(browser1)", "service_browser_free(browser2)", "client_free(client1)"}));
+}
+
+TEST_F(GuardsTest, OverrideThatEndsDiscoveryLeavesTheResolveHandlerNothingToDo)
+{
+    startBrowsing();
+    appears("Cam");
+    takeCalls();
+    discovery().inNextHandler = [this] { discovery().TerminateBrowsing(); };
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(table(), Lines());
+}
+
+TEST_F(GuardsTest, OverrideThatStopsTheQueryLeavesItsResolverFreedOnce)
+{
+    startBrowsing();
+    discovery().StartQueryRecords("Cam", "_http._tcp", true);
+    takeCalls();
+    discovery().inNextHandler = [this] { discovery().StopQueryRecords("Cam", "_http._tcp"); };
+    resolved(1, "Cam", "cam.local", "10.0.0.1", camera);
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)",
+                                  "record_browser_new(client1, 2, 0, \"cam.local\", 1, 1, 0) = recordBrowser1"}));
+    EXPECT_EQ(takeSignals().size(), 1u);
+}
+
+TEST_F(GuardsTest, OverrideThatEndsDiscoveryLeavesTheRecordHandlerNothingToFree)
+{
+    startBrowsing();
+    cameraFound("Cam", "cam.local", "10.0.0.1");
+    discovery().inNextHandler = [this] { discovery().TerminateBrowsing(); };
+    record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+    EXPECT_EQ(table(), Lines());
+}
+
+TEST_F(GuardsTest, OverrideThatEndsDiscoveryLeavesTheBrowseHandlerNothingToAsk)
+{
+    startBrowsing();
+    discovery().inNextHandler = [this] { discovery().TerminateBrowsing(); };
+    avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_FAILURE, 2, 0, nullptr, nullptr, nullptr);
+    EXPECT_EQ(takeCalls(), (Lines{"service_browser_free(browser1)", "client_free(client1)"}));
+}
+
 /** Everything a slot may do, for each signal. */
 class SlotGuardsTest : public GuardsTest, public testing::WithParamInterface<Event>
 {
@@ -442,6 +542,21 @@ TEST_P(SlotGuardsTest, QueryingTheServiceInTheSlotIsFine)
 {
     cause([this] { EXPECT_TRUE(discovery().StartQueryRecords("Cam", "_http._tcp", true)); });
     EXPECT_EQ(takeCalls().front().substr(0, 20), "service_resolver_new");
+}
+
+TEST_P(SlotGuardsTest, StoppingALongLivedQueryInTheSlotFreesItsResolverOnce)
+{
+    cause([this] {
+        ASSERT_TRUE(discovery().StartQueryRecords("Cam", "_http._tcp", true));
+        takeCalls();
+        discovery().StopQueryRecords("Cam", "_http._tcp");
+        const Lines freed = takeCalls();
+        ASSERT_EQ(freed.size(), 1u);
+        EXPECT_EQ(freed.front().substr(0, 21), "service_resolver_free");
+    });
+    EXPECT_EQ(discovery().longLiveResolver, nullptr);
+    for (const std::string& handle : avahi.liveHandles())
+        EXPECT_NE(handle.substr(0, 8), "resolver");
 }
 
 TEST_P(SlotGuardsTest, DeletingLaterFreesEverythingOnce)

@@ -4,6 +4,7 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QEventLoop>
 #include <QtCore/QMetaMethod>
+#include <QtCore/QPointer>
 
 #include <cstring>
 #include <type_traits>
@@ -245,8 +246,10 @@ TEST_F(ServiceDiscoveryTest, ObjectDeletedByTheQueryIsNotTouched)
     RecordingDiscovery* deleted = new RecordingDiscovery;
     deleted->enqueue("A");
     deleted->enqueue("B");
+    const QPointer<QObject> alive(deleted);
     deleted->inQuery = [deleted] { delete deleted; };
     deleted->tick();
+    EXPECT_TRUE(alive.isNull());
 }
 
 TEST_F(ServiceDiscoveryTest, NamesAreHandedOverAsUtf8)

@@ -77,6 +77,7 @@ TEST_F(TxtRecordsTest, EmptyValueIsParsed)
 TEST_F(TxtRecordsTest, FirstOfRepeatedKeysCountsWhateverItsCase)
 {
     EXPECT_EQ(discovery().getAvahiStringListValue(Txt{"B=first", "b=second"}, "b"), QLatin1String("first"));
+    EXPECT_EQ(takeLog(), Lines{"[1] TXTRecord parsed b: first"});
 }
 
 TEST_F(TxtRecordsTest, ValueIsReadAsUtf8UpToItsFirstNul)

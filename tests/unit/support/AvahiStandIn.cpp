@@ -137,6 +137,14 @@ void AvahiStandIn::runDuringClientNew(AvahiClient* client)
         m_duringClientNew(client);
 }
 
+void AvahiStandIn::runDuringBrowserFree()
+{
+    std::function<void()> action;
+    action.swap(m_duringBrowserFree);
+    if (action)
+        action();
+}
+
 void AvahiStandIn::runDuringClientFree()
 {
     if (m_duringClientFree)
@@ -289,6 +297,7 @@ int avahi_service_browser_free(AvahiServiceBrowser* browser)
     if (!handle)
         return AVAHI_ERR_BAD_STATE;
     standIn.record(callText("service_browser_free", AvahiStandIn::nameOf(handle)));
+    standIn.runDuringBrowserFree();
     standIn.release(handle);
     return 0;
 }

@@ -38,6 +38,8 @@ public:
 
     /** Runs inside avahi_client_new(), once its callback could be called. */
     void duringClientNew(std::function<void(AvahiClient*)> action) { m_duringClientNew = std::move(action); }
+    /** Runs inside avahi_service_browser_free(), while the browser still lives. */
+    void duringBrowserFree(std::function<void()> action) { m_duringBrowserFree = std::move(action); }
     /** Runs inside avahi_client_free(), while the client and what hangs on it still live. */
     void duringClientFree(std::function<void()> action) { m_duringClientFree = std::move(action); }
 
@@ -92,6 +94,7 @@ public:
     static std::string nameOf(const Handle* handle);
     int error() const { return m_error; }
     void runDuringClientNew(AvahiClient* client);
+    void runDuringBrowserFree();
     void runDuringClientFree();
 
 private:
@@ -105,6 +108,7 @@ private:
     std::map<std::string, int> m_failures;
     std::vector<void*> m_userData;
     std::function<void(AvahiClient*)> m_duringClientNew;
+    std::function<void()> m_duringBrowserFree;
     std::function<void()> m_duringClientFree;
     int m_error = 0;
     bool m_reuseAddresses = false;

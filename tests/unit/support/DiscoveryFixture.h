@@ -57,16 +57,55 @@ public:
     using AvahiServiceDiscovery::longLiveResolver;
     using AvahiServiceDiscovery::nameList;
     using AvahiServiceDiscovery::queryTimer;
-    using AvahiServiceDiscovery::RecordBrowse;
     using AvahiServiceDiscovery::recordQueue;
     using AvahiServiceDiscovery::registeredName;
     using AvahiServiceDiscovery::registeredType;
     using AvahiServiceDiscovery::resolvers;
-    using AvahiServiceDiscovery::ServiceBrowse;
     using AvahiServiceDiscovery::serviceBrowsers;
-    using AvahiServiceDiscovery::ServiceResolve;
     using AvahiServiceDiscovery::services;
     using AvahiServiceDiscovery::txtRecord;
+
+    /** Runs in the next handler that Avahi calls, before what it overrides. */
+    std::function<void()> inNextHandler;
+
+    void AvahiClientStateChanged(AvahiClient* changed, AvahiClientState state, void* userdata) override
+    {
+        runHook();
+        AvahiServiceDiscovery::AvahiClientStateChanged(changed, state, userdata);
+    }
+    void ServiceBrowse(AvahiServiceBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
+                       const char* name, const char* type, const char* domain, AvahiLookupResultFlags flags,
+                       void* userdata) override
+    {
+        runHook();
+        AvahiServiceDiscovery::ServiceBrowse(browser, interface, protocol, event, name, type, domain, flags, userdata);
+    }
+    void ServiceResolve(AvahiServiceResolver* resolver, int interface, int protocol, AvahiResolverEvent event,
+                        const char* name, const char* type, const char* domain, const char* host,
+                        const AvahiAddress* address, unsigned short port, AvahiStringList* txt,
+                        AvahiLookupResultFlags flags, void* userdata) override
+    {
+        runHook();
+        AvahiServiceDiscovery::ServiceResolve(resolver, interface, protocol, event, name, type, domain, host, address,
+                                              port, txt, flags, userdata);
+    }
+    void RecordBrowse(AvahiRecordBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
+                      const char* name, unsigned short clazz, unsigned short type, const void* rdata,
+                      unsigned long size, AvahiLookupResultFlags flags, void* userdata) override
+    {
+        runHook();
+        AvahiServiceDiscovery::RecordBrowse(browser, interface, protocol, event, name, clazz, type, rdata, size, flags,
+                                            userdata);
+    }
+
+private:
+    void runHook()
+    {
+        std::function<void()> action;
+        action.swap(inNextHandler);
+        if (action)
+            action();
+    }
 };
 
 /** An OpenDiscovery over the stand-in, with its log at level 1 and its signals written down. */
