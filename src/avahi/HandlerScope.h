@@ -21,27 +21,8 @@ public:
         Handler   // what it is called for may be gone since the callback, when an override ran before it
     };
 
-    HandlerScope(Origin origin, AvahiServiceDiscovery* discovery, AvahiServiceResolver* resolver = nullptr)
-        : m_discovery(discovery)
-        , m_calledFor(resolver)
-        , m_resolver(resolver)
-        , m_origin(origin)
-        , m_discoveryEnded(false)
-        , m_outer(discovery->innermostHandler)
-    {
-        discovery->innermostHandler = this;
-        if (origin == Callback || !m_outer || m_outer->m_origin == Handler)
-            return;
-        m_discoveryEnded = m_outer->m_discoveryEnded;
-        if (m_outer->m_calledFor == resolver)
-            m_resolver = m_outer->m_resolver;
-    }
-
-    ~HandlerScope()
-    {
-        if (m_discovery)
-            m_discovery->innermostHandler = m_outer;
-    }
+    HandlerScope(Origin origin, AvahiServiceDiscovery* discovery, AvahiServiceResolver* resolver = nullptr);
+    ~HandlerScope();
 
     /** The Avahi objects that the handler was called for, and perhaps the object itself, are gone. */
     bool discoveryEnded() const { return m_discoveryEnded; }
@@ -49,27 +30,9 @@ public:
     /** The resolver that called back; null once it has been freed. */
     AvahiServiceResolver* resolver() const { return m_resolver; }
 
-    static void noteDiscoveryEnded(HandlerScope* innermost)
-    {
-        for (HandlerScope* scope = innermost; scope; scope = scope->m_outer) {
-            scope->m_discoveryEnded = true;
-            scope->m_resolver = nullptr;
-        }
-    }
-
-    static void noteResolverFreed(HandlerScope* innermost, const AvahiServiceResolver* resolver)
-    {
-        for (HandlerScope* scope = innermost; scope; scope = scope->m_outer) {
-            if (scope->m_resolver == resolver)
-                scope->m_resolver = nullptr;
-        }
-    }
-
-    static void noteObjectDestroyed(HandlerScope* innermost)
-    {
-        for (HandlerScope* scope = innermost; scope; scope = scope->m_outer)
-            scope->m_discovery = nullptr;
-    }
+    static void noteDiscoveryEnded(HandlerScope* innermost);
+    static void noteResolverFreed(HandlerScope* innermost, const AvahiServiceResolver* resolver);
+    static void noteObjectDestroyed(HandlerScope* innermost);
 
 private:
     Q_DISABLE_COPY(HandlerScope)
