@@ -14,14 +14,19 @@ namespace {
 const uint ZERO_WIDTH_NON_JOINER = 0x200c;
 const uint ZERO_WIDTH_JOINER = 0x200d;
 
-QString escaped(uint codePoint)
+QString withDigits(const char* prefix, uint codePoint, int digits)
 {
-    if (codePoint < 0x100)
-        return QLatin1String("\\x") + QString::number(codePoint, 16).rightJustified(2, QLatin1Char('0'));
-    return QLatin1String("\\u") + QString::number(codePoint, 16).rightJustified(4, QLatin1Char('0'));
+    return QLatin1String(prefix) + QString::number(codePoint, 16).rightJustified(digits, QLatin1Char('0'));
 }
 
 } // namespace
+
+QString escaped(uint codePoint)
+{
+    if (codePoint < 0x100)
+        return withDigits("\\x", codePoint, 2);
+    return codePoint < 0x10000 ? withDigits("\\u", codePoint, 4) : withDigits("\\U", codePoint, 8);
+}
 
 bool isUnprintable(uint codePoint)
 {

@@ -112,6 +112,16 @@ def test_a_second_signal_may_be_another_one(tool, silent_bus):
     assert process.wait(timeout=5) == -signal.SIGTERM
 
 
+def test_one_signal_is_enough_though_the_bus_hangs(tool, silent_bus):
+    process = tool.start("--follow")
+    assert read_line(process) == HANG_REMEDY + WAITING
+    begin = time.monotonic()
+    process.send_signal(signal.SIGINT)
+    assert process.communicate(timeout=10) == (b"", b"")
+    assert process.returncode == 3
+    assert time.monotonic() - begin < 2.5
+
+
 def test_following_ends_when_its_reader_is_gone(tool):
     process = tool.start("--follow")
     read_line(process)

@@ -18,7 +18,7 @@ def build_tree(tmp_path_factory):
         return Path(given).resolve()
     folder = tmp_path_factory.mktemp("library")
     # For debugging, as only then would a path of the build stand in the program text.
-    buildkit.build_and_install_library(folder, "-DCMAKE_BUILD_TYPE=Debug")
+    buildkit.build_and_install_library(folder, "-DCMAKE_BUILD_TYPE=Debug", "-DVD_BUILD_TOOLS=ON")
     return folder / "build"
 
 

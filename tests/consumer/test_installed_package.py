@@ -56,6 +56,12 @@ def test_pkg_config_alone_builds_and_runs_the_example(package, tmp_path):
     assert_says_what_to_do_without_a_bus(run_without_bus(program, package))
 
 
+def test_the_installed_command_line_starts_without_being_told_where_the_library_is(package, monkeypatch):
+    monkeypatch.delenv("LD_LIBRARY_PATH", raising=False)
+
+    assert succeed(package / "bin" / "vd-discover", "--version").startswith("vd-discover ")
+
+
 @pytest.mark.parametrize("header", HEADERS)
 def test_each_installed_header_compiles_when_included_alone(header, prefix, library_standard, tmp_path):
     source = tmp_path / "alone.cpp"
@@ -72,14 +78,16 @@ def test_the_public_headers_are_installed_and_no_others(prefix):
 
 
 def test_no_installed_file_names_the_folders_it_was_built_in(prefix, build_tree, tmp_path):
-    library = library_folder(prefix) / "libvddiscovery.so"
+    binaries = [library_folder(prefix) / "libvddiscovery.so", prefix / "bin" / "vd-discover"]
     # Debugging information holds them by nature, and is stripped by whoever ships the library.
-    stripped = tmp_path / "stripped.so"
-    succeed("strip", "-o", stripped, library)
-    installed = [path for path in prefix.rglob("*") if path.is_file() and ".so" not in path.name]
+    stripped = [tmp_path / binary.name for binary in binaries]
+    for binary, copy in zip(binaries, stripped):
+        succeed("strip", "-o", copy, binary)
+    installed = [path for path in prefix.rglob("*")
+                 if path.is_file() and ".so" not in path.name and path not in binaries]
     build_folders = [str(folder).encode() for folder in (ROOT, build_tree, prefix)]
 
-    named = [path for path in [*installed, stripped] for folder in build_folders if folder in path.read_bytes()]
+    named = [path for path in [*installed, *stripped] for folder in build_folders if folder in path.read_bytes()]
 
     assert len(installed) >= len(HEADERS) + 4
     assert named == []

@@ -51,7 +51,13 @@ TEST(PrintableText, EscapesWhatReordersOrHidesText)
 
 TEST(PrintableText, EscapesFormatCharactersBeyondTheBasicPlane)
 {
-    EXPECT_EQ(printable("a\xf3\xa0\x80\x81"), "a\\ue0001");
+    EXPECT_EQ(printable("a\xf3\xa0\x80\x81"), "a\\U000e0001");
+}
+
+TEST(PrintableText, TellsACodePointBeyondTheBasicPlaneFromAShorterOneAndADigit)
+{
+    EXPECT_EQ(printable("\xf3\xa0\x81\x81"), "\\U000e0041");
+    EXPECT_EQ(printable("\xd8\x9c" "1"), "\\u061c1");
 }
 
 TEST(PrintableText, EscapesALoneSurrogate)

@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "BrowseCommand.h"
+#include "SignalWatcher.h"
 
 #include "support/DiscoveryFixture.h"
+
+#include <vd/LogQt.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
@@ -9,8 +12,13 @@
 #include <QtCore/QJsonDocument>
 #include <QtCore/QJsonObject>
 
+#include <chrono>
+#include <csignal>
 #include <cstdio>
+#include <thread>
 
+#include <fcntl.h>
+#include <pty.h>
 #include <unistd.h>
 
 using vd::discover::BrowseCommand;
@@ -57,6 +65,50 @@ private:
     int m_outer;
 };
 
+/** Makes a terminal of standard error while it lives. */
+class TerminalAsErrors
+{
+public:
+    TerminalAsErrors() : m_outer(dup(STDERR_FILENO)), m_term(qgetenv("TERM"))
+    {
+        int secondary = -1;
+        openpty(&m_primary, &secondary, nullptr, nullptr, nullptr);
+        dup2(secondary, STDERR_FILENO);
+        close(secondary);
+        qputenv("TERM", "xterm");
+    }
+
+    ~TerminalAsErrors()
+    {
+        dup2(m_outer, STDERR_FILENO);
+        close(m_outer);
+        close(m_primary);
+        qputenv("TERM", m_term);
+    }
+
+    TerminalAsErrors(const TerminalAsErrors&) = delete;
+    TerminalAsErrors& operator=(const TerminalAsErrors&) = delete;
+
+    QByteArray takeText()
+    {
+        fcntl(m_primary, F_SETFL, O_NONBLOCK);
+        char block[65536];
+        const ssize_t size = read(m_primary, block, sizeof block);
+        return QByteArray(block, static_cast<int>(qMax<ssize_t>(size, 0)));
+    }
+
+private:
+    int m_primary = -1;
+    int m_outer;
+    QByteArray m_term;
+};
+
+// As a call to a daemon that hangs does.
+void block()
+{
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+}
+
 } // namespace
 
 class VdDiscoverBrowseCommand : public testing::Test
@@ -69,9 +121,9 @@ protected:
         options.format = OutputFormat::Json;
     }
 
-    void start()
+    void start(int signalDescriptor = -1)
     {
-        command.reset(new BrowseCommand(options));
+        command.reset(new BrowseCommand(options, signalDescriptor));
         QObject::connect(command.get(), &BrowseCommand::finished, [this](int status) { exitStatus = status; });
         command->start();
         avahi.takeCalls();
@@ -315,4 +367,99 @@ TEST_F(VdDiscoverBrowseCommand, AReaderThatIsGoneEndsFollowing)
     start();
     close(ends[0]);
     EXPECT_EQ(waitForEnd(), 1);
+}
+
+TEST_F(VdDiscoverBrowseCommand, ATerminalShowsProgress)
+{
+    TerminalAsErrors terminal;
+    start();
+    EXPECT_TRUE(terminal.takeText().contains("0 devices, 0.0 s of 60 s"));
+}
+
+TEST_F(VdDiscoverBrowseCommand, NoProgressStandsBetweenTheLinesOfTheLog)
+{
+    TerminalAsErrors terminal;
+    options.verbose = true;
+    const int level = vd::LogQt::logLevel();
+    start();
+    cameraFound("Gate", 1);
+    end();
+    vd::LogQt::setLogLevel(level);
+    const QByteArray text = terminal.takeText();
+    EXPECT_TRUE(text.contains("BrowseServices()"));
+    EXPECT_FALSE(text.contains("of 60 s"));
+}
+
+// Each of these runs in a process of its own, which writes to the same captured output.
+class VdDiscoverHang : public VdDiscoverBrowseCommand
+{
+protected:
+    [[noreturn]] void blockAfterTheTimeout()
+    {
+        options.timeoutMs = 20;
+        startWithCamera();
+        block();
+        _exit(99);
+    }
+
+    [[noreturn]] void blockAtASignal()
+    {
+        const vd::discover::SignalWatcher signals;
+        start(signals.descriptor());
+        cameraFound("Gate", 1);
+        std::raise(SIGTERM);
+        block();
+        _exit(99);
+    }
+
+    void startWithCamera()
+    {
+        start();
+        cameraFound("Gate", 1);
+    }
+
+    const char* const REMEDY = "^vd-discover: the Avahi daemon or the system bus does not answer; restart the "
+                               "daemon with \"sudo systemctl restart avahi-daemon\"\n$";
+};
+
+TEST_F(VdDiscoverHang, AfterTheTimeoutTheTableIsPrintedAllTheSame)
+{
+    options.format = OutputFormat::Table;
+    EXPECT_EXIT(blockAfterTheTimeout(), testing::ExitedWithCode(0), REMEDY);
+    EXPECT_EQ(output.text().toStdString(), "NAME  KIND            ADDRESS   PORT  MODEL  VERSION  SERIAL\n"
+                                           "Gate  Vandrel camera  10.0.0.1  80    -      -        010203\n");
+}
+
+TEST_F(VdDiscoverHang, AtASignalTheTableIsPrintedAllTheSame)
+{
+    options.format = OutputFormat::Table;
+    EXPECT_EXIT(blockAtASignal(), testing::ExitedWithCode(0), REMEDY);
+    EXPECT_EQ(output.text().count('\n'), 2);
+}
+
+TEST_F(VdDiscoverHang, WhatWasPrintedBeforeIsNotPrintedAgain)
+{
+    options.follow = true;
+    EXPECT_EXIT(blockAtASignal(), testing::ExitedWithCode(0), REMEDY);
+    EXPECT_EQ(events(), Lines{"found Gate 10.0.0.1"});
+}
+
+TEST_F(VdDiscoverHang, WithoutADeviceTheStatusIsOne)
+{
+    const auto blockWithoutDevices = [this] {
+        options.timeoutMs = 20;
+        start();
+        block();
+    };
+    EXPECT_EXIT(blockWithoutDevices(), testing::ExitedWithCode(1), REMEDY);
+}
+
+TEST_F(VdDiscoverHang, ACountThatIsReachedIsNotHeldUp)
+{
+    options.count = 1;
+    const auto blockAtTheCount = [this] {
+        startWithCamera();
+        block();
+    };
+    EXPECT_EXIT(blockAtTheCount(), testing::ExitedWithCode(0), REMEDY);
 }

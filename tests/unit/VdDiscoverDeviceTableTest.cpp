@@ -128,6 +128,15 @@ TEST(VdDiscoverDeviceTable, TextFromTheNetworkCannotForgeARowOrSteerTheTerminal)
               "e\\x0d\\x0aGate\\x00\n");
 }
 
+TEST(VdDiscoverDeviceTable, BlanksFromTheNetworkCannotForgeAColumn)
+{
+    SServiceInfo hostile = camera(QStringLiteral("Gate  other"));
+    hostile.modelName = QStringLiteral("\u3164");
+    EXPECT_EQ(table({hostile}, ONE_LINE_EACH),
+              "NAME            KIND            ADDRESS   PORT  MODEL   VERSION  SERIAL\n"
+              "Gate \\x20other  Vandrel camera  10.0.0.1  80    \\u3164  4.2.1    00c1ff\n");
+}
+
 TEST(VdDiscoverDeviceTable, LongTextIsCutToTheTerminal)
 {
     SServiceInfo device = camera(QStringLiteral("A camera with a long name at the northern gate"));

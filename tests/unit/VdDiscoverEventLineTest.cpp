@@ -12,6 +12,7 @@ using vd::discover::progressText;
 namespace {
 
 const char TIME[] = "12:00:01  ";
+const int UNCUT = 0;
 
 SServiceInfo camera()
 {
@@ -27,10 +28,10 @@ SServiceInfo camera()
 
 // Local time, so that the result does not depend on the machine's time zone.
 std::string line(EventKind kind, const SServiceInfo& signalled, const SServiceInfo& before,
-                 const SServiceInfo& after)
+                 const SServiceInfo& after, int width = UNCUT)
 {
     const QDateTime time(QDate(2026, 11, 20), QTime(12, 0, 1));
-    return vd::discover::eventLine(DeviceEvent{kind, time.toUTC(), signalled}, before, after).toStdString();
+    return vd::discover::eventLine(DeviceEvent{kind, time.toUTC(), signalled}, before, after, width).toStdString();
 }
 
 std::string textLine(const SServiceInfo& before, const SServiceInfo& after)
@@ -86,6 +87,21 @@ TEST(VdDiscoverEventLine, AnAddedAddressIsToldWithAllThatThereAreNow)
     after.addresses.append(QStringLiteral("10.0.0.2"));
     EXPECT_EQ(line(EventKind::Address, after, camera(), after),
               ADDRESS_OF_GATE + "10.0.0.2 added; now 10.0.0.1, 10.0.0.2\n");
+}
+
+TEST(VdDiscoverEventLine, AnAddressThatIsAddedThoughItNeverLeftIsToldToBeStillThere)
+{
+    EXPECT_EQ(line(EventKind::Address, camera(), camera(), camera()),
+              ADDRESS_OF_GATE + "10.0.0.1 still there; now 10.0.0.1\n");
+}
+
+TEST(VdDiscoverEventLine, AnAddressThatIsRemovedTwiceIsToldToBeRemovedAlready)
+{
+    SServiceInfo signalled = camera();
+    signalled.addresses = QStringList(QStringLiteral("10.0.0.2"));
+    signalled.addressRemoved = true;
+    EXPECT_EQ(line(EventKind::Address, signalled, camera(), camera()),
+              ADDRESS_OF_GATE + "10.0.0.2 removed already; now 10.0.0.1\n");
 }
 
 TEST(VdDiscoverEventLine, ARemovedAddressIsToldToBeRemoved)
@@ -147,9 +163,24 @@ TEST(VdDiscoverEventLine, TextFromTheNetworkCannotForgeALineOrSteerTheTerminal)
     hostile.addresses = QStringList(QStringLiteral("10.0.0.1\u0085"));
     EXPECT_EQ(line(EventKind::Found, hostile, SServiceInfo(), hostile),
               TIME
-                  + std::string("found    x\\x0a12:00:01  lost\\x1b[2J\\x00  10.0.0.1\\x85 port 80, "
+                  + std::string("found    x\\x0a12:00:01 \\x20lost\\x1b[2J\\x00  10.0.0.1\\x85 port 80, "
                                 "Vandrel camera a\\x9b1mb\\u2029, version 1\\u202e2, serial 00c1ff, "
                                 "error: e\\x0d\\x0a\n"));
+}
+
+TEST(VdDiscoverEventLine, ALineThatWouldWrapIsCutToTheTerminal)
+{
+    SServiceInfo device = camera();
+    device.serviceName = QStringLiteral("入口") + QString(50, QLatin1Char('x')) + QStringLiteral(" lost Gate");
+    EXPECT_EQ(line(EventKind::Lost, device, device, SServiceInfo(), 40),
+              TIME + std::string("lost     入口xxxxxxxxxxxxxxxx…\n"));
+}
+
+TEST(VdDiscoverEventLine, ALineThatFitsTheTerminalIsNotCut)
+{
+    const std::string whole = line(EventKind::Lost, camera(), camera(), SServiceInfo());
+    const int cells = static_cast<int>(whole.size()) - 1;
+    EXPECT_EQ(line(EventKind::Lost, camera(), camera(), SServiceInfo(), cells), whole);
 }
 
 TEST(VdDiscoverProgress, CountsTimeAgainstTheTimeout)

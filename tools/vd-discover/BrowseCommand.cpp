@@ -26,6 +26,8 @@ namespace {
 const int LOG_EVERYTHING = 1;
 // How long a daemon that hangs may delay the end, when all results are out.
 const std::chrono::milliseconds PATIENCE_AT_END(1000);
+// How long it may delay the results from when the run should end.
+const std::chrono::milliseconds PATIENCE_BEFORE_END(1500);
 
 bool isPipe(int descriptor)
 {
@@ -46,10 +48,13 @@ QString adviceForNothing(const QStringList& types)
 
 } // namespace
 
-BrowseCommand::BrowseCommand(const BrowseOptions& options)
+BrowseCommand::BrowseCommand(const BrowseOptions& options, int signalDescriptor)
     : m_options(options)
-    , m_progress(options.follow ? 0 : options.timeoutMs)
+    // The log would be glued to the progress line.
+    , m_progress(options.follow ? 0 : options.timeoutMs,
+                 options.verbose ? Progress::Never : Progress::WhereRedrawable)
     , m_link(options.types, options.follow ? DaemonLink::KeepTrying : DaemonLink::GiveUp)
+    , m_signalDeadline(signalDescriptor, PATIENCE_BEFORE_END, [this] { endHungProcess(); })
 {
     m_timeout.setSingleShot(true);
     connect(&m_timeout, &QTimer::timeout, this, &BrowseCommand::end);
@@ -99,8 +104,10 @@ void BrowseCommand::connectLink()
     connect(&m_link, &DaemonLink::broken, this, [this] {
         m_progress.hide();
         // The table shows what was seen before; who follows is told anew once the daemon is back.
-        if (m_options.follow)
+        if (m_options.follow) {
+            const std::lock_guard<std::mutex> lock(m_knownMutex);
             m_known.clear();
+        }
     });
     connect(&m_link, &DaemonLink::gaveUp, this, [this] {
         m_isUnreachable = true;
@@ -112,8 +119,11 @@ void BrowseCommand::beginCollecting()
 {
     if (m_isEnding)
         return;
-    if (!m_options.follow)
+    if (!m_options.follow) {
         m_timeout.start(m_options.timeoutMs);
+        const auto latest = std::chrono::milliseconds(m_options.timeoutMs) + PATIENCE_BEFORE_END;
+        m_timeoutDeadline.reset(new Deadline(latest, [this] { endHungProcess(); }));
+    }
     if (m_options.requery)
         m_link.discovery().StartQueryAllRecords();
     m_progress.setDeviceCount(m_known.count());
@@ -126,16 +136,18 @@ void BrowseCommand::handle(EventKind kind, const SServiceInfo& service)
         return;
     const DeviceEvent event = {kind, QDateTime::currentDateTimeUtc(), service};
     const SServiceInfo before = m_known.device(service.serviceName);
-    if (!m_known.apply(event))
-        return;
+    {
+        const std::lock_guard<std::mutex> lock(m_knownMutex);
+        if (!m_known.apply(event))
+            return;
+        if (kind == EventKind::Found)
+            m_wasDeviceSeen = true;
+    }
 
     m_progress.setDeviceCount(m_known.count());
     printEvent(event, before);
-    if (kind == EventKind::Found) {
-        m_wasDeviceSeen = true;
-        if (m_options.longLived)
-            startLongLivedQuery(service.serviceName);
-    }
+    if (kind == EventKind::Found && m_options.longLived)
+        startLongLivedQuery(service.serviceName);
     if (m_options.count > 0 && m_known.count() >= m_options.count)
         end();
 }
@@ -145,7 +157,7 @@ void BrowseCommand::printEvent(const DeviceEvent& event, const SServiceInfo& bef
     if (m_options.format == OutputFormat::Json)
         print(jsonLine(event));
     else if (m_options.follow)
-        print(eventLine(event, before, m_known.device(event.service.serviceName)));
+        print(eventLine(event, before, m_known.device(event.service.serviceName), terminalWidth(STDOUT_FILENO)));
 }
 
 void BrowseCommand::startLongLivedQuery(const QString& serviceName)
@@ -163,7 +175,9 @@ void BrowseCommand::startLongLivedQuery(const QString& serviceName)
 void BrowseCommand::print(const QByteArray& bytes)
 {
     m_progress.hide();
+    m_isPrinting = true;
     m_outputError = writeAll(STDOUT_FILENO, bytes);
+    m_isPrinting = false;
     if (m_outputError != 0)
         end();
     else if (!m_isEnding)
@@ -184,14 +198,18 @@ void BrowseCommand::end()
     m_timeout.stop();
     if (m_closedOutput)
         m_closedOutput->setEnabled(false);
+    m_endDeadline.reset(new Deadline(PATIENCE_BEFORE_END, [this] { endHungProcess(); }));
     // Queued, as this may be called from inside a signal of the discovery object.
     QMetaObject::invokeMethod(this, &BrowseCommand::finish, Qt::QueuedConnection);
 }
 
 void BrowseCommand::finish()
 {
+    // Too late: endHungProcess() is at it.
+    while (m_isEndTaken.exchange(true))
+        pause();
     m_progress.hide();
-    if (m_options.format == OutputFormat::Table && !m_options.follow && m_outputError == 0)
+    if (m_outputError == 0)
         printTable();
     // A reader that has seen enough is no failure, nor is it one not to have had a reader.
     if (m_outputError != 0 && m_outputError != EPIPE && m_outputError != EBADF) {
@@ -203,10 +221,35 @@ void BrowseCommand::finish()
     Q_EMIT finished(status);
 }
 
+// Runs in another thread, while the object's own is blocked in a call to the daemon.
+void BrowseCommand::endHungProcess()
+{
+    // Who waits for a slow reader of the output does not hang.
+    if (m_isPrinting || m_isEndTaken.exchange(true))
+        return;
+    m_progress.erase();
+    m_link.tellOfHangAtEnd();
+    if (m_outputError == 0)
+        m_outputError = writeAll(STDOUT_FILENO, tableToPrint());
+    _exit(exitStatus());
+}
+
+/** Nothing unless a table was asked for and there are devices. */
+QByteArray BrowseCommand::tableToPrint() const
+{
+    if (m_options.format != OutputFormat::Table || m_options.follow)
+        return QByteArray();
+    const std::lock_guard<std::mutex> lock(m_knownMutex);
+    return deviceTable(m_known.devices(), terminalWidth(STDOUT_FILENO));
+}
+
 void BrowseCommand::printTable()
 {
-    if (m_known.count() > 0)
-        print(deviceTable(m_known.devices(), terminalWidth(STDOUT_FILENO)));
+    if (m_options.format != OutputFormat::Table || m_options.follow)
+        return;
+    const QByteArray table = tableToPrint();
+    if (!table.isEmpty())
+        print(table);
     else if (!m_isUnreachable && isRedrawable(STDERR_FILENO))
         say(QStringLiteral("no devices found; ") + adviceForNothing(m_options.types));
 }

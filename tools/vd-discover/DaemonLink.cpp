@@ -141,6 +141,12 @@ void DaemonLink::tellOfHang()
         _exit(EXIT_UNREACHABLE);
 }
 
+void DaemonLink::tellOfHangAtEnd()
+{
+    if (m_toldTrouble.exchange(HangTrouble) != HangTrouble)
+        reportError(hangRemedy());
+}
+
 void DaemonLink::followState()
 {
     if (m_isClosed)

@@ -36,6 +36,12 @@ public:
     /** Whether browsing ever began. */
     bool wasReached() const { return m_wasReached; }
 
+    /**
+     * Tells on standard error that the daemon hangs, unless that was the last trouble told. Any thread may
+     * call this, as may wasReached(): the link's own is blocked then.
+     */
+    void tellOfHangAtEnd();
+
 Q_SIGNALS:
     /** Browsing has begun, or begun again. */
     void browsing();
@@ -62,7 +68,7 @@ private:
 
     const QStringList m_types;
     const Patience m_patience;
-    bool m_wasReached = false;
+    std::atomic<bool> m_wasReached{false};
     bool m_isClosed = false;
     std::atomic<bool> m_didHang{false};
     std::atomic<Trouble> m_toldTrouble{NoTrouble};

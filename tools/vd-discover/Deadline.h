@@ -3,21 +3,23 @@
 #define VD_DISCOVER_DEADLINE_H
 
 #include <chrono>
-#include <condition_variable>
 #include <functional>
-#include <mutex>
 #include <thread>
 
 namespace vd::discover {
 
 /**
- * Watches over a call that may block for long, such as one to a daemon that hangs: if the object lives
+ * Watches over work that may block for long, such as a call to a daemon that hangs: if the object lives
  * longer than the given time, the action runs once, in a thread of its own.
  */
 class Deadline
 {
 public:
-    Deadline(std::chrono::milliseconds time, std::function<void()> whenMissed);
+    using Action = std::function<void()>;
+
+    Deadline(std::chrono::milliseconds time, Action whenMissed);
+    /** Time counts from when @p startDescriptor becomes readable; there is no deadline if it is -1. */
+    Deadline(int startDescriptor, std::chrono::milliseconds time, Action whenMissed);
     /** Waits for the action to end if it has begun. */
     ~Deadline();
 
@@ -25,12 +27,13 @@ public:
     Deadline& operator=(const Deadline&) = delete;
 
 private:
-    void watch(std::chrono::milliseconds time);
+    void watch(std::chrono::milliseconds time) const;
+    bool isMetBeforeReadable(int descriptor) const;
+    bool isMetWithin(std::chrono::milliseconds time) const;
 
-    std::function<void()> m_whenMissed;
-    std::mutex m_mutex;
-    std::condition_variable m_metSignal;
-    bool m_isMet = false;
+    const Action m_whenMissed;
+    /** Readable once the deadline is met. A descriptor, as a signal handler can tell of its signal by one only. */
+    const int m_met;
     std::thread m_watcher;
 };
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "DeviceText.h"
 
-#include "support/PrintableText.h"
+#include "ColumnText.h"
 
 namespace vd::discover {
 
@@ -44,18 +44,18 @@ QStringList addressTexts(const QStringList& addresses)
 
 QString textOrDash(const QString& text)
 {
-    return text.isEmpty() ? QStringLiteral("-") : printableText(text);
+    return text.isEmpty() ? QStringLiteral("-") : columnText(text);
 }
 
 QStringList remarks(const SServiceInfo& device)
 {
     QStringList texts;
     if (!device.errorText.isEmpty())
-        texts.append(QStringLiteral("error: ") + printableText(device.errorText));
+        texts.append(QStringLiteral("error: ") + columnText(device.errorText));
     if (device.privacyMode)
         texts.append(QStringLiteral("privacy mode"));
     if (!device.userdataOwner.isEmpty())
-        texts.append(QStringLiteral("user data of ") + printableText(device.userdataOwner));
+        texts.append(QStringLiteral("user data of ") + columnText(device.userdataOwner));
     if (!device.freeCapacity.isEmpty() || !device.totalCapacity.isEmpty()) {
         texts.append(textOrDash(device.freeCapacity) + QStringLiteral(" free of ")
                      + textOrDash(device.totalCapacity));

@@ -30,11 +30,19 @@ QString wholeDevice(const SServiceInfo& device)
     return listed(details + remarks(device));
 }
 
-QString addressChange(const SServiceInfo& signalled, const QStringList& addressesNow)
+// An address may be told of again that never left, or whose removal was told before.
+QString whatHappened(const SServiceInfo& signalled, bool isChange)
+{
+    if (isRemoval(signalled))
+        return isChange ? QStringLiteral(" removed; ") : QStringLiteral(" removed already; ");
+    return isChange ? QStringLiteral(" added; ") : QStringLiteral(" still there; ");
+}
+
+QString addressChange(const SServiceInfo& signalled, const QStringList& addressesBefore,
+                      const QStringList& addressesNow)
 {
     const QString changed = signalled.addresses.isEmpty() ? QString() : signalled.addresses.last();
-    QString text
-        = textOrDash(changed) + (isRemoval(signalled) ? QStringLiteral(" removed; ") : QStringLiteral(" added; "));
+    QString text = textOrDash(changed) + whatHappened(signalled, addressesNow != addressesBefore);
     if (addressesNow.isEmpty())
         text += QStringLiteral("none is left");
     else
@@ -64,7 +72,7 @@ QString detailsOf(const DeviceEvent& event, const SServiceInfo& before, const SS
     case EventKind::Found:
         return wholeDevice(after);
     case EventKind::Address:
-        return addressChange(event.service, after.addresses);
+        return addressChange(event.service, before.addresses, after.addresses);
     case EventKind::Text:
         return textChange(before, after);
     case EventKind::Lost:
@@ -75,13 +83,13 @@ QString detailsOf(const DeviceEvent& event, const SServiceInfo& before, const SS
 
 } // namespace
 
-QByteArray eventLine(const DeviceEvent& event, const SServiceInfo& before, const SServiceInfo& after)
+QByteArray eventLine(const DeviceEvent& event, const SServiceInfo& before, const SServiceInfo& after, int width)
 {
     const QString line = event.time.toLocalTime().toString(QStringLiteral("HH:mm:ss  "))
                          + paddedToCells(QLatin1String(wordFor(event.kind)), EVENT_CELLS) + QStringLiteral("  ")
                          + paddedToCells(nameText(event.service), NAME_CELLS) + QStringLiteral("  ")
-                         + detailsOf(event, before, after) + QLatin1Char('\n');
-    return line.toUtf8();
+                         + detailsOf(event, before, after);
+    return (width > 0 ? cutToCells(line, width) : line).toUtf8() + '\n';
 }
 
 } // namespace vd::discover

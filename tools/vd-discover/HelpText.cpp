@@ -23,7 +23,10 @@ Options:
   -n, --count N          Stop as soon as N devices are known.
   -q, --requery          Query the known devices again from time to time.
   -l, --long-lived       Keep a query open for every device found, so that
-                         changes are reported as they happen.
+                         changes are reported as they happen. Not to be
+                         combined with --requery for long: each time, one more
+                         query is kept for every device, and the daemon allows
+                         a program 1024 objects.
       --format FORMAT    table: for people. json: one JSON object a line, one
                          line an event, as it happens. Default: table
   -v, --verbose          Write the discovery log to standard error.

@@ -38,7 +38,8 @@ QString progressText(int deviceCount, qint64 elapsedMs, int timeoutMs)
            + QString::number(timeoutMs / 1000.0) + QStringLiteral(" s");
 }
 
-Progress::Progress(int timeoutMs) : m_timeoutMs(timeoutMs), m_isWanted(isRedrawable(STDERR_FILENO))
+Progress::Progress(int timeoutMs, Wish wish)
+    : m_timeoutMs(timeoutMs), m_isWanted(wish == WhereRedrawable && isRedrawable(STDERR_FILENO))
 {
     m_redraw.setInterval(timeoutMs == 0 ? REDRAW_ENDLESS_MS : REDRAW_MS);
     connect(&m_redraw, &QTimer::timeout, this, &Progress::draw);
@@ -62,9 +63,13 @@ void Progress::show()
 void Progress::hide()
 {
     m_redraw.stop();
-    if (m_isDrawn)
+    erase();
+}
+
+void Progress::erase()
+{
+    if (m_isDrawn.exchange(false))
         writeAll(STDERR_FILENO, BACK_AND_CLEAR);
-    m_isDrawn = false;
 }
 
 void Progress::draw()

@@ -7,6 +7,8 @@
 #include <QtCore/QString>
 #include <QtCore/QTimer>
 
+#include <atomic>
+
 namespace vd::discover {
 
 /** "3 devices, 2.1 s of 5 s", or "3 devices, 0:02:01" when @p timeoutMs is 0. */
@@ -21,13 +23,17 @@ class Progress : public QObject
     Q_OBJECT
 
 public:
+    enum Wish { WhereRedrawable, Never };
+
     /** @param timeoutMs when the work will end, 0 if nobody knows. */
-    explicit Progress(int timeoutMs);
+    Progress(int timeoutMs, Wish wish);
     ~Progress() override;
 
     /** Time counts from the first show(). */
     void show();
     void hide();
+    /** Removes the line until it is drawn again. Any thread may call this. */
+    void erase();
     void setDeviceCount(int count) { m_deviceCount = count; }
 
 private:
@@ -35,7 +41,7 @@ private:
 
     const int m_timeoutMs;
     const bool m_isWanted;
-    bool m_isDrawn = false;
+    std::atomic<bool> m_isDrawn{false};
     int m_deviceCount = 0;
     QElapsedTimer m_elapsed;
     QTimer m_redraw;

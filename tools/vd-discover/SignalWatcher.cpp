@@ -58,6 +58,11 @@ SignalWatcher::SignalWatcher()
     handleBoth(wakeUpOnce);
 }
 
+int SignalWatcher::descriptor() const
+{
+    return wakeUpDescriptor;
+}
+
 SignalWatcher::~SignalWatcher()
 {
     if (wakeUpDescriptor == -1)

@@ -20,6 +20,9 @@ public:
     SignalWatcher();
     ~SignalWatcher() override;
 
+    /** Becomes readable at the signal and stays so, for whoever can't wait for the event loop; -1 if none. */
+    int descriptor() const;
+
 Q_SIGNALS:
     void interrupted();
 

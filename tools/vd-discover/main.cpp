@@ -36,7 +36,7 @@ int printAndEnd(const QByteArray& text)
 int browse(const BrowseOptions& options)
 {
     SignalWatcher signalWatcher;
-    BrowseCommand command(options);
+    BrowseCommand command(options, signalWatcher.descriptor());
     QObject::connect(&signalWatcher, &SignalWatcher::interrupted, &command, &BrowseCommand::end);
     QObject::connect(&command, &BrowseCommand::finished, qApp, &QCoreApplication::exit, Qt::QueuedConnection);
     command.start();
