@@ -1,0 +1,76 @@
+// SPDX-License-Identifier: MIT
+#include "CommandReader.h"
+
+#include "JsonLines.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QJsonDocument>
+
+#include <unistd.h>
+
+CommandReader::CommandReader(ProbeDiscovery* discovery)
+    : m_discovery(discovery), m_input(STDIN_FILENO, QSocketNotifier::Read)
+{
+    connect(&m_input, &QSocketNotifier::activated, this, &CommandReader::readInput);
+}
+
+void CommandReader::readInput()
+{
+    char buffer[4096];
+    const ssize_t size = read(STDIN_FILENO, buffer, sizeof buffer);
+    if (size <= 0) {
+        m_input.setEnabled(false);
+        QCoreApplication::quit();
+        return;
+    }
+    m_pending.append(buffer, static_cast<int>(size));
+    for (auto end = m_pending.indexOf('\n'); end >= 0; end = m_pending.indexOf('\n')) {
+        const QByteArray line = m_pending.left(end);
+        m_pending.remove(0, end + 1);
+        handleLine(line);
+    }
+}
+
+void CommandReader::handleLine(const QByteArray& line)
+{
+    const QJsonObject request = QJsonDocument::fromJson(line).object();
+    const QJsonValue result = carryOut(request);
+    writeLine({
+        {QStringLiteral("event"), QStringLiteral("answer")},
+        {QStringLiteral("command"), request[QStringLiteral("command")]},
+        {QStringLiteral("result"), result},
+    });
+}
+
+// Undefined, which is left out of the answer, for a command that does not exist.
+QJsonValue CommandReader::carryOut(const QJsonObject& request)
+{
+    const auto text = [&](const char* key) { return request[QLatin1String(key)].toString().toUtf8(); };
+    const QByteArray command = text("command"), name = text("name"), type = text("type");
+
+    if (command == "browse")
+        return m_discovery->BrowseServices(type.constData());
+    if (command == "terminate")
+        return m_discovery->TerminateBrowsing();
+    if (command == "is-browsing")
+        return m_discovery->IsBrowsing();
+    if (command == "start-query") {
+        const bool isLong = request[QStringLiteral("longLiveQuery")].toBool();
+        return m_discovery->StartQueryRecords(name.constData(), type.constData(), isLong);
+    }
+    if (command == "stop-query") {
+        m_discovery->StopQueryRecords(name.constData(), type.constData());
+        return true;
+    }
+    if (command == "start-query-all") {
+        m_discovery->StartQueryAllRecords();
+        return true;
+    }
+    if (command == "stop-query-all") {
+        m_discovery->StopQueryAllRecords();
+        return true;
+    }
+    if (command == "dump")
+        return m_discovery->dump();
+    return QJsonValue::Undefined;
+}

@@ -1,0 +1,26 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "ProbeDiscovery.h"
+
+#include <QtCore/QByteArray>
+#include <QtCore/QObject>
+#include <QtCore/QSocketNotifier>
+
+/** Carries out the commands that come in on standard input, one JSON object a line, and answers each. */
+class CommandReader : public QObject
+{
+    Q_OBJECT
+
+public:
+    explicit CommandReader(ProbeDiscovery* discovery);
+
+private:
+    void readInput();
+    void handleLine(const QByteArray& line);
+    QJsonValue carryOut(const QJsonObject& request);
+
+    ProbeDiscovery* const m_discovery;
+    QSocketNotifier m_input;
+    QByteArray m_pending;
+};
