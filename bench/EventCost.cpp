@@ -29,19 +29,19 @@ struct Device
 
 AvahiStringList* txtWith(const std::string& serial, const std::string& name)
 {
-    AvahiStringList* list = avahi_string_list_new(
-        "error.vandrel.com=", "userdata_owner.vandrel.com=operator", "privacy_mode.vandrel.com=F",
-        "fs_vers.vandrel.com=4.2.1", ("full_name.vandrel.com=" + name).c_str(), nullptr);
+    AvahiStringList* list = avahi_string_list_new("error.vandrel.com=", "userdata_owner.vandrel.com=operator",
+                                                  "privacy_mode.vandrel.com=F", "fs_vers.vandrel.com=4.2.1",
+                                                  ("full_name.vandrel.com=" + name).c_str(), nullptr);
     return avahi_string_list_add_pair(list, "ser_no.vandrel.com", serial.c_str());
 }
 
 AvahiAddress addressOf(int number, int network)
 {
     AvahiAddress address;
-    avahi_address_parse(
-        ("10." + std::to_string(network) + "." + std::to_string(number / 250) + "." + std::to_string(number % 250 + 1))
-            .c_str(),
-        AVAHI_PROTO_INET, &address);
+    avahi_address_parse(("10." + std::to_string(network) + "." + std::to_string(number / 250) + "."
+                         + std::to_string(number % 250 + 1))
+                            .c_str(),
+                        AVAHI_PROTO_INET, &address);
     return address;
 }
 
@@ -54,8 +54,9 @@ public:
         BrowseServices("_http._tcp");
         for (int i = 0; i < KNOWN_DEVICES; ++i) {
             const std::string number = std::to_string(i);
-            devices.push_back({"Camera " + number, "camera-" + number + ".local", txtWith("ABC", "Camera " + number),
-                               txtWith("ABD", "Camera " + number), addressOf(i, 77), addressOf(i, 78)});
+            devices.push_back({"Camera " + number, "camera-" + number + ".local",
+                               txtWith("ABC", "Camera " + number), txtWith("ABD", "Camera " + number),
+                               addressOf(i, 77), addressOf(i, 78)});
             resolve(devices.back(), devices.back().address, devices.back().txt);
         }
     }
@@ -80,8 +81,8 @@ public:
 
     void browse(const Device& device, AvahiBrowserEvent event)
     {
-        SServiceBrowse_callback(serviceBrowsers.first(), 2, AVAHI_PROTO_INET, event, device.name.c_str(), "_http._tcp",
-                                "local", AVAHI_LOOKUP_RESULT_MULTICAST, self());
+        SServiceBrowse_callback(serviceBrowsers.first(), 2, AVAHI_PROTO_INET, event, device.name.c_str(),
+                                "_http._tcp", "local", AVAHI_LOOKUP_RESULT_MULTICAST, self());
     }
 
     void resolve(const Device& device, const AvahiAddress& address, AvahiStringList* txt)

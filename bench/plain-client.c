@@ -53,8 +53,8 @@ static int is_new(const char* name)
 }
 
 static void record_event(AvahiRecordBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol,
-                         AvahiBrowserEvent event, const char* name, uint16_t clazz, uint16_t type, const void* data,
-                         size_t size, AvahiLookupResultFlags flags, void* userdata)
+                         AvahiBrowserEvent event, const char* name, uint16_t clazz, uint16_t type,
+                         const void* data, size_t size, AvahiLookupResultFlags flags, void* userdata)
 {
     (void)interface, (void)protocol, (void)name, (void)clazz, (void)type, (void)data, (void)size, (void)flags;
     (void)userdata;

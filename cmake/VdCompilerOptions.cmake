@@ -4,7 +4,8 @@ option(VD_WARNINGS_AS_ERRORS "Treat compiler warnings as errors" OFF)
 set(VD_SANITIZE "" CACHE STRING "Sanitizers to build with: \"address,undefined\" or \"thread\"")
 
 add_compile_options(-Wall -Wextra -Wpedantic -Wshadow -Wformat=2 -Wundef)
-add_compile_options("$<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor;-Woverloaded-virtual;-Wold-style-cast;-Wconversion>")
+add_compile_options(
+    "$<$<COMPILE_LANGUAGE:CXX>:-Wnon-virtual-dtor;-Woverloaded-virtual;-Wold-style-cast;-Wconversion>")
 if(VD_WARNINGS_AS_ERRORS)
     add_compile_options(-Werror)
 endif()

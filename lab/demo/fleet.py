@@ -2,11 +2,12 @@
 # SPDX-License-Identifier: MIT
 """Publishes the demo's devices and lets them live a short life, telling on standard output what it does.
 
-usage: fleet.py    on the host of the lab that is to publish; ends after about 17 s with every device saying goodbye
+usage: fleet.py    on the host of the lab that is to publish; ends after about 17 s, with goodbyes of every device
 """
 
 import base64
 import json
+import signal
 import subprocess
 import sys
 import time
@@ -60,7 +61,9 @@ DEVICES = [
 
 class Fleet:
     def __init__(self):
-        self._publisher = subprocess.Popen([PUBLISHER], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+        # Ctrl+C is for this program alone: the publisher ends with its input.
+        self._publisher = subprocess.Popen([PUBLISHER], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True,
+                                           start_new_session=True)
         self._answer()
 
     def say(self, text, command, **request):
@@ -70,7 +73,10 @@ class Fleet:
         self._answer()
 
     def _answer(self):
-        answer = json.loads(self._publisher.stdout.readline())
+        line = self._publisher.stdout.readline()
+        if not line:
+            sys.exit(self._publisher.wait())
+        answer = json.loads(line)
         if answer["event"] == "error":
             sys.exit(f"fleet.py: {answer['message']}")
 
@@ -84,7 +90,8 @@ def changed(name, key, value):
 def main():
     dock = next(device for device in DEVICES if device["name"] == "Loading dock")
     fleet = Fleet()
-    fleet.say(f"{len(DEVICES)} devices appear; one is a printer, which is none of ours", "publish", services=DEVICES)
+    fleet.say(f"{len(DEVICES)} devices appear; one is a printer, which is none of ours", "publish",
+              services=DEVICES)
     time.sleep(4)
     fleet.say("Lobby reports an error", "set-txt", service="Lobby",
               txt=changed("Lobby", "error.vandrel.com", "heater failure"))
@@ -105,4 +112,7 @@ def main():
 
 
 if __name__ == "__main__":
-    main()
+    try:
+        main()
+    except KeyboardInterrupt:
+        sys.exit(128 + signal.SIGINT)

@@ -201,7 +201,8 @@ def _add_up(commands):
 def _add_simple(commands):
     down = _add_command(commands, "down", _down, "end the lab, all its processes and its folder")
     _add_quiet(down)
-    check = _add_command(commands, "check", _check, "tell whether a lab can run on this machine, else why not (77)")
+    check = _add_command(commands, "check", _check,
+                         "tell whether a lab can run on this machine, else why not (77)")
     _add_user_namespace(check)
     show = _add_command(commands, "status", _status, "show hosts, addresses and whether their daemons run")
     show.add_argument("--json", action="store_true", help="the same for scripts, as one JSON object")
@@ -229,7 +230,8 @@ def _add_fault(commands):
 
 
 def _add_address(commands):
-    address = _add_command(commands, "address", _address, "give a host's interface one more address, or take it away")
+    address = _add_command(commands, "address", _address,
+                           "give a host's interface one more address, or take it away")
     address.add_argument("change", choices=["add", "del"])
     address.add_argument("host", metavar="HOST")
     address.add_argument("address", metavar="A.B.C.D[/PREFIX]", help="the prefix is 24 where none is given")

@@ -21,7 +21,8 @@ def arguments(lab, host_name, command, pid_namespace=False):
 
 
 def environment(host_name):
-    variables = dict(os.environ)
+    # By it a program knows that it is not on the machine's own network.
+    variables = {**os.environ, "VD_LAB_HOST": host_name}
     if host_name == SWITCH:
         variables.pop("DBUS_SYSTEM_BUS_ADDRESS", None)
     else:

@@ -6,8 +6,9 @@
 
 import { Bonjour } from 'bonjour-service';
 
-import { control, RequestError, ServiceTable, txtEntries } from './publisherControl.mjs';
+import { control, RequestError, requireLab, ServiceTable, txtEntries } from './publisherControl.mjs';
 
+requireLab();
 const services = new ServiceTable();
 const published = new Map();
 const bonjour = new Bonjour();

@@ -17,7 +17,7 @@ import time
 
 import mdns_wire as wire
 from fleet_devices import make_fleet
-from publisher_control import Control, ServiceTable, decode_txt
+from publisher_control import Control, ServiceTable, decode_txt, require_lab
 
 GROUP = "224.0.0.251"
 PORT = 5353
@@ -309,10 +309,15 @@ def _patience(links, next_sending):
 
 
 def main():
+    require_lab()
     pause = float(sys.argv[1]) / 1000 if len(sys.argv) > 1 else 0.001
     links = [Link(index) for index, name in socket.if_nameindex() if name != "lo"]
     publisher = FleetPublisher(links, pause)
-    serve(publisher, links, Control("fleet", "1", publisher.handlers), pause)
+    try:
+        serve(publisher, links, Control("fleet", "1", publisher.handlers), pause)
+    except KeyboardInterrupt:
+        # As at the end of the input: silently.
+        pass
 
 
 if __name__ == "__main__":

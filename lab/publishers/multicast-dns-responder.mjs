@@ -8,12 +8,13 @@ import multicastDns from 'multicast-dns';
 import { BlockList } from 'node:net';
 import { networkInterfaces } from 'node:os';
 
-import { control, RequestError, ServiceTable, txtEntries } from './publisherControl.mjs';
+import { control, RequestError, requireLab, ServiceTable, txtEntries } from './publisherControl.mjs';
 
 const hostTtl = 120;
 const otherTtl = 4500;
 const repeatAfterMilliseconds = 1000;
 
+requireLab();
 const services = new ServiceTable();
 const links = Object.values(networkInterfaces()).flat()
     .filter(address => address.family === 'IPv4' && !address.internal)

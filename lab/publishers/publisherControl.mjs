@@ -5,6 +5,7 @@
 
 import { readFileSync } from 'node:fs';
 import { isIPv4 } from 'node:net';
+import { basename } from 'node:path';
 import { createInterface } from 'node:readline';
 
 const maxLabel = 63;
@@ -12,6 +13,15 @@ const maxTxtString = 255;
 
 /** A request that cannot be carried out; the publisher stays as it was. */
 export class RequestError extends Error {}
+
+/** Ends a publisher that was started elsewhere: its devices would appear on the machine's real network. */
+export function requireLab() {
+    if (process.env.VD_LAB_HOST)
+        return;
+    const program = basename(process.argv[1]);
+    console.error(`${program}: run me by lab exec HOST ..., as I publish on every network that I see`);
+    process.exit(2);
+}
 
 /**
  * Answers request lines one after the other until "quit" or the end of the input, then ends the process.

@@ -9,12 +9,24 @@ import binascii
 import dataclasses
 import ipaddress
 import json
+import os
 import re
 import sys
 
 SERVICE_TYPE = re.compile(r"_[A-Za-z0-9-]{1,15}\._(tcp|udp)")
 MAX_LABEL = 63
 MAX_TXT_STRING = 255
+
+
+def require_lab():
+    """Ends a publisher that was started elsewhere: its devices would appear on the machine's real network."""
+    if not os.environ.get("VD_LAB_HOST"):
+        refuse_to_start("run me by lab exec HOST ..., as I publish on every network that I see")
+
+
+def refuse_to_start(reason):
+    print(f"{os.path.basename(sys.argv[0])}: {reason}", file=sys.stderr)
+    sys.exit(2)
 
 
 class RequestError(Exception):
@@ -131,7 +143,8 @@ class ServiceTable:
         """
         service, address = self.find(request), checked_address(request.get("address"))
         if (address in service.addresses) == adds:
-            raise RequestError(f"'{service.identifier}' {'already has' if adds else 'has not'} the address {address}")
+            state = "already has" if adds else "has not"
+            raise RequestError(f"'{service.identifier}' {state} the address {address}")
         affected = self.on_host_of(service)
         for other in affected:
             other.addresses = [known for known in other.addresses if known != address] + [address] * adds

@@ -13,7 +13,7 @@ import sys
 import zeroconf
 from zeroconf import const
 
-from publisher_control import Control, ServiceTable, decode_txt
+from publisher_control import Control, ServiceTable, decode_txt, refuse_to_start, require_lab
 
 REPEAT_AFTER_SECONDS = 1.0
 
@@ -176,12 +176,27 @@ def interface_addresses():
     return [address for address in zeroconf.get_all_addresses() if not address.startswith("127.")]
 
 
-def main():
-    publisher = Publisher(sys.argv[1:] or interface_addresses())
-    control = Control("python-zeroconf", zeroconf.__version__, publisher.handlers)
+def chosen_addresses():
+    present = interface_addresses()
+    for address in sys.argv[1:]:
+        if address not in present:
+            refuse_to_start(f"no interface has the address {address!r}; there are {', '.join(present)}")
+    return sys.argv[1:] or present
+
+
+def serve(control):
     for line in sys.stdin.buffer:
         if not control.handle_line(line):
-            break
+            return
+
+
+def main():
+    require_lab()
+    publisher = Publisher(chosen_addresses())
+    try:
+        serve(Control("python-zeroconf", zeroconf.__version__, publisher.handlers))
+    except KeyboardInterrupt:
+        pass
     # At once, since an orderly end would say goodbye for every service that is left.
     os._exit(0)
 
