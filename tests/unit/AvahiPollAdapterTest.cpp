@@ -352,7 +352,7 @@ typedef AvahiPollAdapterTest AvahiPollAdapterThread;
 
 // What a watch reports
 
-TEST_F(AvahiPollAdapterWatch, reportsDataToRead)
+TEST_F(AvahiPollAdapterWatch, ReportsDataToRead)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -363,7 +363,7 @@ TEST_F(AvahiPollAdapterWatch, reportsDataToRead)
     EXPECT_EQ(Events({IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsRoomToWriteAsWriting)
+TEST_F(AvahiPollAdapterWatch, ReportsRoomToWriteAsWriting)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), OUT);
@@ -373,7 +373,7 @@ TEST_F(AvahiPollAdapterWatch, reportsRoomToWriteAsWriting)
     EXPECT_EQ(Events({OUT}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsReadingAndWritingTogether)
+TEST_F(AvahiPollAdapterWatch, ReportsReadingAndWritingTogether)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN | OUT);
@@ -383,7 +383,7 @@ TEST_F(AvahiPollAdapterWatch, reportsReadingAndWritingTogether)
     EXPECT_EQ(Events({IN | OUT}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsOnlyTheDirectionAskedFor)
+TEST_F(AvahiPollAdapterWatch, ReportsOnlyTheDirectionAskedFor)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), OUT);
@@ -393,7 +393,7 @@ TEST_F(AvahiPollAdapterWatch, reportsOnlyTheDirectionAskedFor)
     EXPECT_EQ(Events({OUT}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsAHangUpThatWasNotAskedFor)
+TEST_F(AvahiPollAdapterWatch, ReportsAHangUpThatWasNotAskedFor)
 {
     Ends ends = Ends::ofPipe();
     Watch watch(ends.here(), IN);
@@ -403,7 +403,7 @@ TEST_F(AvahiPollAdapterWatch, reportsAHangUpThatWasNotAskedFor)
     EXPECT_EQ(Events({HUP}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsTheEndOfAConnectionAsReadingAndHangUp)
+TEST_F(AvahiPollAdapterWatch, ReportsTheEndOfAConnectionAsReadingAndHangUp)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -413,7 +413,7 @@ TEST_F(AvahiPollAdapterWatch, reportsTheEndOfAConnectionAsReadingAndHangUp)
     EXPECT_EQ(Events({IN | HUP}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsAnErrorThatWasNotAskedFor)
+TEST_F(AvahiPollAdapterWatch, ReportsAnErrorThatWasNotAskedFor)
 {
     Ends ends = Ends::ofPipe();
     Watch watch(ends.there(), OUT);
@@ -423,7 +423,7 @@ TEST_F(AvahiPollAdapterWatch, reportsAnErrorThatWasNotAskedFor)
     EXPECT_EQ(Events({OUT | ERR}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, sleepsThroughReadableDataWhenOnlyHangUpIsWanted)
+TEST_F(AvahiPollAdapterWatch, SleepsThroughReadableDataWhenOnlyHangUpIsWanted)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), HUP | ERR);
@@ -432,7 +432,7 @@ TEST_F(AvahiPollAdapterWatch, sleepsThroughReadableDataWhenOnlyHangUpIsWanted)
     EXPECT_EQ(Events(), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsAHangUpWhenNothingElseIsWanted)
+TEST_F(AvahiPollAdapterWatch, ReportsAHangUpWhenNothingElseIsWanted)
 {
     Ends ends = Ends::ofPipe();
     Watch watch(ends.here(), HUP);
@@ -443,7 +443,7 @@ TEST_F(AvahiPollAdapterWatch, reportsAHangUpWhenNothingElseIsWanted)
     EXPECT_EQ(Events({HUP}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsAnErrorWhenNothingElseIsWanted)
+TEST_F(AvahiPollAdapterWatch, ReportsAnErrorWhenNothingElseIsWanted)
 {
     Ends ends = Ends::ofPipe();
     Watch watch(ends.there(), ERR);
@@ -453,7 +453,7 @@ TEST_F(AvahiPollAdapterWatch, reportsAnErrorWhenNothingElseIsWanted)
     EXPECT_EQ(Events({ERR}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, reportsUnreadDataAgain)
+TEST_F(AvahiPollAdapterWatch, ReportsUnreadDataAgain)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -462,7 +462,7 @@ TEST_F(AvahiPollAdapterWatch, reportsUnreadDataAgain)
     EXPECT_EQ(Events({IN, IN, IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, sleepsWhileNothingHappens)
+TEST_F(AvahiPollAdapterWatch, SleepsWhileNothingHappens)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -470,7 +470,7 @@ TEST_F(AvahiPollAdapterWatch, sleepsWhileNothingHappens)
     EXPECT_EQ(Events(), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForNothing)
+TEST_F(AvahiPollAdapterWatch, IsOffWhenItAsksForNothing)
 {
     Ends ends = Ends::ofPipe();
     Watch watch(ends.here(), 0);
@@ -480,7 +480,7 @@ TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForNothing)
     EXPECT_EQ(Events(), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, ignoresFlagsThatItDoesNotKnow)
+TEST_F(AvahiPollAdapterWatch, IgnoresFlagsThatItDoesNotKnow)
 {
 #ifdef __SANITIZE_ADDRESS__
     // The sanitizers hold the enumeration to its bits, which a caller in C need not do.
@@ -496,7 +496,7 @@ TEST_F(AvahiPollAdapterWatch, ignoresFlagsThatItDoesNotKnow)
     EXPECT_EQ(Events({IN, IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForUnknownFlagsOnly)
+TEST_F(AvahiPollAdapterWatch, IsOffWhenItAsksForUnknownFlagsOnly)
 {
     Ends ends = Ends::ofPipe();
     Watch watch(ends.here(), POLLPRI);
@@ -505,7 +505,7 @@ TEST_F(AvahiPollAdapterWatch, isOffWhenItAsksForUnknownFlagsOnly)
     EXPECT_EQ(Events(), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, tellsWhatHappenedOnlyInsideTheCallback)
+TEST_F(AvahiPollAdapterWatch, TellsWhatHappenedOnlyInsideTheCallback)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN | OUT);
@@ -523,13 +523,13 @@ TEST_F(AvahiPollAdapterWatch, tellsWhatHappenedOnlyInsideTheCallback)
     EXPECT_EQ(0, watch.happened());
 }
 
-TEST_F(AvahiPollAdapterWatch, isRefusedForADescriptorThatIsNotOpen)
+TEST_F(AvahiPollAdapterWatch, IsRefusedForADescriptorThatIsNotOpen)
 {
     const AvahiPoll* poll = avahi_qt_poll_get();
     EXPECT_EQ(nullptr, poll->watch_new(poll, -1, AVAHI_WATCH_IN, nullptr, nullptr));
 }
 
-TEST_F(AvahiPollAdapterWatch, sharesADescriptorWithAnotherOfTheSameKind)
+TEST_F(AvahiPollAdapterWatch, SharesADescriptorWithAnotherOfTheSameKind)
 {
     Ends ends = Ends::ofSocket();
     Watch first(ends.here(), IN);
@@ -538,7 +538,7 @@ TEST_F(AvahiPollAdapterWatch, sharesADescriptorWithAnotherOfTheSameKind)
     EXPECT_TRUE(runUntil([&] { return !first.events.empty() && !second.events.empty(); }));
 }
 
-TEST_F(AvahiPollAdapterWatch, isNotCalledForWhatAnotherHasReadInTheSameTurn)
+TEST_F(AvahiPollAdapterWatch, IsNotCalledForWhatAnotherHasReadInTheSameTurn)
 {
     Ends ends = Ends::ofSocket();
     Watch first(ends.here(), IN);
@@ -551,7 +551,7 @@ TEST_F(AvahiPollAdapterWatch, isNotCalledForWhatAnotherHasReadInTheSameTurn)
 
 // Updating a watch
 
-TEST_F(AvahiPollAdapterWatch, reportsWhatItWasUpdatedTo)
+TEST_F(AvahiPollAdapterWatch, ReportsWhatItWasUpdatedTo)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -562,7 +562,7 @@ TEST_F(AvahiPollAdapterWatch, reportsWhatItWasUpdatedTo)
     EXPECT_EQ(Events({OUT}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, goesOnAfterBeingOff)
+TEST_F(AvahiPollAdapterWatch, GoesOnAfterBeingOff)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -576,7 +576,7 @@ TEST_F(AvahiPollAdapterWatch, goesOnAfterBeingOff)
     EXPECT_EQ(Events({IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, needsNoMoreObjectsOrDescriptorsForRepeatedUpdates)
+TEST_F(AvahiPollAdapterWatch, NeedsNoMoreObjectsOrDescriptorsForRepeatedUpdates)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN | OUT);
@@ -588,7 +588,7 @@ TEST_F(AvahiPollAdapterWatch, needsNoMoreObjectsOrDescriptorsForRepeatedUpdates)
     EXPECT_EQ(descriptors, openDescriptors());
 }
 
-TEST_F(AvahiPollAdapterWatch, obeysAnUpdateInItsCallback)
+TEST_F(AvahiPollAdapterWatch, ObeysAnUpdateInItsCallback)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -599,7 +599,7 @@ TEST_F(AvahiPollAdapterWatch, obeysAnUpdateInItsCallback)
     EXPECT_EQ(Events({IN, OUT}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, isNotCalledOnceAnotherHasTurnedItOffInTheSameTurn)
+TEST_F(AvahiPollAdapterWatch, IsNotCalledOnceAnotherHasTurnedItOffInTheSameTurn)
 {
     Ends firstEnds = Ends::ofSocket();
     Ends secondEnds = Ends::ofSocket();
@@ -619,7 +619,7 @@ TEST_F(AvahiPollAdapterWatch, isNotCalledOnceAnotherHasTurnedItOffInTheSameTurn)
     EXPECT_EQ(1u, first.events.size() + second.events.size());
 }
 
-TEST_F(AvahiPollAdapterWatch, followsADescriptorThatWasOpenedAgain)
+TEST_F(AvahiPollAdapterWatch, FollowsADescriptorThatWasOpenedAgain)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -632,7 +632,7 @@ TEST_F(AvahiPollAdapterWatch, followsADescriptorThatWasOpenedAgain)
 
 // Freeing a watch
 
-TEST_F(AvahiPollAdapterWatch, isGoneAtOnceWhenFreedInItsCallback)
+TEST_F(AvahiPollAdapterWatch, IsGoneAtOnceWhenFreedInItsCallback)
 {
     Ends ends = Ends::ofSocket();
     const int objects = liveObjects;
@@ -653,7 +653,7 @@ TEST_F(AvahiPollAdapterWatch, isGoneAtOnceWhenFreedInItsCallback)
     EXPECT_EQ(Events({IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, isNotCalledOnceAnotherHasFreedItInTheSameTurn)
+TEST_F(AvahiPollAdapterWatch, IsNotCalledOnceAnotherHasFreedItInTheSameTurn)
 {
     Ends firstEnds = Ends::ofSocket();
     Ends secondEnds = Ends::ofSocket();
@@ -673,7 +673,7 @@ TEST_F(AvahiPollAdapterWatch, isNotCalledOnceAnotherHasFreedItInTheSameTurn)
     EXPECT_EQ(1u, first.events.size() + second.events.size());
 }
 
-TEST_F(AvahiPollAdapterWatch, isNotCalledAfterItWasFreed)
+TEST_F(AvahiPollAdapterWatch, IsNotCalledAfterItWasFreed)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -683,7 +683,7 @@ TEST_F(AvahiPollAdapterWatch, isNotCalledAfterItWasFreed)
     EXPECT_EQ(Events(), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, canBeReplacedInItsCallbackWithTheDescriptorsNumberUsedAgain)
+TEST_F(AvahiPollAdapterWatch, CanBeReplacedInItsCallbackWithTheDescriptorsNumberUsedAgain)
 {
     Ends ends = Ends::ofSocket();
     Ends other = Ends::ofSocket();
@@ -703,7 +703,7 @@ TEST_F(AvahiPollAdapterWatch, canBeReplacedInItsCallbackWithTheDescriptorsNumber
     EXPECT_EQ(Events({IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterWatch, isNotStarvedByATimeoutThatIsAlwaysDue)
+TEST_F(AvahiPollAdapterWatch, IsNotStarvedByATimeoutThatIsAlwaysDue)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -715,21 +715,21 @@ TEST_F(AvahiPollAdapterWatch, isNotStarvedByATimeoutThatIsAlwaysDue)
 
 // When a timeout fires
 
-TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopForATimeInThePast)
+TEST_F(AvahiPollAdapterTimeout, FiresFromTheLoopForATimeInThePast)
 {
     Timeout timeout(inSeconds(-3600));
     EXPECT_EQ(0, timeout.calls);
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopForNow)
+TEST_F(AvahiPollAdapterTimeout, FiresFromTheLoopForNow)
 {
     Timeout timeout(wallTime());
     EXPECT_EQ(0, timeout.calls);
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopWhenUpdatedToThePast)
+TEST_F(AvahiPollAdapterTimeout, FiresFromTheLoopWhenUpdatedToThePast)
 {
     Timeout timeout(nullptr);
     timeout.update(inSeconds(-1));
@@ -737,14 +737,14 @@ TEST_F(AvahiPollAdapterTimeout, firesFromTheLoopWhenUpdatedToThePast)
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, firesOnce)
+TEST_F(AvahiPollAdapterTimeout, FiresOnce)
 {
     Timeout timeout(wallTime());
     runFewTurns();
     EXPECT_EQ(1, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, neverFiresEarly)
+TEST_F(AvahiPollAdapterTimeout, NeverFiresEarly)
 {
     std::vector<std::unique_ptr<Timeout>> timeouts;
     int early = 0;
@@ -766,7 +766,7 @@ TEST_F(AvahiPollAdapterTimeout, neverFiresEarly)
     EXPECT_EQ(40, fired);
 }
 
-TEST_F(AvahiPollAdapterTimeout, firesInTheOrderOfTheTimes)
+TEST_F(AvahiPollAdapterTimeout, FiresInTheOrderOfTheTimes)
 {
     std::vector<char> order;
     Timeout late(inMilliseconds(40));
@@ -777,14 +777,14 @@ TEST_F(AvahiPollAdapterTimeout, firesInTheOrderOfTheTimes)
     EXPECT_EQ(std::vector<char>({'a', 'b'}), order);
 }
 
-TEST_F(AvahiPollAdapterTimeout, neverFiresWithoutATime)
+TEST_F(AvahiPollAdapterTimeout, NeverFiresWithoutATime)
 {
     Timeout timeout(nullptr);
     runFewTurns();
     EXPECT_EQ(0, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, isDisabledByNoTime)
+TEST_F(AvahiPollAdapterTimeout, IsDisabledByNoTime)
 {
     Timeout timeout(wallTime());
     timeout.disable();
@@ -792,7 +792,7 @@ TEST_F(AvahiPollAdapterTimeout, isDisabledByNoTime)
     EXPECT_EQ(0, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, isMovedByAnUpdate)
+TEST_F(AvahiPollAdapterTimeout, IsMovedByAnUpdate)
 {
     Timeout timeout(wallTime());
     timeout.update(inSeconds(60));
@@ -802,7 +802,7 @@ TEST_F(AvahiPollAdapterTimeout, isMovedByAnUpdate)
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, firesAgainWhenUpdatedInItsCallback)
+TEST_F(AvahiPollAdapterTimeout, FiresAgainWhenUpdatedInItsCallback)
 {
     Timeout timeout(wallTime());
     timeout.then = [&] {
@@ -814,7 +814,7 @@ TEST_F(AvahiPollAdapterTimeout, firesAgainWhenUpdatedInItsCallback)
     EXPECT_EQ(3, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, staysOffWhenArmedAndDisabledInItsCallback)
+TEST_F(AvahiPollAdapterTimeout, StaysOffWhenArmedAndDisabledInItsCallback)
 {
     Timeout timeout(wallTime());
     timeout.then = [&] {
@@ -825,7 +825,7 @@ TEST_F(AvahiPollAdapterTimeout, staysOffWhenArmedAndDisabledInItsCallback)
     EXPECT_EQ(1, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, isGoneAtOnceWhenFreedInItsCallback)
+TEST_F(AvahiPollAdapterTimeout, IsGoneAtOnceWhenFreedInItsCallback)
 {
     const int objects = liveObjects;
     Timeout timeout(wallTime());
@@ -841,7 +841,7 @@ TEST_F(AvahiPollAdapterTimeout, isGoneAtOnceWhenFreedInItsCallback)
     EXPECT_EQ(1, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, isNotCalledOnceAnotherHasFreedItInTheSameTurn)
+TEST_F(AvahiPollAdapterTimeout, IsNotCalledOnceAnotherHasFreedItInTheSameTurn)
 {
     Timeout first(wallTime());
     Timeout second(wallTime());
@@ -851,7 +851,7 @@ TEST_F(AvahiPollAdapterTimeout, isNotCalledOnceAnotherHasFreedItInTheSameTurn)
     EXPECT_EQ(1, first.calls + second.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, isNotCalledAfterItWasFreed)
+TEST_F(AvahiPollAdapterTimeout, IsNotCalledAfterItWasFreed)
 {
     Timeout timeout(wallTime());
     timeout.free();
@@ -859,7 +859,7 @@ TEST_F(AvahiPollAdapterTimeout, isNotCalledAfterItWasFreed)
     EXPECT_EQ(0, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, waitsLongerThanQtCanCount)
+TEST_F(AvahiPollAdapterTimeout, WaitsLongerThanQtCanCount)
 {
     Timeout timeout(inSeconds(30 * DAY));
     runFewTurns();
@@ -871,14 +871,14 @@ TEST_F(AvahiPollAdapterTimeout, waitsLongerThanQtCanCount)
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, sleepsWhileItIsFarAway)
+TEST_F(AvahiPollAdapterTimeout, SleepsWhileItIsFarAway)
 {
     Timeout timeout(inSeconds(30 * DAY));
     EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
     EXPECT_EQ(0, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, waitsForTheLastTimeThereIs)
+TEST_F(AvahiPollAdapterTimeout, WaitsForTheLastTimeThereIs)
 {
     timeval time = {};
     time.tv_sec = std::numeric_limits<time_t>::max();
@@ -888,7 +888,7 @@ TEST_F(AvahiPollAdapterTimeout, waitsForTheLastTimeThereIs)
     EXPECT_EQ(0, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterTimeout, firesForTheFirstTimeThereIs)
+TEST_F(AvahiPollAdapterTimeout, FiresForTheFirstTimeThereIs)
 {
     timeval time = {};
     time.tv_sec = std::numeric_limits<time_t>::min();
@@ -897,7 +897,7 @@ TEST_F(AvahiPollAdapterTimeout, firesForTheFirstTimeThereIs)
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, readsItsTimeByTheWallClock)
+TEST_F(AvahiPollAdapterTimeout, ReadsItsTimeByTheWallClock)
 {
     wallClockOffset = 3600;
     Timeout timeout(inMilliseconds(20));
@@ -906,14 +906,14 @@ TEST_F(AvahiPollAdapterTimeout, readsItsTimeByTheWallClock)
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, isNotDelayedByAClockThatIsSetBack)
+TEST_F(AvahiPollAdapterTimeout, IsNotDelayedByAClockThatIsSetBack)
 {
     Timeout timeout(inMilliseconds(20));
     wallClockOffset = -3600;
     EXPECT_TRUE(runUntil([&] { return timeout.calls == 1; }));
 }
 
-TEST_F(AvahiPollAdapterTimeout, isNotHastenedByAClockThatIsPutForward)
+TEST_F(AvahiPollAdapterTimeout, IsNotHastenedByAClockThatIsPutForward)
 {
     Timeout timeout(inSeconds(60));
     wallClockOffset = 3600;
@@ -923,7 +923,7 @@ TEST_F(AvahiPollAdapterTimeout, isNotHastenedByAClockThatIsPutForward)
 
 // Nested event loops
 
-TEST_F(AvahiPollAdapterNestedLoop, defersATimeoutThatIsDueAgainWithoutSpinning)
+TEST_F(AvahiPollAdapterNestedLoop, DefersATimeoutThatIsDueAgainWithoutSpinning)
 {
     Timeout timeout(wallTime());
     int callsInside = 0;
@@ -940,7 +940,7 @@ TEST_F(AvahiPollAdapterNestedLoop, defersATimeoutThatIsDueAgainWithoutSpinning)
     EXPECT_LT(busy, IDLE);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, sleepsInsideATimeoutThatHasFired)
+TEST_F(AvahiPollAdapterNestedLoop, SleepsInsideATimeoutThatHasFired)
 {
     Timeout timeout(wallTime());
     qint64 busy = 0;
@@ -950,7 +950,7 @@ TEST_F(AvahiPollAdapterNestedLoop, sleepsInsideATimeoutThatHasFired)
     EXPECT_EQ(1, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, defersAWatchThatIsReadyAgainWithoutSpinning)
+TEST_F(AvahiPollAdapterNestedLoop, DefersAWatchThatIsReadyAgainWithoutSpinning)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -970,7 +970,7 @@ TEST_F(AvahiPollAdapterNestedLoop, defersAWatchThatIsReadyAgainWithoutSpinning)
     EXPECT_LT(busy, IDLE);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, defersAWatchThatIsUpdatedThere)
+TEST_F(AvahiPollAdapterNestedLoop, DefersAWatchThatIsUpdatedThere)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -992,7 +992,7 @@ TEST_F(AvahiPollAdapterNestedLoop, defersAWatchThatIsUpdatedThere)
     EXPECT_EQ(Events({IN, OUT}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, dropsWhatWasDeferredIfItNoLongerApplies)
+TEST_F(AvahiPollAdapterNestedLoop, DropsWhatWasDeferredIfItNoLongerApplies)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -1014,7 +1014,7 @@ TEST_F(AvahiPollAdapterNestedLoop, dropsWhatWasDeferredIfItNoLongerApplies)
     EXPECT_EQ(1, timeout.calls);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, goesOnWithTheOthers)
+TEST_F(AvahiPollAdapterNestedLoop, GoesOnWithTheOthers)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -1031,7 +1031,7 @@ TEST_F(AvahiPollAdapterNestedLoop, goesOnWithTheOthers)
     EXPECT_TRUE(othersCalled);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, mayFreeTheWatchWhoseCallbackRunsIt)
+TEST_F(AvahiPollAdapterNestedLoop, MayFreeTheWatchWhoseCallbackRunsIt)
 {
     Ends ends = Ends::ofSocket();
     Watch watch(ends.here(), IN);
@@ -1047,7 +1047,7 @@ TEST_F(AvahiPollAdapterNestedLoop, mayFreeTheWatchWhoseCallbackRunsIt)
     EXPECT_EQ(Events({IN}), watch.events);
 }
 
-TEST_F(AvahiPollAdapterNestedLoop, mayFreeTheTimeoutWhoseCallbackRunsIt)
+TEST_F(AvahiPollAdapterNestedLoop, MayFreeTheTimeoutWhoseCallbackRunsIt)
 {
     Timeout timeout(wallTime());
     Timeout inner(nullptr);
@@ -1106,7 +1106,7 @@ private:
     Ends& m_ends;
 };
 
-TEST_F(AvahiPollAdapterThread, servesEachObjectInTheLoopOfTheThreadThatMadeIt)
+TEST_F(AvahiPollAdapterThread, ServesEachObjectInTheLoopOfTheThreadThatMadeIt)
 {
     Ends workersEnds = Ends::ofSocket();
     Ends ownEnds = Ends::ofSocket();
@@ -1137,23 +1137,23 @@ std::chrono::microseconds untilTime(time_t seconds, suseconds_t microseconds, st
     return vd::timeUntil(time, std::chrono::microseconds(nowInMicroseconds));
 }
 
-TEST(MonotonicDeadline, isTheDifferenceOfTimeAndNow)
+TEST(MonotonicDeadline, IsTheDifferenceOfTimeAndNow)
 {
     EXPECT_EQ(2000001, untilTime(1700000002, 500001, 1700000000500000).count());
 }
 
-TEST(MonotonicDeadline, isNegativeForThePast)
+TEST(MonotonicDeadline, IsNegativeForThePast)
 {
     EXPECT_EQ(-1, untilTime(1700000000, 499999, 1700000000500000).count());
 }
 
-TEST(MonotonicDeadline, takesMicrosecondsBeyondASecond)
+TEST(MonotonicDeadline, TakesMicrosecondsBeyondASecond)
 {
     EXPECT_EQ(3500000, untilTime(1700000000, 3500000, 1700000000000000).count());
     EXPECT_EQ(-500000, untilTime(1700000000, -500000, 1700000000000000).count());
 }
 
-TEST(MonotonicDeadline, isLimitedEitherWay)
+TEST(MonotonicDeadline, IsLimitedEitherWay)
 {
     const time_t last = std::numeric_limits<time_t>::max();
     const time_t first = std::numeric_limits<time_t>::min();
@@ -1169,20 +1169,20 @@ int intervalFor(std::chrono::microseconds left)
     return vd::timerInterval(now + left, now);
 }
 
-TEST(MonotonicDeadline, roundsATimersIntervalUp)
+TEST(MonotonicDeadline, RoundsATimersIntervalUp)
 {
     EXPECT_EQ(1, intervalFor(std::chrono::microseconds(1)));
     EXPECT_EQ(7, intervalFor(std::chrono::microseconds(7000)));
     EXPECT_EQ(8, intervalFor(std::chrono::microseconds(7001)));
 }
 
-TEST(MonotonicDeadline, leavesNoIntervalOnceReached)
+TEST(MonotonicDeadline, LeavesNoIntervalOnceReached)
 {
     EXPECT_EQ(0, intervalFor(std::chrono::microseconds(0)));
     EXPECT_EQ(0, intervalFor(std::chrono::hours(-24 * 365)));
 }
 
-TEST(MonotonicDeadline, setsATimerForADayAtMost)
+TEST(MonotonicDeadline, SetsATimerForADayAtMost)
 {
     EXPECT_EQ(86400000, intervalFor(std::chrono::hours(24)));
     EXPECT_EQ(86400000, intervalFor(std::chrono::hours(24 * 365 * 30)));
