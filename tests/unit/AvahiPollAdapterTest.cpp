@@ -582,7 +582,7 @@ TEST_F(AvahiPollAdapterWatch, NeedsNoMoreObjectsOrDescriptorsForRepeatedUpdates)
     Watch watch(ends.here(), IN | OUT);
     const int objects = liveObjects;
     const int descriptors = openDescriptors();
-    for (int wanted = 0; wanted < 64; ++wanted)
+    for (int wanted = 0; wanted < 32; ++wanted)
         watch.update(wanted);
     EXPECT_EQ(objects, liveObjects);
     EXPECT_EQ(descriptors, openDescriptors());
