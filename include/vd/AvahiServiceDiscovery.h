@@ -57,7 +57,6 @@ public:
                         const char* domain) override;
     bool StartQueryRecords(const char* name, const char* type, bool longLiveQuery) override;
     void StopQueryRecords(const char* name, const char* type) override;
-    /** Not available yet: false. */
     bool RegisterService(const char* name, const char* type, const vd::SReconfigInfo& info) override;
     bool TerminateRegistration() override;
     bool IsRegistered() override;
@@ -99,7 +98,13 @@ protected:
                               const char* name, unsigned short clazz, unsigned short type, const void* rdata,
                               unsigned long size, AvahiLookupResultFlags flags, void* userdata);
 
-    /** Logs the state of the published service. Not available yet: does nothing. */
+    /**
+     * Logs the state of the published service, and leaves it at that: after a collision nothing is renamed and
+     * nothing published.
+     *
+     * It may be called from inside RegisterService(). RegisterService(), UpdateTxtRecord() and
+     * TerminateRegistration() fail there.
+     */
     virtual void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata);
 
     /**
@@ -128,10 +133,30 @@ protected:
     /** Reads nothing: nothing is known of Axis' keys. */
     void GetAxisTxtRecord(SServiceInfo& info, AvahiStringList* list);
 
-    /** Rebuilds txtRecord from @p info. Not available yet: false. */
+    /**
+     * Rebuilds txtRecord from @p info. Always true.
+     *
+     * Each string is a label, ".", VENDOR_TXT_DOMAIN, "=" and a value, on the wire in this order:
+     *
+     * | label | value |
+     * |---|---|
+     * | DNS1, DNS2, DNS3 | 4 raw bytes; each for DEVICE_KIND_SNAP_SERVER only, and only when not 0 |
+     * | ZEPH | 3 raw bytes, the low 24 bits of zephValue, most significant first |
+     * | USER | text |
+     * | PWD | Base64 of the password, with padding |
+     * | NEWIP, MASK | 4 raw bytes |
+     * | SAVE | "T" or "F" |
+     *
+     * The 4 bytes are those of the member as they lie in memory. Text is UTF-8 (with Qt 4, of the codec for C
+     * strings).
+     */
     bool CreateTxtRecord(const vd::SReconfigInfo& info);
 
-    /** Replaces the TXT record of the published service by the one string @p txt. Not available yet: false. */
+    /**
+     * Replaces the whole TXT record of the published service by the one string @p txt, of at most 255 bytes. Leaves
+     * txtRecord as it is.
+     * @return false when nothing is published or the daemon refuses; the log then has Avahi's error code.
+     */
     bool UpdateTxtRecord(const char* txt);
 
     /** The same as UpdateTxtRecord(): it replaces, it does not add. */
@@ -147,17 +172,19 @@ protected:
     AvahiRecordBrowser* longLiveRecordBrowser;
     /** Unused; for classes that derive from this one. */
     QList<vd::SResolverInfo> resolvers;
-    /** The published service. Dangling after TerminateBrowsing(). */
+    /** The published service. Dangling after TerminateBrowsing(), or when it could not be freed without an error. */
     AvahiEntryGroup* entryGroup;
+    /** Of the last RegisterService(), be it successful or not. */
     std::string registeredName;
     std::string registeredType;
-    /** What RegisterService() published last. Owned. */
+    /** What CreateTxtRecord() built last. Owned. */
     AvahiStringList* txtRecord;
 
 private:
     Q_DISABLE_COPY(AvahiServiceDiscovery)
 
     class HandlerScope;
+    class EntryGroupCall;
 
     bool makeClient(const AvahiPoll* poll);
     void removeService(const char* name, const char* type, const char* domain);
@@ -171,11 +198,22 @@ private:
     void addAddress(const QString& key, const QString& address);
     bool markAddressRemoved(const QString& key, const QString& address);
     void freeResolver(AvahiServiceResolver* resolver);
+    void freeClient(AvahiClient* freed);
+    bool isTxtRecordPublishable(const SReconfigInfo& info) const;
+    bool hasEntryGroup() const;
+    bool makeEntryGroup();
+    bool addToEntryGroup();
+    bool commitEntryGroup();
+    int updatePublishedTxt(const char* txt);
+    int resetEntryGroup();
+    int freeEntryGroup();
 
     // What the slots of this object's signals have freed must not be touched again; the members above
     // keep their values then and so cannot tell.
     HandlerScope* innermostHandler;
+    EntryGroupCall* runningGroupCall;
     AvahiServiceResolver* freedLongLiveResolver;
+    AvahiEntryGroup* freedEntryGroup;
     bool releasing;
     bool makingClient;
 };

@@ -192,15 +192,27 @@ public:
     virtual void StopQueryRecords(const char* name, const char* type) = 0;
 
     /**
-     * Publishes a service whose TXT record carries @p info. Needs a successful BrowseServices() before.
-     * @return true when the service was handed to the responder.
+     * Publishes a service whose TXT record carries @p info, at port 80 of this host, on all interfaces. Needs a
+     * successful BrowseServices() before. Everyone on the link can read the record, the password included.
+     *
+     * There is one published service at a time: withdraw it by TerminateRegistration() before you publish another
+     * one, or the same one with other values.
+     * @return true when the service was handed to the responder, which announces it later. False and nothing
+     * published also when the user name or the password does not fit (238 and 177 bytes as UTF-8, with the default
+     * domain of the keys), or the user name holds a NUL.
      */
     virtual bool RegisterService(const char* name, const char* type, const vd::SReconfigInfo& info) = 0;
 
-    /** Withdraws the published service. To be called before TerminateBrowsing(). */
+    /**
+     * Withdraws the published service. To be called before TerminateBrowsing().
+     * @return true when nothing is published any more; false when the responder failed to withdraw it.
+     */
     virtual bool TerminateRegistration() = 0;
 
-    /** True while a published service exists. */
+    /**
+     * True from a RegisterService() that reached the responder, be it successful or not, to a successful
+     * TerminateRegistration(). Other ends of the service, TerminateBrowsing() among them, don't change the answer.
+     */
     virtual bool IsRegistered() = 0;
 
     /**

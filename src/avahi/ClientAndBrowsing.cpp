@@ -3,6 +3,7 @@
 
 #include "avahi/AvahiPollAdapter.h"
 #include "avahi/AvahiText.h"
+#include "avahi/EntryGroupCall.h"
 #include "avahi/HandlerScope.h"
 #include "support/LogMessage.h"
 
@@ -26,7 +27,9 @@ AvahiServiceDiscovery::AvahiServiceDiscovery()
     , entryGroup(nullptr)
     , txtRecord(nullptr)
     , innermostHandler(nullptr)
+    , runningGroupCall(nullptr)
     , freedLongLiveResolver(nullptr)
+    , freedEntryGroup(nullptr)
     , releasing(false)
     , makingClient(false)
 {}
@@ -105,6 +108,7 @@ void AvahiServiceDiscovery::cleanupAvahiMembers()
 {
     HandlerScope::noteDiscoveryEnded(innermostHandler);
     freedLongLiveResolver = longLiveResolver;
+    freedEntryGroup = entryGroup;
 
     // What Avahi calls back meanwhile finds nothing to use or to free: handlers do nothing, and a cleanup inside
     // this one sees neither browsers nor a client.
@@ -116,9 +120,8 @@ void AvahiServiceDiscovery::cleanupAvahiMembers()
     client = nullptr;
     for (int i = 0; i < browsers.size(); ++i)
         avahi_service_browser_free(browsers.at(i));
-    // Frees the resolvers, record browsers and the entry group too.
     if (freed)
-        avahi_client_free(freed);
+        freeClient(freed);
     releasing = wasReleasing;
 
     SVdQtPoll_api = nullptr;
@@ -130,6 +133,15 @@ void AvahiServiceDiscovery::cleanupAvahiMembers()
 
     services = QMap<QString, vd::SServiceInfo>();
     recordQueue.clear();
+}
+
+// Frees the resolvers, record browsers and the entry group too.
+void AvahiServiceDiscovery::freeClient(AvahiClient* freed)
+{
+    if (runningGroupCall)
+        runningGroupCall->takeOver(freed);
+    else
+        avahi_client_free(freed);
 }
 
 void AvahiServiceDiscovery::AvahiClientStateChanged(AvahiClient*, AvahiClientState state, void*)

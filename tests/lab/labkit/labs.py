@@ -15,6 +15,7 @@ from .paths import LAB
 # The devices' own programs speak multicast DNS there, so that host is without a daemon.
 PLAIN = ("viewer", "fleet", "--no-daemon", "fleet")
 TWO_SEGMENTS = (*PLAIN, "--links", "2")
+TWO_DAEMONS = ("viewer", "fleet", "other", "--no-daemon", "fleet")
 FEW_OBJECTS = (*PLAIN, "--config", "viewer:objects-per-client-max=20")
 NO_DAEMON = (*PLAIN, "--no-daemon", "viewer")
 

@@ -7,6 +7,7 @@ from pathlib import Path
 ROOT = Path(__file__).resolve().parents[3]
 LAB = ROOT / "lab" / "lab"
 PUBLISHERS = ROOT / "lab" / "publishers"
+READERS = ROOT / "tests" / "lab" / "readers"
 FLEET = ROOT / "lab" / "demo" / "fleet.py"
 
 BUILD = Path(os.environ.get("VD_BUILD_DIR", ROOT / "build" / "qt6")).resolve()

@@ -39,6 +39,9 @@ class Probe(Conversation):
     def stop_query(self, name, service_type="_http._tcp"):
         self.call("stop-query", name=name, type=service_type)
 
+    def register(self, name, service_type, **info):
+        return self.call("register", name=name, type=service_type, **info)
+
     # Its members
 
     def dump(self):

@@ -5,6 +5,7 @@ from .discover import Discover
 from .labs import PLAIN
 from .probe import Probe
 from .publishers import ZEROCONF, Publisher
+from .reader import Reader
 
 
 class Stage:
@@ -29,6 +30,9 @@ class Stage:
 
     def publisher(self, lab, program=ZEROCONF):
         return self._add(Publisher(lab, program))
+
+    def reader(self, lab, service_type):
+        return self._add(Reader(lab, service_type))
 
     def discover(self, lab, *arguments):
         return self._add(Discover(lab, *arguments))

@@ -4,9 +4,38 @@
 #include "JsonLines.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QJsonArray>
 #include <QtCore/QJsonDocument>
 
+#include <arpa/inet.h>
 #include <unistd.h>
+
+namespace {
+
+// The four bytes in the order in which they are written.
+quint32 addressOf(const QJsonValue& dotted)
+{
+    return dotted.isString() ? inet_addr(dotted.toString().toUtf8().constData()) : 0;
+}
+
+vd::SReconfigInfo reconfigInfoOf(const QJsonObject& request)
+{
+    vd::SReconfigInfo info = vd::SReconfigInfo();
+    info.userName = request[QStringLiteral("userName")].toString();
+    info.password = request[QStringLiteral("password")].toString();
+    info.zephValue = quint32(request[QStringLiteral("zephValue")].toInt());
+    info.newIp = addressOf(request[QStringLiteral("newIp")]);
+    info.netMask = addressOf(request[QStringLiteral("netMask")]);
+    info.save = request[QStringLiteral("save")].toBool();
+    info.deviceKind = quint32(request[QStringLiteral("deviceKind")].toInt());
+    const QJsonArray nameServers = request[QStringLiteral("nameServers")].toArray();
+    info.dns1 = addressOf(nameServers.at(0));
+    info.dns2 = addressOf(nameServers.at(1));
+    info.dns3 = addressOf(nameServers.at(2));
+    return info;
+}
+
+} // namespace
 
 CommandReader::CommandReader(ProbeDiscovery* discovery)
     : m_discovery(discovery), m_input(STDIN_FILENO, QSocketNotifier::Read)
@@ -70,6 +99,14 @@ QJsonValue CommandReader::carryOut(const QJsonObject& request)
         m_discovery->StopQueryAllRecords();
         return true;
     }
+    if (command == "register")
+        return m_discovery->RegisterService(name.constData(), type.constData(), reconfigInfoOf(request));
+    if (command == "update-txt")
+        return m_discovery->UpdateTxtRecord(text("txt").constData());
+    if (command == "terminate-registration")
+        return m_discovery->TerminateRegistration();
+    if (command == "is-registered")
+        return m_discovery->IsRegistered();
     if (command == "dump")
         return m_discovery->dump();
     return QJsonValue::Undefined;

@@ -9,6 +9,8 @@
 class ProbeDiscovery : public vd::AvahiServiceDiscovery
 {
 public:
+    using AvahiServiceDiscovery::UpdateTxtRecord;
+
     /** The service table, the queue and the other members. Handles appear as whether they are null. */
     QJsonObject dump() const;
 };

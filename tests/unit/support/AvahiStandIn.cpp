@@ -5,6 +5,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdarg>
+#include <cstdio>
 #include <sstream>
 
 namespace {
@@ -14,6 +16,36 @@ AvahiStandIn* theInstance = nullptr;
 std::string quoted(const char* text)
 {
     return text ? '"' + std::string(text) + '"' : "null";
+}
+
+// Bytes that are not printable ASCII appear as \xNN.
+std::string visible(const uint8_t* bytes, size_t size)
+{
+    std::string text;
+    for (size_t i = 0; i < size; ++i) {
+        char escaped[5];
+        std::snprintf(escaped, sizeof escaped, "\\x%02x", bytes[i]);
+        text += bytes[i] > 0x1f && bytes[i] < 0x7f ? std::string(1, static_cast<char>(bytes[i])) : escaped;
+    }
+    return text;
+}
+
+std::string textOf(AvahiStringList* list)
+{
+    std::string text;
+    for (; list; list = avahi_string_list_get_next(list)) {
+        text += (text.empty() ? "" : " ")
+                + visible(avahi_string_list_get_text(list), avahi_string_list_get_size(list));
+    }
+    return '[' + text + ']';
+}
+
+template <typename... Arguments>
+std::string joined(const Arguments&... arguments)
+{
+    std::ostringstream out;
+    ((out << ", " << arguments), ...);
+    return out.str();
 }
 
 template <typename... Arguments>
@@ -87,7 +119,7 @@ AvahiStandIn::Handle* AvahiStandIn::create(Kind kind, Handle* client, void* user
         m_handles.push_back(std::make_unique<Handle>());
         handle = m_handles.back().get();
     }
-    *handle = Handle{kind, ++m_lastNumber[kind], true, client, userData, nullptr, nullptr, nullptr, nullptr};
+    *handle = Handle{kind,    ++m_lastNumber[kind], true, client, userData, nullptr, nullptr, nullptr, nullptr, nullptr};
     m_userData.push_back(userData);
     return handle;
 }
@@ -127,7 +159,7 @@ void AvahiStandIn::releaseChildren(Handle* client)
 
 std::string AvahiStandIn::nameOf(const Handle* handle)
 {
-    static const char* const names[] = {"client", "browser", "resolver", "recordBrowser"};
+    static const char* const names[] = {"client", "browser", "resolver", "recordBrowser", "group"};
     return names[handle->kind] + std::to_string(handle->number);
 }
 
@@ -149,6 +181,29 @@ void AvahiStandIn::runDuringClientFree()
 {
     if (m_duringClientFree)
         m_duringClientFree();
+}
+
+void AvahiStandIn::runDuringGroupNew(AvahiEntryGroup* group)
+{
+    std::function<void(AvahiEntryGroup*)> action;
+    action.swap(m_duringGroupNew);
+    if (action)
+        action(group);
+}
+
+int AvahiStandIn::callOnGroup(AvahiEntryGroup* group, const std::string& function, const std::string& arguments)
+{
+    Handle* handle = checked(group, Group, function);
+    if (!handle)
+        return AVAHI_ERR_BAD_STATE;
+    record(function + '(' + nameOf(handle) + arguments + ')');
+    const int error = isToFail(function) ? m_error : AVAHI_OK;
+    std::function<void()> action;
+    action.swap(m_duringGroupCall[function]);
+    if (action)
+        action();
+    EXPECT_TRUE(handle->live) << function << " returns to a group that was freed meanwhile";
+    return error;
 }
 
 AvahiStandIn::Handle* AvahiStandIn::byNumber(Kind kind, int number) const
@@ -179,6 +234,11 @@ AvahiServiceResolver* AvahiStandIn::resolver(int number) const
 AvahiRecordBrowser* AvahiStandIn::recordBrowser(int number) const
 {
     return opaque<AvahiRecordBrowser>(byNumber(RecordBrowser, number));
+}
+
+AvahiEntryGroup* AvahiStandIn::group(int number) const
+{
+    return opaque<AvahiEntryGroup>(byNumber(Group, number));
 }
 
 std::vector<std::string> AvahiStandIn::liveHandles() const
@@ -227,6 +287,13 @@ void AvahiStandIn::fireRecord(AvahiRecordBrowser* browser, AvahiBrowserEvent eve
         handle->recordCallback(browser, 2, AVAHI_PROTO_INET, event, name, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, data,
                                size, AVAHI_LOOKUP_RESULT_MULTICAST, handle->userData);
     }
+}
+
+void AvahiStandIn::fireGroupState(AvahiEntryGroupState state, int number)
+{
+    Handle* handle = checked(group(number), Group, "fireGroupState");
+    if (handle)
+        handle->groupCallback(group(number), state, handle->userData);
 }
 
 extern "C" {
@@ -384,6 +451,68 @@ AvahiClient* avahi_record_browser_get_client(AvahiRecordBrowser* browser)
         return nullptr;
     standIn.record(callText("record_browser_get_client", AvahiStandIn::nameOf(handle)));
     return opaque<AvahiClient>(handle->client);
+}
+
+AvahiEntryGroup* avahi_entry_group_new(AvahiClient* client, AvahiEntryGroupCallback callback, void* userData)
+{
+    AvahiStandIn& standIn = avahi();
+    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "entry_group_new");
+    if (!owner)
+        return nullptr;
+    const std::string call = callText("entry_group_new", AvahiStandIn::nameOf(owner));
+    if (standIn.isToFail("entry_group_new")) {
+        standIn.record(call + " = null");
+        return nullptr;
+    }
+    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Group, owner, userData);
+    handle->groupCallback = callback;
+    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
+    standIn.runDuringGroupNew(opaque<AvahiEntryGroup>(handle));
+    EXPECT_TRUE(handle->live) << "entry_group_new returns a group that was freed meanwhile";
+    return opaque<AvahiEntryGroup>(handle);
+}
+
+int avahi_entry_group_add_service_strlst(AvahiEntryGroup* group, AvahiIfIndex interface, AvahiProtocol protocol,
+                                         AvahiPublishFlags flags, const char* name, const char* type,
+                                         const char* domain, const char* host, uint16_t port, AvahiStringList* txt)
+{
+    return avahi().callOnGroup(group, "entry_group_add_service_strlst",
+                               joined(interface, protocol, static_cast<int>(flags), quoted(name), quoted(type),
+                                      quoted(domain), quoted(host), port, textOf(txt)));
+}
+
+int avahi_entry_group_update_service_txt(AvahiEntryGroup* group, AvahiIfIndex interface, AvahiProtocol protocol,
+                                         AvahiPublishFlags flags, const char* name, const char* type,
+                                         const char* domain, ...)
+{
+    va_list strings;
+    va_start(strings, domain);
+    AvahiStringList* const txt = avahi_string_list_new_va(strings);
+    va_end(strings);
+    const std::string arguments = joined(interface, protocol, static_cast<int>(flags), quoted(name), quoted(type),
+                                         quoted(domain), textOf(txt));
+    avahi_string_list_free(txt);
+    return avahi().callOnGroup(group, "entry_group_update_service_txt", arguments);
+}
+
+int avahi_entry_group_commit(AvahiEntryGroup* group)
+{
+    return avahi().callOnGroup(group, "entry_group_commit");
+}
+
+int avahi_entry_group_reset(AvahiEntryGroup* group)
+{
+    return avahi().callOnGroup(group, "entry_group_reset");
+}
+
+int avahi_entry_group_free(AvahiEntryGroup* group)
+{
+    const int error = avahi().callOnGroup(group, "entry_group_free");
+    // As libavahi-client does, whatever the daemon answered.
+    AvahiStandIn::Handle* handle = avahi().checked(group, AvahiStandIn::Group, "entry_group_free");
+    if (handle)
+        avahi().release(handle);
+    return error;
 }
 
 } // extern "C"

@@ -3,6 +3,7 @@
 
 #include <avahi-client/client.h>
 #include <avahi-client/lookup.h>
+#include <avahi-client/publish.h>
 #include <avahi-common/strlst.h>
 
 #include <functional>
@@ -43,6 +44,14 @@ public:
     /** Runs inside avahi_client_free(), while the client and what hangs on it still live. */
     void duringClientFree(std::function<void()> action) { m_duringClientFree = std::move(action); }
 
+    /** Runs inside the next avahi_entry_group_new(), once its callback could be called. */
+    void duringGroupNew(std::function<void(AvahiEntryGroup*)> action) { m_duringGroupNew = std::move(action); }
+    /** Runs inside the next call of @p function ("entry_group_commit"), before it returns. */
+    void duringGroupCall(const std::string& function, std::function<void()> action)
+    {
+        m_duringGroupCall[function] = std::move(action);
+    }
+
     /** A new handle gets the address of the one of its kind that was freed last, as a real allocator may do. */
     void reuseAddresses() { m_reuseAddresses = true; }
 
@@ -51,6 +60,7 @@ public:
     AvahiServiceBrowser* browser(int number = 1) const;
     AvahiServiceResolver* resolver(int number = 1) const;
     AvahiRecordBrowser* recordBrowser(int number = 1) const;
+    AvahiEntryGroup* group(int number = 1) const;
 
     /** Names of the handles that live, in order of creation. */
     std::vector<std::string> liveHandles() const;
@@ -67,9 +77,10 @@ public:
                      const AvahiAddress* address, uint16_t port, AvahiStringList* txt);
     void fireRecord(AvahiRecordBrowser* browser, AvahiBrowserEvent event, const char* name, const void* data,
                     size_t size);
+    void fireGroupState(AvahiEntryGroupState state, int group = 1);
 
     // For the avahi_… functions.
-    enum Kind { Client, Browser, Resolver, RecordBrowser };
+    enum Kind { Client, Browser, Resolver, RecordBrowser, Group };
     struct Handle
     {
         Kind kind;
@@ -81,6 +92,7 @@ public:
         AvahiServiceBrowserCallback browserCallback;
         AvahiServiceResolverCallback resolverCallback;
         AvahiRecordBrowserCallback recordCallback;
+        AvahiEntryGroupCallback groupCallback;
     };
 
     void record(const std::string& call) { m_calls.push_back(call); }
@@ -96,6 +108,9 @@ public:
     void runDuringClientNew(AvahiClient* client);
     void runDuringBrowserFree();
     void runDuringClientFree();
+    void runDuringGroupNew(AvahiEntryGroup* group);
+    /** Records a call on the group and runs what is to run inside it; what Avahi is to answer. */
+    int callOnGroup(AvahiEntryGroup* group, const std::string& function, const std::string& arguments = "");
 
 private:
     Handle* byNumber(Kind kind, int number) const;
@@ -110,6 +125,8 @@ private:
     std::function<void(AvahiClient*)> m_duringClientNew;
     std::function<void()> m_duringBrowserFree;
     std::function<void()> m_duringClientFree;
+    std::function<void(AvahiEntryGroup*)> m_duringGroupNew;
+    std::map<std::string, std::function<void()>> m_duringGroupCall;
     int m_error = 0;
     bool m_reuseAddresses = false;
 };

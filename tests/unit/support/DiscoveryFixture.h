@@ -46,8 +46,10 @@ private:
 class OpenDiscovery : public vd::AvahiServiceDiscovery
 {
 public:
+    using AvahiServiceDiscovery::AddTxtRecord;
     using AvahiServiceDiscovery::cleanupAvahiMembers;
     using AvahiServiceDiscovery::client;
+    using AvahiServiceDiscovery::CreateTxtRecord;
     using AvahiServiceDiscovery::entryGroup;
     using AvahiServiceDiscovery::getAvahiStringListValue;
     using AvahiServiceDiscovery::GetAxisTxtRecord;
@@ -64,6 +66,7 @@ public:
     using AvahiServiceDiscovery::serviceBrowsers;
     using AvahiServiceDiscovery::services;
     using AvahiServiceDiscovery::txtRecord;
+    using AvahiServiceDiscovery::UpdateTxtRecord;
 
     /** Runs in the next handler that Avahi calls, before what it overrides. */
     std::function<void()> inNextHandler;
@@ -96,6 +99,12 @@ public:
         runHook();
         AvahiServiceDiscovery::RecordBrowse(browser, interface, protocol, event, name, clazz, type, rdata, size, flags,
                                             userdata);
+    }
+
+    void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override
+    {
+        runHook();
+        AvahiServiceDiscovery::AvahiEntryGroupChanged(group, state, userdata);
     }
 
 private:

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: MIT
+#ifndef VD_AVAHI_ENTRYGROUPCALL_H
+#define VD_AVAHI_ENTRYGROUPCALL_H
+
+#include <vd/AvahiServiceDiscovery.h>
+
+namespace vd {
+
+/**
+ * Stands around a call that Avahi makes on an entry group.
+ *
+ * Avahi may report a state from inside that call, and an override of the handler may end discovery, or delete the
+ * object, there. The client, and with it the group, then lives until Avahi has returned.
+ */
+class AvahiServiceDiscovery::EntryGroupCall
+{
+public:
+    explicit EntryGroupCall(AvahiServiceDiscovery* discovery);
+    ~EntryGroupCall();
+
+    /** The group is as good as gone, and perhaps the object itself. */
+    bool discoveryEnded() const { return m_clientToFree != nullptr; }
+
+    /** Frees @p client when the call is over. */
+    void takeOver(AvahiClient* client);
+
+private:
+    Q_DISABLE_COPY(EntryGroupCall)
+
+    AvahiServiceDiscovery* m_discovery;
+    AvahiClient* m_clientToFree;
+};
+
+} // namespace vd
+
+#endif
