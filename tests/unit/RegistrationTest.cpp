@@ -565,6 +565,16 @@ TEST_F(RegistrationGuardsTest, TypesThatAvahiWouldAbortOnAreRefused)
     EXPECT_EQ(takeCalls(), Lines{"entry_group_new(client1) = group1"});
 }
 
+TEST_F(RegistrationGuardsTest, MissingNameOrTypeIsNotTakenFromTheLastRegistration)
+{
+    startRegistered();
+    EXPECT_FALSE(registerService(nullptr));
+    EXPECT_EQ(takeLog().back(), failedToAdd("", "_reconf._tcp", AVAHI_ERR_INVALID_SERVICE_NAME));
+    EXPECT_FALSE(registerService("Setup", nullptr));
+    EXPECT_EQ(takeLog().back(), failedToAdd("Setup", "", AVAHI_ERR_INVALID_SERVICE_TYPE));
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
 TEST_F(RegistrationGuardsTest, UpdatingAfterARefusedNameFails)
 {
     startRegistered();
