@@ -31,6 +31,7 @@ extern const char VENDOR_TXT_DOMAIN[] Q_DECL_EXPORT;
  *
  * Nothing talks to the daemon before the first BrowseServices(). Every call that makes or frees an Avahi
  * object waits for the daemon's answer: well under a millisecond as a rule, up to 25 s when the daemon hangs.
+ * RegisterService() makes four of them, TerminateRegistration() two, UpdateTxtRecord() one.
  *
  * When the daemon stops or restarts, nothing is signalled and nothing recovers by itself: the log tells
  * of it (or AvahiClientStateChanged(), in a derived class), and TerminateBrowsing() followed by
@@ -103,7 +104,7 @@ protected:
      * nothing published.
      *
      * It may be called from inside RegisterService(). RegisterService(), UpdateTxtRecord() and
-     * TerminateRegistration() fail there.
+     * TerminateRegistration() fail there; do it by a queued call. An override must not run an event loop.
      */
     virtual void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata);
 
@@ -155,7 +156,8 @@ protected:
     /**
      * Replaces the whole TXT record of the published service by the one string @p txt, of at most 255 bytes. Leaves
      * txtRecord as it is.
-     * @return false when nothing is published or the daemon refuses; the log then has Avahi's error code.
+     * @return false when nothing is published, the string is null or too long, or the daemon refuses, as it does after
+     * a RegisterService() for another name that failed; the log then has Avahi's error code.
      */
     bool UpdateTxtRecord(const char* txt);
 
@@ -199,17 +201,17 @@ private:
     bool markAddressRemoved(const QString& key, const QString& address);
     void freeResolver(AvahiServiceResolver* resolver);
     void freeClient(AvahiClient* freed);
-    bool isTxtRecordPublishable(const SReconfigInfo& info) const;
     bool hasEntryGroup() const;
     bool makeEntryGroup();
-    bool addToEntryGroup();
+    bool addToEntryGroup(int refusal);
+    int addService(const std::string& name, const std::string& type);
     bool commitEntryGroup();
     int updatePublishedTxt(const char* txt);
     int resetEntryGroup();
     int freeEntryGroup();
 
-    // What the slots of this object's signals have freed must not be touched again; the members above
-    // keep their values then and so cannot tell.
+    // What slots and overrides have freed must not be touched again; the members above keep their values then and so
+    // cannot tell. Nor must they interfere with what Avahi is at work on.
     HandlerScope* innermostHandler;
     EntryGroupCall* runningGroupCall;
     AvahiServiceResolver* freedLongLiveResolver;

@@ -90,9 +90,12 @@ struct Q_DECL_EXPORT SServiceInfo
  */
 struct Q_DECL_EXPORT SReconfigInfo
 {
-    /** User name on the device. */
+    /** User name on the device; at most 238 bytes as UTF-8, with the default domain of the keys, and none of them NUL. */
     QString userName;
-    /** Password on the device; published in Base64, so readable by everyone on the link. */
+    /**
+     * Password on the device; at most 177 bytes as UTF-8, with the default domain of the keys. Published in Base64, so
+     * readable by everyone on the link.
+     */
     QString password;
     /** The low 24 bits are published, most significant byte first. */
     quint32 zephValue;
@@ -197,9 +200,9 @@ public:
      *
      * There is one published service at a time: withdraw it by TerminateRegistration() before you publish another
      * one, or the same one with other values.
-     * @return true when the service was handed to the responder, which announces it later. False and nothing
-     * published also when the user name or the password does not fit (238 and 177 bytes as UTF-8, with the default
-     * domain of the keys), or the user name holds a NUL.
+     * @return true when the service was handed to the responder, which announces it later. After false, if
+     * IsRegistered(), call TerminateRegistration() before you register again. A record that the device could not read
+     * as it is meant is refused, and what was published before stays.
      */
     virtual bool RegisterService(const char* name, const char* type, const vd::SReconfigInfo& info) = 0;
 
@@ -211,7 +214,8 @@ public:
 
     /**
      * True from a RegisterService() that reached the responder, be it successful or not, to a successful
-     * TerminateRegistration(). Other ends of the service, TerminateBrowsing() among them, don't change the answer.
+     * TerminateRegistration(). TerminateBrowsing() doesn't change the answer; a RegisterService() after it, which the
+     * responder fails, does.
      */
     virtual bool IsRegistered() = 0;
 

@@ -4,7 +4,7 @@
 namespace vd {
 
 AvahiServiceDiscovery::EntryGroupCall::EntryGroupCall(AvahiServiceDiscovery* discovery)
-    : m_discovery(discovery), m_clientToFree(nullptr)
+    : m_scope(HandlerScope::Callback, discovery), m_clientToFree(nullptr)
 {
     discovery->runningGroupCall = this;
 }
@@ -12,15 +12,28 @@ AvahiServiceDiscovery::EntryGroupCall::EntryGroupCall(AvahiServiceDiscovery* dis
 AvahiServiceDiscovery::EntryGroupCall::~EntryGroupCall()
 {
     if (m_clientToFree)
-        avahi_client_free(m_clientToFree);
+        freeClient();
     else
-        m_discovery->runningGroupCall = nullptr;
+        m_scope.discovery()->runningGroupCall = nullptr;
 }
 
 void AvahiServiceDiscovery::EntryGroupCall::takeOver(AvahiClient* client)
 {
-    m_discovery->runningGroupCall = nullptr;
+    m_scope.discovery()->runningGroupCall = nullptr;
     m_clientToFree = client;
+}
+
+void AvahiServiceDiscovery::EntryGroupCall::freeClient()
+{
+    AvahiServiceDiscovery* const discovery = m_scope.discovery();
+    if (!discovery) {
+        avahi_client_free(m_clientToFree);
+        return;
+    }
+    const bool wasReleasing = discovery->releasing;
+    discovery->releasing = true;
+    avahi_client_free(m_clientToFree);
+    discovery->releasing = wasReleasing;
 }
 
 } // namespace vd

@@ -2,12 +2,12 @@
 #ifndef VD_AVAHI_ENTRYGROUPCALL_H
 #define VD_AVAHI_ENTRYGROUPCALL_H
 
-#include <vd/AvahiServiceDiscovery.h>
+#include "avahi/HandlerScope.h"
 
 namespace vd {
 
 /**
- * Stands around a call that Avahi makes on an entry group.
+ * Stands around a call of one of Avahi's functions for entry groups.
  *
  * Avahi may report a state from inside that call, and an override of the handler may end discovery, or delete the
  * object, there. The client, and with it the group, then lives until Avahi has returned.
@@ -19,7 +19,7 @@ public:
     ~EntryGroupCall();
 
     /** The group is as good as gone, and perhaps the object itself. */
-    bool discoveryEnded() const { return m_clientToFree != nullptr; }
+    bool discoveryEnded() const { return m_scope.discoveryEnded(); }
 
     /** Frees @p client when the call is over. */
     void takeOver(AvahiClient* client);
@@ -27,7 +27,9 @@ public:
 private:
     Q_DISABLE_COPY(EntryGroupCall)
 
-    AvahiServiceDiscovery* m_discovery;
+    void freeClient();
+
+    const HandlerScope m_scope;
     AvahiClient* m_clientToFree;
 };
 

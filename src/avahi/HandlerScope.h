@@ -27,6 +27,9 @@ public:
     /** The Avahi objects that the handler was called for, and perhaps the object itself, are gone. */
     bool discoveryEnded() const { return m_discoveryEnded; }
 
+    /** The object; null once it has been destroyed. */
+    AvahiServiceDiscovery* discovery() const { return m_discovery; }
+
     /** The resolver that called back; null once it has been freed. */
     AvahiServiceResolver* resolver() const { return m_resolver; }
 

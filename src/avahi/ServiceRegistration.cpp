@@ -3,10 +3,12 @@
 
 #include "avahi/AvahiText.h"
 #include "avahi/EntryGroupCall.h"
-#include "avahi/TxtStrings.h"
+#include "avahi/TxtKeys.h"
+#include "avahi/TxtRecordWriter.h"
 #include "support/LogMessage.h"
 
 #include <avahi-common/defs.h>
+#include <avahi-common/error.h>
 
 #include <cstring>
 
@@ -18,14 +20,16 @@ const uint16_t PUBLISHED_PORT = 80;
 const AvahiPublishFlags PUBLISHED_WITH
     = static_cast<AvahiPublishFlags>(AVAHI_PUBLISH_USE_MULTICAST | AVAHI_PUBLISH_UPDATE);
 
+const char NOT_RESET[] = "TerminateRegistration() -> could not reset registration";
 const char ENTRY_GROUP_RESET[] = "AvahiServiceDiscovery::TerminateRegistration () -> performed entry group reset";
 
-// What the daemon would say, were it to see text on which libdbus ends the process; 0 for all other text.
-int errorOfService(const std::string& name, const std::string& type)
+// What the daemon would say to a missing name or type, and to text on which libdbus ends the process. All else it may
+// see itself.
+int errorOfService(const char* name, const char* type)
 {
-    if (name.empty() || !isAcceptableToAvahi(name.c_str()))
+    if (!name || !isAcceptableToAvahi(name))
         return AVAHI_ERR_INVALID_SERVICE_NAME;
-    if (type.empty() || !isAcceptableToAvahi(type.c_str()))
+    if (!type || !isAcceptableToAvahi(type))
         return AVAHI_ERR_INVALID_SERVICE_TYPE;
     return AVAHI_OK;
 }
@@ -57,14 +61,20 @@ bool AvahiServiceDiscovery::RegisterService(const char* name, const char* type, 
         out << "AvahiServiceDiscovery::RegisterService() -> registering service "
             << printableText(registeredName.c_str()) << " type: " << printableText(registeredType.c_str());
     });
+    const int refusal = errorOfService(name, type);
     CreateTxtRecord(info);
-    if (!isTxtRecordPublishable(info))
+    const QString obstacle = reasonNotToPublish(info, txtRecord);
+    if (!obstacle.isEmpty()) {
+        logMessage(LOG_ORDINARY, [&](QTextStream& out) {
+            out << "AvahiServiceDiscovery::RegisterService() -> " << printableText(obstacle);
+        });
         return false;
+    }
     if (!makeEntryGroup()) {
         logNoEntryGroup();
         return false;
     }
-    return addToEntryGroup() && commitEntryGroup();
+    return addToEntryGroup(refusal) && commitEntryGroup();
 }
 
 bool AvahiServiceDiscovery::hasEntryGroup() const
@@ -87,35 +97,39 @@ bool AvahiServiceDiscovery::makeEntryGroup()
     return made != nullptr;
 }
 
-bool AvahiServiceDiscovery::addToEntryGroup()
+bool AvahiServiceDiscovery::addToEntryGroup(int refusal)
 {
-    int error = errorOfService(registeredName, registeredType);
-    if (!error) {
-        const EntryGroupCall call(this);
-        error
-            = avahi_entry_group_add_service_strlst(entryGroup, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, PUBLISHED_WITH,
-                                                   registeredName.c_str(), registeredType.c_str(), nullptr,
-                                                   nullptr, PUBLISHED_PORT, txtRecord);
-        if (call.discoveryEnded())
-            return false;
-    }
+    // The object may be gone when Avahi returns.
+    const std::string name = registeredName, type = registeredType;
+    const int error = refusal ? refusal : addService(name, type);
     if (error) {
-        logMessage(LOG_ORDINARY, [=](QTextStream& out) {
+        logMessage(LOG_ORDINARY, [&](QTextStream& out) {
             out << "AvahiServiceDiscovery::RegisterService() -> failed to register service"
-                << printableText(registeredName.c_str()) << " type: " << printableText(registeredType.c_str())
+                << printableText(name.c_str()) << " type: " << printableText(type.c_str())
                 << " errorcode: " << QString::number(error);
         });
     }
     return !error;
 }
 
+int AvahiServiceDiscovery::addService(const std::string& name, const std::string& type)
+{
+    const EntryGroupCall call(this);
+    const int error = avahi_entry_group_add_service_strlst(entryGroup, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                                           PUBLISHED_WITH, name.c_str(), type.c_str(), nullptr,
+                                                           nullptr, PUBLISHED_PORT, txtRecord);
+    return call.discoveryEnded() ? AVAHI_ERR_BAD_STATE : error;
+}
+
 bool AvahiServiceDiscovery::commitEntryGroup()
 {
     const EntryGroupCall call(this);
-    const int error = avahi_entry_group_commit(entryGroup);
+    int error = avahi_entry_group_commit(entryGroup);
+    if (call.discoveryEnded())
+        error = AVAHI_ERR_BAD_STATE;
     if (error)
         logError("RegisterService() -> failed to commit entry group", error);
-    return !error && !call.discoveryEnded();
+    return !error;
 }
 
 bool AvahiServiceDiscovery::UpdateTxtRecord(const char* txt)
@@ -137,8 +151,10 @@ int AvahiServiceDiscovery::updatePublishedTxt(const char* txt)
     if (!txt || strlen(txt) > LONGEST_TXT_STRING)
         return AVAHI_ERR_INVALID_ARGUMENT;
     // These are of the last attempt to register, which may have failed for them.
-    if (const int error = errorOfService(registeredName, registeredType))
+    if (const int error = errorOfService(registeredName.c_str(), registeredType.c_str()))
         return error;
+    // The domain is named, though it was left to the daemon before: its default is another one on some networks, and
+    // there the update fails.
     const EntryGroupCall call(this);
     const int error = avahi_entry_group_update_service_txt(entryGroup, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
                                                            AVAHI_PUBLISH_USE_MULTICAST, registeredName.c_str(),
@@ -180,13 +196,17 @@ void AvahiServiceDiscovery::AvahiEntryGroupChanged(AvahiEntryGroup*, AvahiEntryG
 
 bool AvahiServiceDiscovery::TerminateRegistration()
 {
+    if (runningGroupCall) {
+        logError(NOT_RESET, AVAHI_ERR_BAD_STATE);
+        return false;
+    }
     // What went with its client, or was freed with an error, cannot be withdrawn again.
     if (!hasEntryGroup()) {
         entryGroup = nullptr;
         return true;
     }
     if (const int error = resetEntryGroup()) {
-        logError("TerminateRegistration() -> could not reset registration", error);
+        logError(NOT_RESET, error);
         return false;
     }
     logMessage(LOG_ORDINARY, ENTRY_GROUP_RESET);
@@ -201,8 +221,6 @@ bool AvahiServiceDiscovery::TerminateRegistration()
 
 int AvahiServiceDiscovery::resetEntryGroup()
 {
-    if (runningGroupCall)
-        return AVAHI_ERR_BAD_STATE;
     const EntryGroupCall call(this);
     const int error = avahi_entry_group_reset(entryGroup);
     return call.discoveryEnded() ? AVAHI_ERR_BAD_STATE : error;

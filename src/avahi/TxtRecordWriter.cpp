@@ -1,8 +1,14 @@
 // SPDX-License-Identifier: MIT
+#include "avahi/TxtRecordWriter.h"
+
+#include "avahi/TxtKeys.h"
+#include "support/QtCompat.h"
+
 #include <vd/AvahiServiceDiscovery.h>
 
-#include "avahi/TxtStrings.h"
-#include "support/LogMessage.h"
+#include <QtCore/QByteArray>
+#include <QtCore/QChar>
+#include <QtCore/QLatin1String>
 
 #include <cstring>
 
@@ -11,6 +17,7 @@ namespace vd {
 namespace {
 
 const char USER_KEY[] = "USER." VD_VENDOR_TXT_DOMAIN;
+const char PASSWORD_KEY[] = "PWD." VD_VENDOR_TXT_DOMAIN;
 
 AvahiStringList* withPair(AvahiStringList* list, const char* key, const void* value, size_t size)
 {
@@ -33,17 +40,14 @@ AvahiStringList* withNameServer(AvahiStringList* list, const char* key, quint32 
     return address ? withAddress(list, key, address) : list;
 }
 
-void logNotPublishable(const char* reason, const QByteArray& key)
+QString reason(const char* what, const char* key, size_t keySize)
 {
-    logMessage(LOG_ORDINARY, [&](QTextStream& out) {
-        out << "AvahiServiceDiscovery::RegisterService() -> " << reason << printableText(key.constData());
-    });
+    return QLatin1String(what) + textFromBytes(QByteArray(key, static_cast<int>(keySize)));
 }
 
-QByteArray keyOf(AvahiStringList* entry)
+bool isExact(const QString& text)
 {
-    const char* const text = reinterpret_cast<const char*>(avahi_string_list_get_text(entry));
-    return QByteArray(text, static_cast<int>(strcspn(text, "=")));
+    return textFromBytes(bytesFromText(text)) == text;
 }
 
 } // namespace
@@ -64,7 +68,7 @@ bool AvahiServiceDiscovery::CreateTxtRecord(const vd::SReconfigInfo& info)
                            static_cast<quint8>(info.zephValue)};
     txt = withPair(txt, "ZEPH." VD_VENDOR_TXT_DOMAIN, zeph, sizeof zeph);
     txt = withText(txt, USER_KEY, bytesFromText(info.userName));
-    txt = withText(txt, "PWD." VD_VENDOR_TXT_DOMAIN, bytesFromText(info.password).toBase64());
+    txt = withText(txt, PASSWORD_KEY, bytesFromText(info.password).toBase64());
     txt = withAddress(txt, "NEWIP." VD_VENDOR_TXT_DOMAIN, info.newIp);
     txt = withAddress(txt, "MASK." VD_VENDOR_TXT_DOMAIN, info.netMask);
     txt = withText(txt, "SAVE." VD_VENDOR_TXT_DOMAIN, info.save ? "T" : "F");
@@ -72,20 +76,21 @@ bool AvahiServiceDiscovery::CreateTxtRecord(const vd::SReconfigInfo& info)
     return true;
 }
 
-// Whether a device that reads the record finds every value as the caller gave it.
-bool AvahiServiceDiscovery::isTxtRecordPublishable(const SReconfigInfo& info) const
+QString reasonNotToPublish(const SReconfigInfo& info, AvahiStringList* txt)
 {
-    for (AvahiStringList* entry = txtRecord; entry; entry = avahi_string_list_get_next(entry)) {
-        if (avahi_string_list_get_size(entry) > LONGEST_TXT_STRING) {
-            logNotPublishable("value too long for a TXT record: ", keyOf(entry));
-            return false;
-        }
+    for (AvahiStringList* entry = txt; entry; entry = avahi_string_list_get_next(entry)) {
+        const char* const text = reinterpret_cast<const char*>(avahi_string_list_get_text(entry));
+        if (avahi_string_list_get_size(entry) > LONGEST_TXT_STRING)
+            return reason("value too long for a TXT record: ", text, strcspn(text, "="));
     }
-    if (info.userName.contains(QChar(0))) {
-        logNotPublishable("value holds a NUL, at which its reader would stop: ", USER_KEY);
-        return false;
-    }
-    return true;
+    // Readers of text stop there.
+    if (info.userName.contains(QChar(0)))
+        return reason("value holds a NUL: ", USER_KEY, strlen(USER_KEY));
+    if (!isExact(info.userName))
+        return reason("value holds what cannot be encoded: ", USER_KEY, strlen(USER_KEY));
+    if (!isExact(info.password))
+        return reason("value holds what cannot be encoded: ", PASSWORD_KEY, strlen(PASSWORD_KEY));
+    return QString();
 }
 
 } // namespace vd

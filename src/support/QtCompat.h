@@ -24,7 +24,17 @@ inline QString textFromBytes(const char* bytes)
 #endif
 }
 
-/** The inverse of textFromBytes(), for handing a name or type back to Avahi. */
+/** The same for bytes that may hold a NUL. */
+inline QString textFromBytes(const QByteArray& bytes)
+{
+#if QT_VERSION < 0x050000
+    return QString::fromAscii(bytes.constData(), bytes.size());
+#else
+    return QString::fromUtf8(bytes.constData(), static_cast<int>(bytes.size()));
+#endif
+}
+
+/** The inverse of textFromBytes(), for what goes back to Avahi and on the wire. */
 inline QByteArray bytesFromText(const QString& text)
 {
 #if QT_VERSION < 0x050000

@@ -1,9 +1,12 @@
 # SPDX-License-Identifier: MIT
 """A service of our own, as other hosts see it."""
 
+import time
+
 import pytest
 
 from labkit.labs import PLAIN, TWO_DAEMONS
+from labkit.probe import QUIET_S
 from labkit.reader import txt_of
 
 TYPE = "_reconf._tcp"
@@ -30,7 +33,11 @@ EMPTY_TXT = [
     b"SAVE.vandrel.com=F",
 ]
 
+# Of Avahi.
 BAD_STATE = -2
+COLLISION_ERROR = -8
+INVALID_NAME = -10
+INVALID_TYPE = -11
 
 PREFIX = "AvahiServiceDiscovery::"
 STATE = PREFIX + "AvahiEntryGroupChanged() -> entry group "
@@ -102,13 +109,15 @@ def test_an_update_replaces_the_record_on_other_hosts(stage):
 
 def test_registering_once_more_is_refused_by_the_daemon_and_changes_nothing(stage):
     _, probe, reader = published(stage, **STORAGE)
+    assert txt_of(reader.wait_for("found", "Setup")) == STORAGE_TXT
     probe.take_log()
     assert probe.register("Setup", TYPE, userName="other") is False
     assert own_log(probe) == [
         registering("Setup"),
         f"{PREFIX}RegisterService() -> failed to register serviceSetup type: {TYPE} errorcode: {BAD_STATE}"]
     assert probe.call("is-registered") is True
-    assert txt_of(reader.wait_for("found", "Setup")) == STORAGE_TXT
+    time.sleep(QUIET_S)
+    assert {tuple(txt_of(line)) for line in reader.events()} == {tuple(STORAGE_TXT)}
 
 
 def test_withdrawing_says_goodbye_to_other_hosts(stage):
@@ -160,9 +169,30 @@ def test_a_collision_is_only_logged(stage):
     assert probe.wait_for_log(COLLISION)
     assert own_log(probe) == [registering("Setup"), STATE + "uncommitted", STATE + "registering", COLLISION]
     assert probe.call("is-registered") is True
+    time.sleep(QUIET_S)
+    assert own_log(probe) == []
     assert rival.poll() is None
-    names = {line["name"] for line in reader.said.all if line["event"] != "ready"}
-    assert names == {"Setup"}
+    assert {(line["name"], line["port"]) for line in reader.events()} == {("Setup", 81)}
+
+
+def test_a_service_of_that_name_on_the_same_host_is_an_error(stage):
+    lab, probe, reader = browsing(stage)
+    lab.start("viewer", "avahi-publish", "--service", "Setup", TYPE, "81", "owner=other", stdin=None)
+    assert reader.wait_for("found", "Setup", txt=[b"owner=other"])
+    probe.take_log()
+    assert probe.register("Setup", TYPE) is False
+    assert own_log(probe)[-1] == (f"{PREFIX}RegisterService() -> failed to register serviceSetup type: {TYPE} "
+                                  f"errorcode: {COLLISION_ERROR}")
+    assert probe.call("terminate-registration") is True
+
+
+def test_values_of_255_bytes_arrive_whole(stage):
+    user = "u" * (255 - len("USER.vandrel.com="))
+    _, probe, reader = published(stage, userName=user)
+    assert txt_of(reader.wait_for("found", "Setup"))[1] == f"USER.vandrel.com={user}".encode()
+    assert probe.call("update-txt", txt="x" * 255) is True
+    assert reader.wait_for("updated", "Setup", txt=[b"x" * 255])
+    assert probe.call("update-txt", txt="x" * 256) is False
 
 
 def test_registering_before_browsing_is_refused(stage):
@@ -180,7 +210,8 @@ def test_other_hosts_see_the_name_as_it_is(stage, name):
 
 
 @pytest.mark.parametrize(("name", "service_type", "error"), [
-    ("x" * 64, TYPE, -10), ("Setup", "reconf", -11), ("Setup", "_reconf._sctp", -11)])
+    ("", TYPE, INVALID_NAME), ("x" * 64, TYPE, INVALID_NAME), ("Setup", "reconf", INVALID_TYPE),
+    ("Setup", "_reconf._sctp", INVALID_TYPE)])
 def test_what_the_daemon_refuses_is_logged_with_its_code(stage, name, service_type, error):
     _, probe, _ = browsing(stage)
     probe.take_log()
@@ -195,6 +226,8 @@ def test_a_restarted_daemon_does_not_get_the_service_back(stage):
     lab.fault("viewer", "daemon-stop")
     assert reader.wait_for("lost", "Setup")
     lab.fault("viewer", "daemon-start")
+    time.sleep(QUIET_S)
+    assert reader.events()[-1]["event"] == "lost"
     assert probe.call("is-registered") is True
     probe.take_log()
     assert probe.call("update-txt", txt="state=busy") is False

@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What another host reads of a published service, by means of another maker."""
+"""What another host reads of a published service, by an implementation of multicast DNS that is not Avahi's."""
 
 import base64
 
@@ -10,6 +10,9 @@ from .paths import READERS
 class Reader(Conversation):
     def __init__(self, lab, service_type):
         super().__init__(lab.start("fleet", READERS / "zeroconf-reader.py", service_type, stderr=None))
+
+    def events(self):
+        return self.said.all[1:]
 
     def wait_for(self, event, name, txt=None):
         """Waits until a service was found, updated or lost, with this TXT record if one is given."""
