@@ -9,6 +9,7 @@ from buildkit import library_folder, succeed
 
 EXPORTED_CLASSES = [
     "AvahiServiceDiscovery",
+    "BonjourResponder",
     "LogQt",
     "MACAddress",
     "Mutex",
@@ -47,6 +48,9 @@ def test_only_exported_classes_and_the_vendor_domain_are_visible(library):
 
 @pytest.mark.parametrize("symbol", [
     "vd::AvahiServiceDiscovery::AvahiServiceDiscovery()",
+    "vd::BonjourResponder::BONJOUR_RESPONDER_NAME",
+    "vd::BonjourResponder::instance",
+    "vd::BonjourResponder::startResponder()",
     "vd::LogQt::setStream(QTextStream*)",
     "vd::MACAddress::toString() const",
     "vd::SServiceInfo::SServiceInfo()",
@@ -54,6 +58,7 @@ def test_only_exported_classes_and_the_vendor_domain_are_visible(library):
     "vd::VENDOR_TXT_DOMAIN",
     "typeinfo for vd::ServiceDiscovery",
     "vtable for vd::AvahiServiceDiscovery",
+    "vtable for vd::BonjourResponder",
 ])
 def test_what_hosts_link_against_is_visible(symbol, library):
     assert symbol in exported_symbols(library)
@@ -63,7 +68,7 @@ def test_the_soname_has_the_abi_number_and_not_the_version(dynamic_section):
     assert re.findall(r"\(SONAME\).*\[(.*)\]", dynamic_section) == ["libvddiscovery.so.0"]
 
 
-def test_the_library_needs_qt_core_and_network_and_avahi_and_nothing_else(dynamic_section, qt_major):
+def test_the_library_needs_qt_core_and_network_avahi_and_systemd_and_nothing_else(dynamic_section, qt_major):
     toolchain = ("libc.", "libgcc_s.", "libm.", "libstdc++.")
     needed = [name for name in re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic_section)
               if not name.startswith(toolchain)]
@@ -73,6 +78,7 @@ def test_the_library_needs_qt_core_and_network_and_avahi_and_nothing_else(dynami
         f"libQt{qt_major}Network.so.{qt_major}",
         "libavahi-client.so.3",
         "libavahi-common.so.3",
+        "libsystemd.so.0",
     ]
 
 

@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 """The installed library as a host application meets it."""
 
+import re
+
 import pytest
 
 from buildkit import (NO_BUS, ROOT, WARNINGS, configure, configure_host, library_folder, pkg_config_flags, run,
@@ -10,6 +12,7 @@ EXAMPLE = ROOT / "examples" / "discover"
 
 HEADERS = [
     "AvahiServiceDiscovery.h",
+    "BonjourResponder.h",
     "LogQt.h",
     "MACAddress.h",
     "Mutex.h",
@@ -110,6 +113,13 @@ def test_a_project_with_another_qt_is_told_which_one_the_library_was_built_with(
     assert result.returncode != 0
     assert (f"This vddiscovery was built with Qt {qt_major}, but the project uses Qt{other}::Core. "
             f"Use Qt {qt_major} in the project") in words(result.stderr)
+
+
+def test_what_only_the_library_uses_is_nothing_to_its_hosts(prefix):
+    named = [path for path in [*prefix.rglob("*.cmake"), *prefix.rglob("*.pc")]
+             if re.search("systemd|system-service", path.read_text())]
+
+    assert named == []
 
 
 def test_a_missing_avahi_is_named_with_the_package_to_install(prefix, tmp_path):

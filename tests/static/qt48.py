@@ -27,6 +27,8 @@ QT_48_HEADERS = {
         QVariant QVector QWaitCondition QtAlgorithms QtGlobal
         """.split()),
     "QtNetwork": set("QHostAddress QHostInfo QNetworkInterface".split()),
+    # Not a part of Qt, and used only by those who have it.
+    "QtService": {"qtservice"},
 }
 
 

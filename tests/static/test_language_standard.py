@@ -7,7 +7,11 @@ import re
 import pytest
 
 from buildkit import configure_library
-from sources import library_files
+from sources import library_files, name_of
+
+
+# Compiled instead of their like where another service manager is asked for, or none is there.
+OTHER_SERVICE_MANAGERS = {"src/responder/NoServiceController.cpp", "src/responder/QtServiceController.cpp"}
 
 
 @pytest.fixture(scope="module")
@@ -23,7 +27,8 @@ def commands(tmp_path_factory):
 def test_each_source_of_the_library_is_compiled_on_qt_5(commands):
     compiled = {file for file in commands if "_autogen" not in file}
 
-    assert compiled == {str(path) for path in library_files() if path.suffix == ".cpp"}
+    assert compiled == {str(path) for path in library_files()
+                        if path.suffix == ".cpp" and name_of(path) not in OTHER_SERVICE_MANAGERS}
 
 
 def test_each_source_is_compiled_as_cxx11_on_qt_5(commands):

@@ -8,6 +8,8 @@ import pytest
 from sources import ROOT, library_files, name_of, without_comments, without_comments_and_literals
 
 AVAHI = r"#\s*include\s*[<\"]avahi-"
+SYSTEMD = r"#\s*include\s*[<\"]systemd/"
+QTSERVICE = r"#\s*include\s*[<\"]QtService/"
 QT_VERSION = r"\bQT_VERSION\w*"
 
 
@@ -18,6 +20,10 @@ def example_files():
 
 def includes_avahi(text):
     return re.search(AVAHI, without_comments(text)) is not None
+
+
+def includes_a_service_manager(text):
+    return re.search(f"{SYSTEMD}|{QTSERVICE}", without_comments(text)) is not None
 
 
 def asks_for_the_qt_version(text):
@@ -32,6 +38,22 @@ def test_only_the_avahi_folder_and_its_public_header_include_avahi():
     users = files_that(includes_avahi, [*library_files(), *example_files()])
 
     assert [name for name in users if not name.startswith("src/avahi/")] == ["include/vd/AvahiServiceDiscovery.h"]
+
+
+def test_the_responder_knows_nothing_of_discovery_and_discovery_nothing_of_it():
+    sides = {"responder": ("avahi", "discovery"), "avahi": ("responder",), "discovery": ("responder",)}
+    crossings = [(name_of(path), included) for path in library_files() for side, others in sides.items()
+                 if name_of(path).startswith(f"src/{side}/")
+                 for included in re.findall(r'#\s*include\s*["<](.*)[">]', without_comments(path.read_text()))
+                 if included.startswith(tuple(f"{other}/" for other in others))]
+
+    assert crossings == []
+
+
+def test_only_the_responders_folder_includes_a_service_manager():
+    users = files_that(includes_a_service_manager, [*library_files(), *example_files()])
+
+    assert users == ["src/responder/QtServiceController.cpp", "src/responder/SystemBus.h"]
 
 
 def test_only_the_compatibility_header_asks_for_the_version_of_qt():
@@ -54,6 +76,16 @@ def test_no_private_header_is_included_by_a_public_one():
 ])
 def test_an_include_of_avahi_is_recognised(text, expected):
     assert includes_avahi(text) == expected
+
+
+@pytest.mark.parametrize("text, expected", [
+    ("#include <systemd/sd-bus.h>", True),
+    ("# include <QtService/qtservice.h>", True),
+    ("// #include <systemd/sd-bus.h>", False),
+    ('#include "responder/SystemdManager.h"', False),
+])
+def test_an_include_of_a_service_manager_is_recognised(text, expected):
+    assert includes_a_service_manager(text) == expected
 
 
 @pytest.mark.parametrize("text, expected", [

@@ -1,0 +1,30 @@
+// SPDX-License-Identifier: MIT
+#include "responder/ServiceController.h"
+
+namespace vd {
+
+const std::chrono::milliseconds ServiceController::QUESTION_TIME(2000);
+const std::chrono::milliseconds ServiceController::START_TIME(10000);
+
+ServiceController::ServiceController(const QString& serviceName, std::chrono::milliseconds timeOfQuestion,
+                                     std::chrono::milliseconds timeOfStart)
+    : name(serviceName), questionTime(timeOfQuestion), startTime(timeOfStart)
+{}
+
+bool ServiceController::isInstalled() const
+{
+    const Status found = status();
+    return found == Status::Running || found == Status::Stopped;
+}
+
+bool ServiceController::isRunning() const
+{
+    return status() == Status::Running;
+}
+
+bool ServiceController::start() const
+{
+    return tryStart() == Status::Running;
+}
+
+} // namespace vd
