@@ -11,20 +11,32 @@ def test_help_is_printed_to_standard_output(tool):
 
 
 def test_help_needs_no_bus_whatever_else_is_asked(tool):
-    status, output, _ = tool.run("publish", "-h", "--count", "0")
+    status, output, _ = tool.run("browse", "-h", "--count", "0")
     assert status == 0
     assert output == tool.run("--help")[1]
 
 
-def test_help_tells_of_every_exit_status(tool):
+@pytest.mark.parametrize("command, beginning", [
+    ("publish", b"Usage: vd-discover publish NAME --type TYPE --zeph N --ip A.B.C.D\n"),
+    ("responder", b"Usage: vd-discover responder [--start]\n"),
+])
+def test_each_command_has_a_help_of_its_own(tool, command, beginning):
+    status, output, errors = tool.run(command, "--help")
+    assert (status, errors) == (0, b"")
+    assert output.startswith(beginning)
+
+
+@pytest.mark.parametrize("command, statuses", [("browse", 4), ("publish", 4), ("responder", 3)])
+def test_help_tells_of_every_exit_status(tool, command, statuses):
+    text = tool.run(command, "--help")[1].decode()
+    lines = text.split("Exit status:\n")[1].splitlines()
+    assert [line[:3] for line in lines] == [f"  {number}" for number in range(statuses)]
+
+
+def test_help_lists_every_command(tool):
     text = tool.run("--help")[1].decode()
-    statuses = text.split("Exit status:\n")[1].splitlines()
-    assert [line[:3] for line in statuses] == ["  0", "  1", "  2", "  3"]
-
-
-def test_help_lists_no_command_that_does_not_exist(tool):
-    text = tool.run("--help")[1]
-    assert b"publish" not in text and b"responder" not in text
+    commands = text.split("Commands:\n")[1].split("\n\n")[0].splitlines()
+    assert [line.split()[0] for line in commands if line[2] != " "] == ["browse", "publish", "responder"]
 
 
 def test_version_is_one_line(tool):
@@ -44,8 +56,11 @@ def test_version_is_one_line(tool):
     (["--format", "xml"], '--format takes table or json, not "xml"'),
     (["-f", "-t", "1"], "--timeout and --follow exclude each other: --follow runs until it is interrupted; "
                         "leave one of them out"),
-    (["publish", "Cam"], '"publish" is neither a command nor a service type: the command is browse, and a type '
-                         "looks like _http._tcp (see vd-discover --help)"),
+    (["publisher"], '"publisher" is neither a command nor a service type: the commands are browse, publish and '
+                    "responder, and a type looks like _http._tcp (see vd-discover --help)"),
+    (["--zeph", "1"], "--zeph is an option of publish, not of browse (see vd-discover --help)"),
+    (["responder", "-v"], "-v is an option of browse and publish, not of responder (see vd-discover responder "
+                          "--help)"),
     (["browse", "_http"], '"_http" is not a service type: give one such as _http._tcp, which begins with _ and '
                           "ends in ._tcp or ._udp"),
 ])

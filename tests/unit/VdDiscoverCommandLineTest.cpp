@@ -1,11 +1,15 @@
 // SPDX-License-Identifier: MIT
-#include "BrowseOptions.h"
+#include "CommandLine.h"
 #include "HelpText.h"
 
 #include <gtest/gtest.h>
 
+using vd::discover::BrowseOptions;
 using vd::discover::CommandLine;
 using vd::discover::OutputFormat;
+using vd::discover::ResponderOptions;
+using vd::discover::TextToPrint;
+using vd::discover::UsageError;
 
 namespace {
 
@@ -19,11 +23,28 @@ CommandLine read(const char* arguments)
     return read(QString::fromUtf8(arguments).split(QLatin1Char(' '), Qt::SkipEmptyParts));
 }
 
-std::string errorOf(const char* arguments)
+template <class Arguments>
+BrowseOptions readBrowse(const Arguments& arguments)
 {
     const CommandLine commandLine = read(arguments);
-    EXPECT_EQ(commandLine.action, CommandLine::ReportError);
-    return commandLine.error.toStdString();
+    EXPECT_TRUE(std::holds_alternative<BrowseOptions>(commandLine));
+    const BrowseOptions* options = std::get_if<BrowseOptions>(&commandLine);
+    return options ? *options : BrowseOptions();
+}
+
+template <class Arguments>
+std::string errorOf(const Arguments& arguments)
+{
+    const CommandLine commandLine = read(arguments);
+    const UsageError* error = std::get_if<UsageError>(&commandLine);
+    return error ? error->message.toStdString() : "no error";
+}
+
+std::string textOf(const char* arguments)
+{
+    const CommandLine commandLine = read(arguments);
+    const TextToPrint* wanted = std::get_if<TextToPrint>(&commandLine);
+    return wanted ? wanted->text.toStdString() : "no text";
 }
 
 const QStringList WEB_TYPES = {QStringLiteral("_http._tcp"), QStringLiteral("_https._tcp")};
@@ -50,15 +71,14 @@ std::string typeError(const std::string& value)
 
 TEST(VdDiscoverCommandLine, WithoutArgumentsBrowsesBothWebTypesForFiveSeconds)
 {
-    const CommandLine commandLine = read("");
-    EXPECT_EQ(commandLine.action, CommandLine::Browse);
-    EXPECT_EQ(commandLine.options.types, WEB_TYPES);
-    EXPECT_EQ(commandLine.options.timeoutMs, 5000);
+    const BrowseOptions options = readBrowse("");
+    EXPECT_EQ(options.types, WEB_TYPES);
+    EXPECT_EQ(options.timeoutMs, 5000);
 }
 
 TEST(VdDiscoverCommandLine, WithoutArgumentsEveryOptionIsOff)
 {
-    const vd::discover::BrowseOptions options = read("").options;
+    const BrowseOptions options = readBrowse("");
     EXPECT_FALSE(options.follow);
     EXPECT_EQ(options.count, 0);
     EXPECT_FALSE(options.requery);
@@ -69,20 +89,19 @@ TEST(VdDiscoverCommandLine, WithoutArgumentsEveryOptionIsOff)
 
 TEST(VdDiscoverCommandLine, TheCommandsNameMayBeGiven)
 {
-    EXPECT_EQ(read("browse").options.types, WEB_TYPES);
-    EXPECT_EQ(read("browse _https._tcp").options.types, QStringList(QStringLiteral("_https._tcp")));
+    EXPECT_EQ(readBrowse("browse").types, WEB_TYPES);
+    EXPECT_EQ(readBrowse("browse _https._tcp").types, QStringList(QStringLiteral("_https._tcp")));
 }
 
 TEST(VdDiscoverCommandLine, OptionsMayStandBeforeTheCommandsName)
 {
-    const CommandLine commandLine = read("--follow browse _http._tcp");
-    EXPECT_EQ(commandLine.action, CommandLine::Browse);
-    EXPECT_TRUE(commandLine.options.follow);
+    EXPECT_TRUE(readBrowse("--follow browse _http._tcp").follow);
+    EXPECT_TRUE(std::holds_alternative<ResponderOptions>(read("--start responder")));
 }
 
 TEST(VdDiscoverCommandLine, EveryShortOptionIsRead)
 {
-    const vd::discover::BrowseOptions options = read("-t 2.5 -n 3 -q -l -v").options;
+    const BrowseOptions options = readBrowse("-t 2.5 -n 3 -q -l -v");
     EXPECT_EQ(options.timeoutMs, 2500);
     EXPECT_EQ(options.count, 3);
     EXPECT_TRUE(options.requery);
@@ -93,8 +112,7 @@ TEST(VdDiscoverCommandLine, EveryShortOptionIsRead)
 
 TEST(VdDiscoverCommandLine, EveryLongOptionIsRead)
 {
-    const vd::discover::BrowseOptions options
-        = read("--follow --count=3 --requery --long-lived --format json --verbose").options;
+    const BrowseOptions options = readBrowse("--follow --count=3 --requery --long-lived --format json --verbose");
     EXPECT_TRUE(options.follow);
     EXPECT_EQ(options.count, 3);
     EXPECT_TRUE(options.requery);
@@ -105,24 +123,24 @@ TEST(VdDiscoverCommandLine, EveryLongOptionIsRead)
 
 TEST(VdDiscoverCommandLine, ShortOptionsMayStandTogether)
 {
-    const vd::discover::BrowseOptions options = read("-fqln7").options;
+    const BrowseOptions options = readBrowse("-fqln7");
     EXPECT_TRUE(options.follow && options.requery && options.longLived);
     EXPECT_EQ(options.count, 7);
 }
 
 TEST(VdDiscoverCommandLine, TheFormatMayBeSaidToBeATable)
 {
-    EXPECT_EQ(read("--format table").options.format, OutputFormat::Table);
+    EXPECT_EQ(readBrowse("--format table").format, OutputFormat::Table);
 }
 
 TEST(VdDiscoverCommandLine, AShortTimeoutIsRoundedUpToAMillisecond)
 {
-    EXPECT_EQ(read("--timeout 0.0001").options.timeoutMs, 1);
+    EXPECT_EQ(readBrowse("--timeout 0.0001").timeoutMs, 1);
 }
 
 TEST(VdDiscoverCommandLine, TheLongestTimeoutIsTaken)
 {
-    EXPECT_EQ(read("--timeout 2000000").options.timeoutMs, 2000000000);
+    EXPECT_EQ(readBrowse("--timeout 2000000").timeoutMs, 2000000000);
 }
 
 TEST(VdDiscoverCommandLine, ATimeoutThatIsNoPositiveNumberIsRefused)
@@ -164,11 +182,11 @@ TEST(VdDiscoverCommandLine, AnOptionWithoutItsValueIsNamed)
 
 TEST(VdDiscoverCommandLine, AWordThatIsNoCommandAndNoTypeIsRefused)
 {
-    for (const char* word : {"publish", "responder", "http._tcp", "help"}) {
+    for (const char* word : {"publisher", "Browse", "http._tcp", "help"}) {
         EXPECT_EQ(errorOf(word),
                   std::string("\"") + word
-                      + "\" is neither a command nor a service type: the command is browse, and a type looks like "
-                        "_http._tcp (see vd-discover --help)");
+                      + "\" is neither a command nor a service type: the commands are browse, publish and "
+                        "responder, and a type looks like _http._tcp (see vd-discover --help)");
     }
 }
 
@@ -181,7 +199,7 @@ TEST(VdDiscoverCommandLine, AWordThatIsNoServiceTypeIsRefused)
 
 TEST(VdDiscoverCommandLine, ATypeWithABlankIsRefused)
 {
-    EXPECT_EQ(read(QStringList(QStringLiteral("_a b._tcp"))).error.toStdString(), typeError("_a b._tcp"));
+    EXPECT_EQ(errorOf(QStringList(QStringLiteral("_a b._tcp"))), typeError("_a b._tcp"));
 }
 
 TEST(VdDiscoverCommandLine, ATypeAfterAValidOneIsCheckedToo)
@@ -192,14 +210,14 @@ TEST(VdDiscoverCommandLine, ATypeAfterAValidOneIsCheckedToo)
 TEST(VdDiscoverCommandLine, ATypesLabelMayBeAsLongAsDnsAllows)
 {
     const QString longest = QLatin1Char('_') + QString(62, QLatin1Char('a')) + QStringLiteral("._udp");
-    EXPECT_EQ(read(QStringList(longest)).options.types, QStringList(longest));
+    EXPECT_EQ(readBrowse(QStringList(longest)).types, QStringList(longest));
     const QString tooLong = QLatin1Char('_') + QString(63, QLatin1Char('a')) + QStringLiteral("._udp");
-    EXPECT_EQ(read(QStringList(tooLong)).action, CommandLine::ReportError);
+    EXPECT_EQ(errorOf(QStringList(tooLong)), typeError(tooLong.toStdString()));
 }
 
 TEST(VdDiscoverCommandLine, TypesAreReadWithoutRegardToCaseAndOnceOnly)
 {
-    EXPECT_EQ(read("_HTTP._tcp _ipp._tcp _http._TCP").options.types,
+    EXPECT_EQ(readBrowse("_HTTP._tcp _ipp._tcp _http._TCP").types,
               (QStringList{QStringLiteral("_http._tcp"), QStringLiteral("_ipp._tcp")}));
 }
 
@@ -212,23 +230,88 @@ TEST(VdDiscoverCommandLine, AnErrorIsOnePrintableLineWhateverWasTyped)
 
 TEST(VdDiscoverCommandLine, HelpAndVersionAreAnsweredWhateverElseIsThere)
 {
-    EXPECT_EQ(read("--help").action, CommandLine::ShowHelp);
-    EXPECT_EQ(read("publish -h --count 0").action, CommandLine::ShowHelp);
-    EXPECT_EQ(read("browse --version").action, CommandLine::ShowVersion);
+    const std::string browseHelp = vd::discover::browseHelp().toStdString();
+    EXPECT_EQ(textOf("--help"), browseHelp);
+    EXPECT_EQ(textOf("browse -h --count 0"), browseHelp);
+    EXPECT_EQ(textOf("nonsense -h"), browseHelp);
+    EXPECT_EQ(textOf("browse --version"), vd::discover::versionText().toStdString());
+}
+
+TEST(VdDiscoverCommandLine, EachCommandHasAHelpOfItsOwn)
+{
+    EXPECT_EQ(textOf("publish -h --count 0"), vd::discover::publishHelp().toStdString());
+    EXPECT_EQ(textOf("--help responder"), vd::discover::responderHelp().toStdString());
+}
+
+TEST(VdDiscoverCommandLine, AnOptionOfAnotherCommandIsRefused)
+{
+    EXPECT_EQ(errorOf("--zeph 1"), "--zeph is an option of publish, not of browse (see vd-discover --help)");
+    EXPECT_EQ(errorOf("publish Setup -f"),
+              "-f is an option of browse, not of publish (see vd-discover publish --help)");
+    EXPECT_EQ(errorOf("publish --start Setup"),
+              "--start is an option of responder, not of publish (see vd-discover publish --help)");
+    EXPECT_EQ(errorOf("responder --format json"),
+              "--format is an option of browse and publish, not of responder (see vd-discover responder --help)");
+}
+
+TEST(VdDiscoverCommandLine, AnErrorOfTheParserNamesTheHelpOfTheCommand)
+{
+    EXPECT_EQ(errorOf("publish Setup --nonsense"),
+              "unknown option \"--nonsense\" (see vd-discover publish --help)");
+    EXPECT_EQ(errorOf("publish --zeph"), "missing value after '--zeph' (see vd-discover publish --help)");
+}
+
+TEST(VdDiscoverCommandLine, AnUnknownWordIsToldBeforeTheOptionsThatBelongElsewhere)
+{
+    EXPECT_EQ(errorOf("pubish Setup --zeph 1"), errorOf("pubish Setup"));
+    EXPECT_NE(errorOf("pubish Setup"), "no error");
+}
+
+TEST(VdDiscoverCommandLine, TheResponderIsStartedOnlyWhenAsked)
+{
+    EXPECT_FALSE(std::get<ResponderOptions>(read("responder")).start);
+    EXPECT_TRUE(std::get<ResponderOptions>(read("responder --start")).start);
+}
+
+TEST(VdDiscoverCommandLine, TheResponderTakesNoWords)
+{
+    EXPECT_EQ(errorOf("responder start"), "responder takes nothing but --start, not \"start\"");
 }
 
 TEST(VdDiscoverCommandLine, TheHelpTellsOfEveryOption)
 {
-    const QByteArray help = vd::discover::helpText();
+    const QByteArray help = vd::discover::browseHelp();
     for (const char* option :
          {"-f, --follow", "-t, --timeout SECONDS", "-n, --count N", "-q, --requery", "-l, --long-lived",
           "--format FORMAT", "-v, --verbose", "-h, --help", "--version", "[TYPE...]"})
         EXPECT_TRUE(help.contains(option)) << option;
 }
 
+TEST(VdDiscoverCommandLine, TheHelpOfACommandTellsOfEveryOptionThatItTakes)
+{
+    const auto tellsOfAll = [](const QByteArray& help, const QList<QCommandLineOption>& options) {
+        for (const QCommandLineOption& option : options) {
+            const QByteArray line = "--" + option.names().last().toUtf8() + ' ';
+            EXPECT_TRUE(help.contains(line)) << line.constData();
+        }
+    };
+    tellsOfAll(vd::discover::browseHelp(), vd::discover::browseOptionList());
+    tellsOfAll(vd::discover::publishHelp(), vd::discover::publishOptionList());
+    tellsOfAll(vd::discover::responderHelp(), vd::discover::responderOptionList());
+}
+
+TEST(VdDiscoverCommandLine, TheHelpTellsOfEveryCommand)
+{
+    const QByteArray help = vd::discover::browseHelp();
+    for (const char* command : {"\n  browse ", "\n  publish ", "\n  responder "})
+        EXPECT_TRUE(help.contains(command)) << command;
+}
+
 TEST(VdDiscoverCommandLine, TheHelpFitsAnOrdinaryTerminal)
 {
-    const auto lines = vd::discover::helpText().split('\n');
+    const QByteArray all
+        = vd::discover::browseHelp() + vd::discover::publishHelp() + vd::discover::responderHelp();
+    const auto lines = all.split('\n');
     for (const QByteArray& line : lines)
         EXPECT_LE(line.size(), 80) << line.constData();
 }

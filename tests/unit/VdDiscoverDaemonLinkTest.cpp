@@ -1,10 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "DaemonLink.h"
 
+#include "support/DaemonStandIn.h"
 #include "support/DiscoveryFixture.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
+
+#include <chrono>
+#include <thread>
 
 using vd::discover::DaemonLink;
 
@@ -24,26 +28,21 @@ const std::string REFUSAL_REMEDY = "the Avahi daemon refuses to browse; restart 
 const std::string WAITING = "; waiting for it";
 const std::string RECOVERY = "the Avahi daemon answers; browsing";
 
-AvahiClientState daemonState;
+// Longer than an answer may take.
+bool waitInVain()
+{
+    std::this_thread::sleep_for(std::chrono::milliseconds(1800));
+    return false;
+}
 
 } // namespace
-
-// What the stand-in has no need of: the tool asks for the state, the library does not.
-AvahiClientState avahi_client_get_state(AvahiClient*)
-{
-    return daemonState;
-}
 
 class VdDiscoverDaemonLink : public testing::Test
 {
 protected:
-    VdDiscoverDaemonLink() { daemonState = AVAHI_CLIENT_S_RUNNING; }
-
-    ~VdDiscoverDaemonLink() override { daemonState = AVAHI_CLIENT_S_RUNNING; }
-
     void makeLink(DaemonLink::Patience patience, const QStringList& types = {QStringLiteral("_http._tcp")})
     {
-        link.reset(new DaemonLink(types, patience));
+        link.reset(new DaemonLink(types, patience, QStringLiteral("browsing")));
         QObject::connect(link.get(), &DaemonLink::browsing, [this] { events.push_back("browsing"); });
         QObject::connect(link.get(), &DaemonLink::broken, [this] { events.push_back("broken"); });
         QObject::connect(link.get(), &DaemonLink::gaveUp, [this] { events.push_back("gave up"); });
@@ -60,14 +59,14 @@ protected:
     /** Opens a link that finds a bus without a daemon on it. */
     void openWithoutDaemon(DaemonLink::Patience patience)
     {
-        daemonState = AVAHI_CLIENT_CONNECTING;
+        daemon.state = AVAHI_CLIENT_CONNECTING;
         avahi.failNext("service_browser_new", AVAHI_ERR_BAD_STATE);
         open(patience);
     }
 
     void clientBecomes(AvahiClientState state, int client = 1)
     {
-        daemonState = state;
+        daemon.state = state;
         avahi.fireClientState(state, client);
     }
 
@@ -88,6 +87,7 @@ protected:
     }
 
     AvahiStandIn avahi;
+    DaemonStandIn daemon;
     std::unique_ptr<DaemonLink> link;
     Lines events;
 };
@@ -160,7 +160,7 @@ TEST_F(VdDiscoverDaemonLink, ABusThatAppearsWithoutADaemonIsADifferentTrouble)
 {
     avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
     open(DaemonLink::KeepTrying);
-    daemonState = AVAHI_CLIENT_CONNECTING;
+    daemon.state = AVAHI_CLIENT_CONNECTING;
     avahi.failNext("service_browser_new", AVAHI_ERR_BAD_STATE);
     passTime(RETRY_MS + RETRY_MS / 2);
     EXPECT_EQ(takeEvents(), (Lines{BUS_REMEDY + WAITING, DAEMON_REMEDY + WAITING}));
@@ -182,7 +182,7 @@ TEST_F(VdDiscoverDaemonLink, BrowsesAgainWithANewClientAfterTheDaemonDied)
     EXPECT_EQ(takeEvents(), (Lines{"browsing", "broken", END_REMEDY + WAITING}));
     EXPECT_EQ(avahi.liveHandles(), Lines{});
 
-    daemonState = AVAHI_CLIENT_S_RUNNING;
+    daemon.state = AVAHI_CLIENT_S_RUNNING;
     passTime(RETRY_MS + RETRY_MS / 2);
     EXPECT_EQ(takeEvents(), (Lines{RECOVERY, "browsing"}));
     EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2"}));
@@ -194,7 +194,7 @@ TEST_F(VdDiscoverDaemonLink, ADaemonThatStaysAwayIsToldOnce)
     clientBecomes(AVAHI_CLIENT_FAILURE);
     processEvents();
     takeEvents();
-    daemonState = AVAHI_CLIENT_CONNECTING;
+    daemon.state = AVAHI_CLIENT_CONNECTING;
     avahi.failNext("service_browser_new", AVAHI_ERR_BAD_STATE);
     passTime(RETRY_MS + RETRY_MS / 2);
     EXPECT_EQ(takeEvents(), Lines{});
@@ -243,4 +243,61 @@ TEST_F(VdDiscoverDaemonLink, WhatTheClientToldBeforeItWasClosedIsIgnored)
     processEvents();
     EXPECT_EQ(takeEvents(), Lines{});
     EXPECT_EQ(avahi.liveHandles(), Lines{});
+}
+
+TEST_F(VdDiscoverDaemonLink, AQuestionThatIsAnsweredChangesNothing)
+{
+    open(DaemonLink::GiveUp);
+    takeEvents();
+    EXPECT_TRUE(link->ask([] { return true; }));
+    EXPECT_FALSE(link->ask([] { return false; }));
+    processEvents();
+    EXPECT_EQ(takeEvents(), Lines{});
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+}
+
+TEST_F(VdDiscoverDaemonLink, AQuestionWithoutAnAnswerBreaksThePatientLinkWhichBrowsesAgain)
+{
+    open(DaemonLink::GiveUp);
+    link->setPatience(DaemonLink::KeepTrying);
+    takeEvents();
+    EXPECT_FALSE(link->ask([] { return waitInVain(); }));
+    EXPECT_TRUE(link->didHang());
+    EXPECT_EQ(takeEvents(), Lines{});
+    processEvents();
+    EXPECT_EQ(takeEvents(), Lines{"broken"});
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+    passTime(RETRY_MS + RETRY_MS / 2);
+    EXPECT_EQ(takeEvents(), (Lines{RECOVERY, "browsing"}));
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2"}));
+}
+
+TEST_F(VdDiscoverDaemonLink, AQuestionThatIsAnsweredLateLeavesTheLinkWhole)
+{
+    open(DaemonLink::KeepTrying);
+    takeEvents();
+    EXPECT_TRUE(link->ask([] { return !waitInVain(); }));
+    processEvents();
+    EXPECT_EQ(takeEvents(), Lines{RECOVERY});
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+}
+
+TEST_F(VdDiscoverDaemonLink, WithoutPatienceAQuestionWithoutAnAnswerEndsTheProcess)
+{
+    open(DaemonLink::GiveUp);
+    EXPECT_EXIT(link->ask([] { return waitInVain(); }), testing::ExitedWithCode(3),
+                "^vd-discover: the Avahi daemon or the system bus does not answer; restart the daemon with "
+                "\"sudo systemctl restart avahi-daemon\"\n$");
+}
+
+TEST_F(VdDiscoverDaemonLink, WhatTheLinkIsForIsToldOnceItIsBack)
+{
+    link.reset(
+        new DaemonLink({QStringLiteral("_http._tcp")}, DaemonLink::KeepTrying, QStringLiteral("publishing")));
+    QObject::connect(link.get(), &DaemonLink::notice,
+                     [this](const QString& text) { events.push_back(text.toStdString()); });
+    avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
+    link->open();
+    passTime(RETRY_MS + RETRY_MS / 2);
+    EXPECT_EQ(takeEvents(), (Lines{BUS_REMEDY + WAITING, "the Avahi daemon answers; publishing"}));
 }

@@ -1,39 +1,19 @@
 // SPDX-License-Identifier: MIT
 #include "BrowseCommand.h"
 
-#include "Deadline.h"
 #include "DeviceTable.h"
 #include "EventJson.h"
 #include "EventLine.h"
 #include "ExitStatus.h"
 #include "StandardStreams.h"
 
-#include <vd/LogQt.h>
-
 #include <QtCore/QDateTime>
-#include <QtCore/QSocketNotifier>
 
-#include <cerrno>
-#include <cstring>
-
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace vd::discover {
 
 namespace {
-
-const int LOG_EVERYTHING = 1;
-// How long a daemon that hangs may delay the end, when all results are out.
-const std::chrono::milliseconds PATIENCE_AT_END(1000);
-// How long it may delay the results from when the run should end.
-const std::chrono::milliseconds PATIENCE_BEFORE_END(1500);
-
-bool isPipe(int descriptor)
-{
-    struct stat status = {};
-    return fstat(descriptor, &status) == 0 && (S_ISFIFO(status.st_mode) || S_ISSOCK(status.st_mode));
-}
 
 QString adviceForNothing(const QStringList& types)
 {
@@ -53,11 +33,13 @@ BrowseCommand::BrowseCommand(const BrowseOptions& options, int signalDescriptor)
     // The log would be glued to the progress line.
     , m_progress(options.follow ? 0 : options.timeoutMs,
                  options.verbose ? Progress::Never : Progress::WhereRedrawable)
-    , m_link(options.types, options.follow ? DaemonLink::KeepTrying : DaemonLink::GiveUp)
-    , m_signalDeadline(signalDescriptor, PATIENCE_BEFORE_END, [this] { endHungProcess(); })
+    , m_link(options.types, options.follow ? DaemonLink::KeepTrying : DaemonLink::GiveUp,
+             QStringLiteral("browsing"))
+    , m_end(signalDescriptor, [this] { endHungProcess(); })
 {
     m_timeout.setSingleShot(true);
     connect(&m_timeout, &QTimer::timeout, this, &BrowseCommand::end);
+    connect(&m_output, &ResultOutput::readerLeft, this, &BrowseCommand::end);
     connectDevices();
     connectLink();
 }
@@ -67,21 +49,9 @@ BrowseCommand::~BrowseCommand() = default;
 void BrowseCommand::start()
 {
     if (m_options.verbose)
-        LogQt::setLogLevel(LOG_EVERYTHING);
-    watchForClosedOutput();
+        writeWholeLog();
+    m_output.watchReader();
     m_link.open();
-}
-
-// A reader that goes away is noticed by the next line only, which may be hours away with --follow.
-void BrowseCommand::watchForClosedOutput()
-{
-    if (!isPipe(STDOUT_FILENO))
-        return;
-    m_closedOutput = new QSocketNotifier(STDOUT_FILENO, QSocketNotifier::Exception, this);
-    connect(m_closedOutput, &QSocketNotifier::activated, this, [this] {
-        m_outputError = EPIPE;
-        end();
-    });
 }
 
 void BrowseCommand::connectDevices()
@@ -121,8 +91,7 @@ void BrowseCommand::beginCollecting()
         return;
     if (!m_options.follow) {
         m_timeout.start(m_options.timeoutMs);
-        const auto latest = std::chrono::milliseconds(m_options.timeoutMs) + PATIENCE_BEFORE_END;
-        m_timeoutDeadline.reset(new Deadline(latest, [this] { endHungProcess(); }));
+        m_end.expectAfter(std::chrono::milliseconds(m_options.timeoutMs));
     }
     if (m_options.requery)
         m_link.discovery().StartQueryAllRecords();
@@ -175,10 +144,8 @@ void BrowseCommand::startLongLivedQuery(const QString& serviceName)
 void BrowseCommand::print(const QByteArray& bytes)
 {
     m_progress.hide();
-    m_isPrinting = true;
-    m_outputError = writeAll(STDOUT_FILENO, bytes);
-    m_isPrinting = false;
-    if (m_outputError != 0)
+    m_output.write(bytes);
+    if (m_output.isClosed())
         end();
     else if (!m_isEnding)
         m_progress.show();
@@ -196,28 +163,22 @@ void BrowseCommand::end()
         return;
     m_isEnding = true;
     m_timeout.stop();
-    if (m_closedOutput)
-        m_closedOutput->setEnabled(false);
-    m_endDeadline.reset(new Deadline(PATIENCE_BEFORE_END, [this] { endHungProcess(); }));
+    m_output.stopWatching();
+    m_end.expectNow();
     // Queued, as this may be called from inside a signal of the discovery object.
     QMetaObject::invokeMethod(this, &BrowseCommand::finish, Qt::QueuedConnection);
 }
 
 void BrowseCommand::finish()
 {
-    // Too late: endHungProcess() is at it.
-    while (m_isEndTaken.exchange(true))
-        pause();
+    m_end.begin();
     m_progress.hide();
-    if (m_outputError == 0)
+    if (!m_output.isClosed())
         printTable();
-    // A reader that has seen enough is no failure, nor is it one not to have had a reader.
-    if (m_outputError != 0 && m_outputError != EPIPE && m_outputError != EBADF) {
-        say(QStringLiteral("the results cannot be written: ")
-            + QString::fromLocal8Bit(std::strerror(m_outputError)) + QStringLiteral("; write them elsewhere"));
-    }
+    if (m_output.hasFailed())
+        say(m_output.failureText());
     const int status = exitStatus();
-    closeLink(status);
+    TimelyEnd::hurry([this] { m_link.close(); }, [status] { _exit(status); });
     Q_EMIT finished(status);
 }
 
@@ -225,12 +186,11 @@ void BrowseCommand::finish()
 void BrowseCommand::endHungProcess()
 {
     // Who waits for a slow reader of the output does not hang.
-    if (m_isPrinting || m_isEndTaken.exchange(true))
+    if (m_output.isBusy() || !m_end.take())
         return;
     m_progress.erase();
     m_link.tellOfHangAtEnd();
-    if (m_outputError == 0)
-        m_outputError = writeAll(STDOUT_FILENO, tableToPrint());
+    m_output.write(tableToPrint());
     _exit(exitStatus());
 }
 
@@ -254,17 +214,11 @@ void BrowseCommand::printTable()
         say(QStringLiteral("no devices found; ") + adviceForNothing(m_options.types));
 }
 
-void BrowseCommand::closeLink(int status)
-{
-    const Deadline deadline(PATIENCE_AT_END, [status] { _exit(status); });
-    m_link.close();
-}
-
 int BrowseCommand::exitStatus() const
 {
     if (m_isUnreachable || !m_link.wasReached())
         return EXIT_UNREACHABLE;
-    if (m_outputError != 0 && m_outputError != EPIPE && m_outputError != EBADF)
+    if (m_output.hasFailed())
         return EXIT_NOTHING_SEEN;
     return m_wasDeviceSeen ? EXIT_DEVICES_SEEN : EXIT_NOTHING_SEEN;
 }

@@ -4,19 +4,17 @@
 
 #include "BrowseOptions.h"
 #include "DaemonLink.h"
-#include "Deadline.h"
 #include "DeviceEvent.h"
 #include "KnownDevices.h"
 #include "Progress.h"
+#include "ResultOutput.h"
+#include "TimelyEnd.h"
 
 #include <QtCore/QObject>
 #include <QtCore/QTimer>
 
 #include <atomic>
-#include <memory>
 #include <mutex>
-
-class QSocketNotifier;
 
 namespace vd::discover {
 
@@ -41,7 +39,6 @@ Q_SIGNALS:
     void finished(int exitStatus);
 
 private:
-    void watchForClosedOutput();
     void connectDevices();
     void connectLink();
     void beginCollecting();
@@ -54,7 +51,6 @@ private:
     void endHungProcess();
     QByteArray tableToPrint() const;
     void printTable();
-    void closeLink(int exitStatus);
     int exitStatus() const;
 
     const BrowseOptions m_options;
@@ -63,19 +59,13 @@ private:
     mutable std::mutex m_knownMutex;
     Progress m_progress;
     QTimer m_timeout;
-    QSocketNotifier* m_closedOutput = nullptr;
+    ResultOutput m_output;
     std::atomic<bool> m_wasDeviceSeen{false};
     std::atomic<bool> m_isUnreachable{false};
     bool m_isEnding = false;
-    std::atomic<bool> m_isPrinting{false};
-    /** Whether somebody prints what there is to print at the end, which is to happen once. */
-    std::atomic<bool> m_isEndTaken{false};
-    std::atomic<int> m_outputError{0};
     DaemonLink m_link;
-    // Last, so that none of their threads runs while the rest is destroyed.
-    const Deadline m_signalDeadline;
-    std::unique_ptr<Deadline> m_timeoutDeadline;
-    std::unique_ptr<Deadline> m_endDeadline;
+    // Last, so that none of its threads runs while the rest is destroyed.
+    TimelyEnd m_end;
 };
 
 } // namespace vd::discover

@@ -2,12 +2,14 @@
 #ifndef VD_DISCOVER_BROWSEOPTIONS_H
 #define VD_DISCOVER_BROWSEOPTIONS_H
 
+#include "OptionValues.h"
+
 #include <QtCore/QString>
 #include <QtCore/QStringList>
 
-namespace vd::discover {
+class QCommandLineParser;
 
-enum class OutputFormat { Table, Json };
+namespace vd::discover {
 
 /** What `vd-discover browse` was asked to do. */
 struct BrowseOptions
@@ -23,19 +25,11 @@ struct BrowseOptions
     OutputFormat format = OutputFormat::Table;
 };
 
-/** What a command line amounts to. */
-struct CommandLine
-{
-    enum Action { Browse, ShowHelp, ShowVersion, ReportError };
+/** The options that the command takes. */
+QList<QCommandLineOption> browseOptionList();
 
-    Action action = Browse;
-    BrowseOptions options;
-    /** With ReportError: one printable line that names the remedy. */
-    QString error;
-};
-
-/** Reads the arguments, the program's name first. */
-CommandLine readCommandLine(const QStringList& arguments);
+/** @param words what stands on the command line beside the options, without the command's name. */
+BrowseOptions readBrowseOptions(const QCommandLineParser& parser, const QStringList& words);
 
 } // namespace vd::discover
 

@@ -50,7 +50,8 @@ QString refusalRemedy()
 
 } // namespace
 
-DaemonLink::DaemonLink(const QStringList& types, Patience patience) : m_types(types), m_patience(patience)
+DaemonLink::DaemonLink(const QStringList& types, Patience patience, const QString& purpose)
+    : m_types(types), m_purpose(purpose), m_patience(patience)
 {
     m_retry.setSingleShot(true);
     m_retry.setInterval(RETRY_MS);
@@ -80,20 +81,36 @@ void DaemonLink::tryToBrowse()
         return;
     }
     m_wasReached = true;
-    if (m_toldTrouble.exchange(NoTrouble) != NoTrouble)
-        Q_EMIT notice(QStringLiteral("the Avahi daemon answers; browsing"));
+    tellOfRecovery();
     Q_EMIT browsing();
 }
 
 bool DaemonLink::browseAllTypes()
 {
+    return watched([this] {
+        for (const QString& type : m_types) {
+            if (!m_discovery.BrowseServices(type.toUtf8().constData()))
+                return false;
+        }
+        return true;
+    });
+}
+
+bool DaemonLink::watched(const std::function<bool()>& call)
+{
     m_didHang = false;
     const Deadline deadline(PATIENCE_WITH_CALLS, [this] { tellOfHang(); });
-    for (const QString& type : m_types) {
-        if (!m_discovery.BrowseServices(type.toUtf8().constData()))
-            return false;
-    }
-    return true;
+    return call();
+}
+
+bool DaemonLink::ask(const std::function<bool()>& call)
+{
+    const bool isDone = watched(call);
+    if (isDone)
+        tellOfRecovery();
+    else if (m_didHang)
+        QMetaObject::invokeMethod(this, &DaemonLink::breakLink, Qt::QueuedConnection);
+    return isDone;
 }
 
 void DaemonLink::fail()
@@ -122,6 +139,12 @@ void DaemonLink::giveUpOrRetry()
         m_discovery.TerminateBrowsing();
         m_retry.start();
     }
+}
+
+void DaemonLink::tellOfRecovery()
+{
+    if (m_toldTrouble.exchange(NoTrouble) != NoTrouble)
+        Q_EMIT notice(QStringLiteral("the Avahi daemon answers; ") + m_purpose);
 }
 
 void DaemonLink::tell(Trouble trouble, const QString& message)
@@ -159,6 +182,14 @@ void DaemonLink::followState()
         tell(DaemonTrouble, endRemedy());
         giveUpOrRetry();
     }
+}
+
+void DaemonLink::breakLink()
+{
+    if (m_isClosed || !m_discovery.IsBrowsing())
+        return;
+    Q_EMIT broken();
+    giveUpOrRetry();
 }
 
 } // namespace vd::discover

@@ -8,6 +8,7 @@
 #include <QtCore/QTimer>
 
 #include <atomic>
+#include <functional>
 
 namespace vd::discover {
 
@@ -22,7 +23,8 @@ class DaemonLink : public QObject
 public:
     enum Patience { GiveUp, KeepTrying };
 
-    DaemonLink(const QStringList& types, Patience patience);
+    /** @param purpose what the link is for, told once it is back: "browsing". */
+    DaemonLink(const QStringList& types, Patience patience, const QString& purpose);
 
     /** Where the devices are signalled. */
     WatchedDiscovery& discovery() { return m_discovery; }
@@ -30,11 +32,24 @@ public:
     /** Begins. What comes of it is told by the signals, possibly before this returns. */
     void open();
 
+    /** From now on. */
+    void setPatience(Patience patience) { m_patience = patience; }
+
+    /**
+     * Makes @p call, which asks the daemon for something. If no answer comes, that is told while the call still
+     * waits, and without patience the process ends; with patience the link is broken, and browses again later.
+     * @return what the call returned
+     */
+    bool ask(const std::function<bool()>& call);
+
     /** Ends everything. A daemon that hangs blocks this for long. */
     void close();
 
     /** Whether browsing ever began. */
     bool wasReached() const { return m_wasReached; }
+
+    /** Whether the last call to the daemon was left without an answer for too long. */
+    bool didHang() const { return m_didHang; }
 
     /**
      * Tells on standard error that the daemon hangs, unless that was the last trouble told. Any thread may
@@ -60,14 +75,18 @@ private:
 
     void tryToBrowse();
     bool browseAllTypes();
+    bool watched(const std::function<bool()>& call);
     void fail();
     void giveUpOrRetry();
+    void breakLink();
     void tell(Trouble trouble, const QString& message);
     void tellOfHang();
+    void tellOfRecovery();
     void followState();
 
     const QStringList m_types;
-    const Patience m_patience;
+    const QString m_purpose;
+    std::atomic<Patience> m_patience;
     std::atomic<bool> m_wasReached{false};
     bool m_isClosed = false;
     std::atomic<bool> m_didHang{false};

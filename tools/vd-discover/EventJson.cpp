@@ -69,13 +69,18 @@ QJsonObject jsonOf(const SServiceInfo& service)
     };
 }
 
-QByteArray jsonLine(const DeviceEvent& event)
+QByteArray jsonLine(const char* event, const QDateTime& time, const QJsonObject& service)
 {
     // The outer object is put together here, as QJsonObject would sort its members.
-    const QByteArray service = QJsonDocument(jsonOf(event.service)).toJson(QJsonDocument::Compact);
-    return QByteArray("{\"event\":\"") + wordFor(event.kind) + "\",\"time\":\""
-           + event.time.toUTC().toString(Qt::ISODateWithMs).toUtf8()
-           + "\",\"service\":" + withoutUnprintable(QString::fromUtf8(service)) + "}\n";
+    const QByteArray inner = QJsonDocument(service).toJson(QJsonDocument::Compact);
+    return QByteArray("{\"event\":\"") + event + "\",\"time\":\""
+           + time.toUTC().toString(Qt::ISODateWithMs).toUtf8()
+           + "\",\"service\":" + withoutUnprintable(QString::fromUtf8(inner)) + "}\n";
+}
+
+QByteArray jsonLine(const DeviceEvent& event)
+{
+    return jsonLine(wordFor(event.kind), event.time, jsonOf(event.service));
 }
 
 } // namespace vd::discover

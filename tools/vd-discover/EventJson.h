@@ -13,9 +13,12 @@ namespace vd::discover {
 QJsonObject jsonOf(const SServiceInfo& service);
 
 /**
- * The event as one line of JSON in UTF-8, with its line feed. Nothing in it can steer a terminal: control,
- * format and separator characters stand as \uXXXX.
+ * An event of @p service at @p time as one line of JSON in UTF-8, with its line feed. Nothing in it can steer a
+ * terminal: control, format and separator characters stand as \uXXXX.
  */
+QByteArray jsonLine(const char* event, const QDateTime& time, const QJsonObject& service);
+
+/** The event of a device, likewise. */
 QByteArray jsonLine(const DeviceEvent& event);
 
 } // namespace vd::discover

@@ -3,9 +3,18 @@
 
 namespace vd::discover {
 
-QByteArray helpText()
+QByteArray browseHelp()
 {
     return R"HELP(Usage: vd-discover [browse] [options] [TYPE...]
+       vd-discover publish NAME [options]
+       vd-discover responder [--start]
+
+Commands:
+  browse      Find devices. This is what runs when no command is named.
+  publish     Publish a network reconfiguration for a device to obey; see
+              vd-discover publish --help
+  responder   Tell whether the service mdnsd is installed and running, and
+              start it; see vd-discover responder --help
 
 Finds Vandrel cameras and Snap Server storage on the local network, by DNS
 service discovery over multicast DNS. Needs a running Avahi daemon.
@@ -54,6 +63,86 @@ Exit status:
   1  No device was seen, or the results could not be written.
   2  The command line is wrong.
   3  The system bus or the Avahi daemon cannot be reached.
+)HELP";
+}
+
+QByteArray publishHelp()
+{
+    return R"HELP(Usage: vd-discover publish NAME --type TYPE --zeph N --ip A.B.C.D
+                           --mask A.B.C.D [options]
+
+Publishes a service whose record tells a device to take another address, until
+interrupted (Ctrl-C or SIGTERM); then withdraws it, so that the others on the
+network see it go. Needs a running Avahi daemon. If the daemon stops or
+restarts meanwhile, the service is published again once it is back.
+
+Everyone on the local network can read the record, user name and password
+included: Base64, in which the password stands, hides nothing.
+
+NAME is what the service is called on the network, 1 to 63 bytes of UTF-8.
+
+Needed, as the record always carries them, and a device that obeyed one filled
+with zeros would be lost:
+      --type TYPE           The service type that the devices look for, such as
+                            _setup._tcp.
+      --zeph N              The number that tells which device is meant, from 0
+                            to 16777215, or in hexadecimal with 0x in front.
+      --ip A.B.C.D          The address that the device is to take.
+      --mask A.B.C.D        Its net mask.
+
+Options:
+      --user NAME           User name on the device. Default: empty
+      --password-file FILE  File with nothing but the password, in UTF-8; - is
+                            standard input, where a terminal does not show what
+                            is typed. Default: an empty password
+      --kind camera|snap    What kind of device is meant: a Vandrel camera or
+                            Snap Server storage. Default: any
+      --dns A.B.C.D         A name server; up to three times, and only with
+                            --kind snap, as no other device is told of them.
+      --save                The device is to keep the settings over a restart.
+  -t, --timeout SECONDS     Withdraw the service and end after this time from
+                            the start, a number above 0, fractions allowed.
+      --format FORMAT       table: lines for people. json: one JSON object a
+                            line. Default: table
+  -v, --verbose             Write the library's log to standard error. The
+                            password is never in it.
+  -h, --help                Print this help.
+      --version             Print the version.
+
+JSON:
+  {"event":E,"time":T,"service":{"serviceName":N,"serviceType":S}}  E is
+  established, collision, failure or withdrawn; T is UTC.
+
+Example:
+  pass show dock-camera | vd-discover publish "Dock setup" --type _setup._tcp \
+      --zeph 0x0a0b0c --ip 192.168.1.10 --mask 255.255.255.0 \
+      --user admin --password-file - --save
+
+Exit status:
+  0  The service was published.
+  1  It was not, or the results could not be written.
+  2  The command line is wrong, or the password cannot be read.
+  3  The system bus or the Avahi daemon cannot be reached.
+)HELP";
+}
+
+QByteArray responderHelp()
+{
+    return R"HELP(Usage: vd-discover responder [--start]
+
+Tells whether the multicast DNS responder service mdnsd is installed and
+running. No other command needs it: they use the Avahi daemon.
+
+Options:
+      --start    Start it if it is installed and not running. This takes the
+                 right to start services, as sudo gives it.
+  -h, --help     Print this help.
+      --version  Print the version.
+
+Exit status:
+  0  It is running.
+  1  It is not, or that cannot be found out.
+  2  The command line is wrong.
 )HELP";
 }
 

@@ -6,8 +6,10 @@
 
 namespace vd::discover {
 
-/** What --help prints. */
-QByteArray helpText();
+// What --help prints for each command. That of browse tells of the others, as browse is what runs without a name.
+QByteArray browseHelp();
+QByteArray publishHelp();
+QByteArray responderHelp();
 
 /** What --version prints. */
 QByteArray versionText();

@@ -14,8 +14,6 @@ namespace {
 const int REDRAW_MS = 200;
 const int REDRAW_ENDLESS_MS = 1000;
 
-const char BACK_AND_CLEAR[] = "\r\033[K";
-
 QString clockText(qint64 elapsedMs)
 {
     const qint64 seconds = elapsedMs / 1000;
@@ -69,7 +67,7 @@ void Progress::hide()
 void Progress::erase()
 {
     if (m_isDrawn.exchange(false))
-        writeAll(STDERR_FILENO, BACK_AND_CLEAR);
+        writeAll(STDERR_FILENO, ERASE_LINE);
 }
 
 void Progress::draw()
@@ -77,7 +75,7 @@ void Progress::draw()
     const QString text = progressText(m_deviceCount, m_elapsed.elapsed(), m_timeoutMs);
     // A line that reaches the edge would wrap and could not be cleared.
     const QString fitted = cutToCells(text, terminalWidth(STDERR_FILENO) - 1);
-    writeAll(STDERR_FILENO, BACK_AND_CLEAR + fitted.toUtf8());
+    writeAll(STDERR_FILENO, ERASE_LINE + fitted.toUtf8());
     m_isDrawn = true;
 }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: MIT
 #include "StandardStreams.h"
 
+#include <vd/LogQt.h>
+
 #include <cerrno>
 
 #include <fcntl.h>
@@ -14,6 +16,7 @@ namespace {
 
 // What a terminal that does not tell its size is taken for.
 const int USUAL_WIDTH = 80;
+const int LOG_EVERYTHING = 1;
 
 void waitUntilWritable(int descriptor)
 {
@@ -52,6 +55,11 @@ int writeAll(int descriptor, const QByteArray& bytes)
 void reportError(const QString& message)
 {
     writeAll(STDERR_FILENO, "vd-discover: " + message.toUtf8() + '\n');
+}
+
+void writeWholeLog()
+{
+    LogQt::setLogLevel(LOG_EVERYTHING);
 }
 
 int terminalWidth(int descriptor)

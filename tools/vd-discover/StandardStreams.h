@@ -19,11 +19,17 @@ int writeAll(int descriptor, const QByteArray& bytes);
 /** Writes "vd-discover: ", @p message and a line feed to standard error. */
 void reportError(const QString& message);
 
+/** Has the library write its whole log to standard error. */
+void writeWholeLog();
+
 /** The cells of a line if @p descriptor is a terminal, else 0. */
 int terminalWidth(int descriptor);
 
 /** Whether lines on @p descriptor can be drawn again: it is a terminal, and one that takes commands. */
 bool isRedrawable(int descriptor);
+
+/** Goes to the beginning of the line and erases it, where lines can be drawn again. */
+inline constexpr char ERASE_LINE[] = "\r\033[K";
 
 } // namespace vd::discover
 

@@ -25,12 +25,22 @@ public:
 
     State state() const;
 
+    /** Whether the daemon has its host name settled, which a published service is to lead to. */
+    bool isHostNameSettled() const;
+
+    /** Avahi's code for what went wrong last. */
+    int lastError() const;
+
 Q_SIGNALS:
     /** state() may have changed. Emitted from inside Avahi's calls: to be queued. */
     void stateChanged();
 
+    /** What has become of the published service. Emitted from inside Avahi's calls. */
+    void publicationChanged(AvahiEntryGroupState groupState);
+
 protected:
     void AvahiClientStateChanged(AvahiClient* avahiClient, AvahiClientState clientState, void* userdata) override;
+    void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState groupState, void* userdata) override;
 };
 
 } // namespace vd::discover

@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "BrowseCommand.h"
-#include "BrowseOptions.h"
+#include "CommandLine.h"
 #include "ExitStatus.h"
-#include "HelpText.h"
+#include "Password.h"
+#include "PublishCommand.h"
+#include "ResponderCommand.h"
 #include "SignalWatcher.h"
 #include "StandardStreams.h"
 
@@ -12,6 +14,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <variant>
 
 #include <langinfo.h>
 #include <unistd.h>
@@ -33,15 +36,48 @@ int printAndEnd(const QByteArray& text)
     return writeAll(STDOUT_FILENO, text) == 0 ? EXIT_SUCCESS : EXIT_FAILURE;
 }
 
-int browse(const BrowseOptions& options)
+int refuse(const UsageError& error)
+{
+    reportError(error.message);
+    return EXIT_USAGE;
+}
+
+template <class Command, class Options>
+int runUntilFinished(const Options& options)
 {
     SignalWatcher signalWatcher;
-    BrowseCommand command(options, signalWatcher.descriptor());
-    QObject::connect(&signalWatcher, &SignalWatcher::interrupted, &command, &BrowseCommand::end);
-    QObject::connect(&command, &BrowseCommand::finished, qApp, &QCoreApplication::exit, Qt::QueuedConnection);
+    Command command(options, signalWatcher.descriptor());
+    QObject::connect(&signalWatcher, &SignalWatcher::interrupted, &command, &Command::end);
+    QObject::connect(&command, &Command::finished, qApp, &QCoreApplication::exit, Qt::QueuedConnection);
     command.start();
     return QCoreApplication::exec();
 }
+
+/** Runs what the command line asks for; returns the exit status. */
+struct Runner
+{
+    int operator()(const BrowseOptions& options) const { return runUntilFinished<BrowseCommand>(options); }
+
+    int operator()(PublishOptions options) const
+    {
+        try {
+            if (!options.passwordFile.isEmpty())
+                options.info.password = readPassword(options.passwordFile);
+        } catch (const UsageError& error) {
+            return refuse(error);
+        }
+        return runUntilFinished<PublishCommand>(options);
+    }
+
+    int operator()(const ResponderOptions& options) const
+    {
+        return runResponder(options, systemResponderService());
+    }
+
+    int operator()(const TextToPrint& wanted) const { return printAndEnd(wanted.text); }
+
+    int operator()(const UsageError& error) const { return refuse(error); }
+};
 
 } // namespace
 
@@ -52,17 +88,5 @@ int main(int argc, char** argv)
     useUtf8();
     QCoreApplication application(argc, argv);
 
-    const CommandLine commandLine = readCommandLine(QCoreApplication::arguments());
-    switch (commandLine.action) {
-    case CommandLine::ShowHelp:
-        return printAndEnd(helpText());
-    case CommandLine::ShowVersion:
-        return printAndEnd(versionText());
-    case CommandLine::ReportError:
-        reportError(commandLine.error);
-        return EXIT_USAGE;
-    case CommandLine::Browse:
-        break;
-    }
-    return browse(commandLine.options);
+    return std::visit(Runner(), readCommandLine(QCoreApplication::arguments()));
 }

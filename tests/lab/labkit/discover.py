@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""vd-discover on the viewer of a lab."""
+"""vd-discover on a host of a lab."""
 
 import json
 import subprocess
@@ -10,9 +10,9 @@ from .paths import VD_DISCOVER
 
 
 class Discover:
-    def __init__(self, lab, *arguments):
+    def __init__(self, lab, *arguments, host="viewer"):
         self._began = time.monotonic()
-        self._process = lab.start("viewer", VD_DISCOVER, *arguments, stdin=subprocess.DEVNULL)
+        self._process = lab.start(host, VD_DISCOVER, *arguments, stdin=subprocess.DEVNULL)
         self.output = Lines(self._process.stdout)
         self.errors = Lines(self._process.stderr)
 

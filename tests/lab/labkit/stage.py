@@ -34,8 +34,8 @@ class Stage:
     def reader(self, lab, service_type):
         return self._add(Reader(lab, service_type))
 
-    def discover(self, lab, *arguments):
-        return self._add(Discover(lab, *arguments))
+    def discover(self, lab, *arguments, host="viewer"):
+        return self._add(Discover(lab, *arguments, host=host))
 
     def _add(self, program):
         self._programs.append(program)

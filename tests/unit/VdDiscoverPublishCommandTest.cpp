@@ -1,0 +1,546 @@
+// SPDX-License-Identifier: MIT
+#include "PublishCommand.h"
+#include "SignalWatcher.h"
+
+#include "support/DaemonStandIn.h"
+#include "support/DiscoveryFixture.h"
+#include "support/StandardStreamCapture.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QEventLoop>
+#include <QtCore/QJsonDocument>
+#include <QtCore/QJsonObject>
+#include <QtCore/QtEndian>
+
+#include <chrono>
+#include <csignal>
+#include <thread>
+
+using vd::discover::OutputFormat;
+using vd::discover::PublishCommand;
+using vd::discover::PublishOptions;
+
+namespace {
+
+const int STILL_RUNNING = -1;
+const int LONGEST_WAIT_MS = 5000;
+const int RETRY_MS = 500;
+
+const char WARNING[] = "vd-discover: warning: everyone on the local network can read the record";
+const char NAME_TAKEN[] = "vd-discover: another service on the network has the name \"Dock\"; choose another NAME";
+const char ENDED[]
+    = "vd-discover: the connection to the Avahi daemon has ended; if it does not come back by itself, "
+      "start it with \"sudo systemctl start avahi-daemon\"";
+
+// As a call to a daemon that hangs does.
+void block()
+{
+    std::this_thread::sleep_for(std::chrono::seconds(10));
+}
+
+PublishOptions dockSetup()
+{
+    PublishOptions options;
+    options.name = QStringLiteral("Dock");
+    options.type = QStringLiteral("_setup._tcp");
+    options.info.zephValue = 0x010203;
+    options.info.newIp = qToBigEndian<quint32>(0x0a141e28);
+    options.info.netMask = qToBigEndian<quint32>(0xffffff80);
+    options.info.userName = QStringLiteral("admin");
+    options.info.password = QStringLiteral("secret");
+    options.format = OutputFormat::Json;
+    return options;
+}
+
+} // namespace
+
+class VdDiscoverPublishBase : public testing::Test
+{
+protected:
+    void start(int signalDescriptor = -1)
+    {
+        command.reset(new PublishCommand(options, signalDescriptor));
+        QObject::connect(command.get(), &PublishCommand::finished, [this](int status) { exitStatus = status; });
+        command->start();
+    }
+
+    void startPublished()
+    {
+        start();
+        avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING);
+        avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED);
+    }
+
+    void clientBecomes(AvahiClientState state, int client = 1)
+    {
+        daemon.state = state;
+        avahi.fireClientState(state, client);
+    }
+
+    static void processEvents() { QCoreApplication::processEvents(); }
+
+    static void passTime(int milliseconds)
+    {
+        QEventLoop loop;
+        QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
+        loop.exec();
+    }
+
+    int waitForEnd()
+    {
+        QEventLoop loop;
+        QObject::connect(command.get(), &PublishCommand::finished, &loop, &QEventLoop::quit);
+        QTimer::singleShot(LONGEST_WAIT_MS, &loop, &QEventLoop::quit);
+        if (exitStatus == STILL_RUNNING)
+            loop.exec();
+        return exitStatus;
+    }
+
+    int end()
+    {
+        command->end();
+        processEvents();
+        return exitStatus;
+    }
+
+    /** The names of the functions called since this was asked last. */
+    Lines takeFunctions()
+    {
+        Lines functions;
+        for (const std::string& call : avahi.takeCalls())
+            functions.push_back(call.substr(0, call.find('(')));
+        return functions;
+    }
+
+    /** What was printed as JSON, a word an event. */
+    Lines events() const
+    {
+        Lines words;
+        const auto printed = output.text().split('\n');
+        for (const QByteArray& line : printed) {
+            if (!line.isEmpty()) {
+                words.push_back(QJsonDocument::fromJson(line)
+                                    .object()
+                                    .value(QStringLiteral("event"))
+                                    .toString()
+                                    .toStdString());
+            }
+        }
+        return words;
+    }
+
+    AvahiStandIn avahi;
+    DaemonStandIn daemon;
+    PublishOptions options = dockSetup();
+    CapturedOutput output;
+    std::unique_ptr<PublishCommand> command;
+    int exitStatus = STILL_RUNNING;
+};
+
+class VdDiscoverPublishCommand : public VdDiscoverPublishBase
+{
+protected:
+    /** What was said on standard error, without the warning that everything begins with. */
+    Lines said() const
+    {
+        Lines lines;
+        const auto all = errors.text().split('\n');
+        for (const QByteArray& line : all) {
+            if (!line.isEmpty())
+                lines.push_back(line.toStdString());
+        }
+        EXPECT_FALSE(lines.empty());
+        if (!lines.empty())
+            lines.erase(lines.begin());
+        return lines;
+    }
+
+    CapturedOutput errors{STDERR_FILENO};
+};
+
+TEST_F(VdDiscoverPublishCommand, BrowsesTheTypeAndThenRegistersTheService)
+{
+    start();
+    EXPECT_EQ(takeFunctions(), (Lines{"client_new", "service_browser_new", "entry_group_new",
+                                      "entry_group_add_service_strlst", "entry_group_commit"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, HandsTheRecordOver)
+{
+    start();
+    const Lines calls = avahi.takeCalls();
+    EXPECT_NE(calls.at(1).find("\"_setup._tcp\""), std::string::npos) << calls.at(1);
+    EXPECT_EQ(calls.at(3),
+              "entry_group_add_service_strlst(group1, -1, -1, 320, \"Dock\", \"_setup._tcp\", null, null, 80, "
+              "[SAVE.vandrel.com=F MASK.vandrel.com=\\xff\\xff\\xff\\x80 NEWIP.vandrel.com=\\x0a\\x14\\x1e( "
+              "PWD.vandrel.com=c2VjcmV0 USER.vandrel.com=admin ZEPH.vandrel.com=\\x01\\x02\\x03])");
+}
+
+TEST_F(VdDiscoverPublishCommand, WarnsThatThePasswordCanBeRead)
+{
+    start();
+    EXPECT_EQ(errors.text().toStdString(), std::string(WARNING) + ", password included\n");
+}
+
+TEST_F(VdDiscoverPublishCommand, WarnsOfNoPasswordWhereThereIsNone)
+{
+    options.info.password.clear();
+    start();
+    EXPECT_EQ(errors.text().toStdString(), std::string(WARNING) + "\n");
+}
+
+TEST_F(VdDiscoverPublishCommand, TellsThatTheServiceIsEstablishedOnceOnly)
+{
+    start();
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_UNCOMMITED);
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING);
+    EXPECT_EQ(events(), Lines{});
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED);
+    EXPECT_EQ(events(), Lines{"established"});
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING);
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED);
+    EXPECT_EQ(events(), Lines{"established"});
+}
+
+TEST_F(VdDiscoverPublishCommand, IsEstablishedThoughAvahiSaysSoBeforeTheCallIsOver)
+{
+    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED); });
+    start();
+    EXPECT_EQ(events(), Lines{"established"});
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(VdDiscoverPublishCommand, PrintsLinesForPeople)
+{
+    options.format = OutputFormat::Table;
+    startPublished();
+    EXPECT_EQ(end(), 0);
+    const auto lines = output.text().split('\n');
+    ASSERT_EQ(lines.size(), 3);
+    EXPECT_EQ(lines.at(0).mid(8).toStdString(),
+              "  published  Dock (_setup._tcp)  zeph 0x010203: 10.20.30.40/25, not saved");
+    EXPECT_EQ(lines.at(1).mid(8).toStdString(), "  withdrawn  Dock (_setup._tcp)");
+}
+
+TEST_F(VdDiscoverPublishCommand, AtTheEndWithdrawsAndThenEndsBrowsing)
+{
+    startPublished();
+    takeFunctions();
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(takeFunctions(),
+              (Lines{"entry_group_reset", "entry_group_free", "service_browser_free", "client_free"}));
+    EXPECT_EQ(events(), (Lines{"established", "withdrawn"}));
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+    EXPECT_EQ(said(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, AWithdrawalThatFailsIsNotTold)
+{
+    startPublished();
+    avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(events(), Lines{"established"});
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, WhatWasNeverEstablishedIsStatusOneAndNotWithdrawn)
+{
+    start();
+    EXPECT_EQ(end(), 1);
+    EXPECT_EQ(events(), Lines{});
+    EXPECT_EQ(said(), Lines{});
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, ANameThatIsTakenOnTheNetworkIsToldWithTheRemedy)
+{
+    start();
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION);
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(events(), Lines{"collision"});
+    EXPECT_EQ(said(), Lines{NAME_TAKEN});
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, ANameThatIsTakenLaterEndsThePublication)
+{
+    startPublished();
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION);
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(events(), (Lines{"established", "collision"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, ANameThatIsTakenOnThisHostIsToldWithTheRemedy)
+{
+    avahi.failNext("entry_group_add_service_strlst", AVAHI_ERR_COLLISION);
+    start();
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(events(), Lines{"collision"});
+    EXPECT_EQ(said(), Lines{NAME_TAKEN});
+}
+
+TEST_F(VdDiscoverPublishCommand, ACollisionToldInsideTheCallIsToldOnce)
+{
+    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION); });
+    avahi.failNext("entry_group_commit", AVAHI_ERR_BAD_STATE);
+    start();
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(events(), Lines{"collision"});
+    EXPECT_EQ(said(), Lines{NAME_TAKEN});
+}
+
+TEST_F(VdDiscoverPublishCommand, FreesNothingFromInsideTheCallback)
+{
+    start();
+    avahi.takeCalls();
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION);
+    EXPECT_EQ(takeFunctions(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, AFailureIsToldWithTheRemedy)
+{
+    start();
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_FAILURE);
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(events(), Lines{"failure"});
+    EXPECT_EQ(said(), Lines{"vd-discover: the Avahi daemon could not publish the service; see why with "
+                            "\"journalctl -u avahi-daemon\""});
+}
+
+TEST_F(VdDiscoverPublishCommand, ARefusalIsToldWithAvahisReason)
+{
+    avahi.failNext("entry_group_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    start();
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(events(), Lines{"failure"});
+    EXPECT_EQ(said(), Lines{"vd-discover: the Avahi daemon refuses to publish the service (Too many objects); "
+                            "restart it with \"sudo systemctl restart avahi-daemon\""});
+}
+
+TEST_F(VdDiscoverPublishCommand, AMissingBusIsStatusThree)
+{
+    avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
+    start();
+    processEvents();
+    EXPECT_EQ(exitStatus, 3);
+    EXPECT_EQ(said(), Lines{"vd-discover: the D-Bus system bus cannot be reached; start it with \"sudo systemctl "
+                            "start dbus\", or install it with \"sudo apt install dbus\""});
+}
+
+TEST_F(VdDiscoverPublishCommand, ADaemonThatDiesBeforeTheServiceIsEstablishedIsStatusThree)
+{
+    start();
+    clientBecomes(AVAHI_CLIENT_FAILURE);
+    processEvents();
+    processEvents();
+    EXPECT_EQ(exitStatus, 3);
+    EXPECT_EQ(said(), Lines{ENDED});
+}
+
+TEST_F(VdDiscoverPublishCommand, ARegistrationThatTheDaemonDiesInIsNoRefusal)
+{
+    avahi.failNext("entry_group_commit", AVAHI_ERR_DISCONNECTED);
+    avahi.duringGroupCall("entry_group_commit", [this] { clientBecomes(AVAHI_CLIENT_FAILURE); });
+    start();
+    processEvents();
+    processEvents();
+    EXPECT_EQ(exitStatus, 3);
+    EXPECT_EQ(events(), Lines{});
+    EXPECT_EQ(said(), Lines{ENDED});
+}
+
+TEST_F(VdDiscoverPublishCommand, PublishesAgainAfterTheDaemonDied)
+{
+    startPublished();
+    clientBecomes(AVAHI_CLIENT_FAILURE);
+    processEvents();
+    EXPECT_EQ(exitStatus, STILL_RUNNING);
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+    daemon.state = AVAHI_CLIENT_S_RUNNING;
+    passTime(RETRY_MS + RETRY_MS / 2);
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2", "group2"}));
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED, 2);
+    EXPECT_EQ(events(), (Lines{"established", "established"}));
+    EXPECT_EQ(said(), (Lines{std::string(ENDED) + "; waiting for it",
+                             "vd-discover: the Avahi daemon answers; publishing"}));
+    EXPECT_EQ(end(), 0);
+}
+
+TEST_F(VdDiscoverPublishCommand, EndsWhileItWaitsForTheDaemonWithoutAWithdrawal)
+{
+    startPublished();
+    clientBecomes(AVAHI_CLIENT_FAILURE);
+    processEvents();
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(events(), Lines{"established"});
+}
+
+TEST_F(VdDiscoverPublishCommand, WaitsForTheHostNameToBeSettled)
+{
+    daemon.state = AVAHI_CLIENT_S_REGISTERING;
+    start();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    clientBecomes(AVAHI_CLIENT_S_RUNNING);
+    processEvents();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "group1"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, RegistersOnceThoughTheDaemonSaysTwiceThatItRuns)
+{
+    start();
+    takeFunctions();
+    clientBecomes(AVAHI_CLIENT_S_RUNNING);
+    processEvents();
+    EXPECT_EQ(takeFunctions(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, PublishesAnewUnderANewHostName)
+{
+    startPublished();
+    takeFunctions();
+    clientBecomes(AVAHI_CLIENT_S_COLLISION);
+    processEvents();
+    EXPECT_EQ(takeFunctions(), (Lines{"entry_group_reset", "entry_group_free"}));
+    EXPECT_EQ(events(), (Lines{"established", "withdrawn"}));
+    clientBecomes(AVAHI_CLIENT_S_REGISTERING);
+    clientBecomes(AVAHI_CLIENT_S_RUNNING);
+    processEvents();
+    EXPECT_EQ(takeFunctions(), (Lines{"entry_group_new", "entry_group_add_service_strlst", "entry_group_commit"}));
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED, 2);
+    EXPECT_EQ(events(), (Lines{"established", "withdrawn", "established"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, AfterTheTimeoutWithdraws)
+{
+    options.timeoutMs = 50;
+    startPublished();
+    EXPECT_EQ(waitForEnd(), 0);
+    EXPECT_EQ(events(), (Lines{"established", "withdrawn"}));
+    EXPECT_EQ(said(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, ATimeoutThatComesTooEarlyIsTold)
+{
+    options.timeoutMs = 20;
+    start();
+    EXPECT_EQ(waitForEnd(), 1);
+    EXPECT_EQ(said(), Lines{"vd-discover: the service is not established yet; try a longer --timeout"});
+}
+
+TEST_F(VdDiscoverPublishCommand, WithoutATimeoutItStays)
+{
+    startPublished();
+    passTime(200);
+    EXPECT_EQ(exitStatus, STILL_RUNNING);
+}
+
+TEST_F(VdDiscoverPublishCommand, AReaderThatIsGoneEndsThePublication)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    dup2(ends[1], STDOUT_FILENO);
+    close(ends[1]);
+    startPublished();
+    close(ends[0]);
+    EXPECT_EQ(waitForEnd(), 0);
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+    EXPECT_EQ(said(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, ResultsThatCannotBeWrittenEndItWithStatusOne)
+{
+    const int full = open("/dev/full", O_WRONLY);
+    dup2(full, STDOUT_FILENO);
+    close(full);
+    startPublished();
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+    EXPECT_EQ(said(), Lines{"vd-discover: the results cannot be written: No space left on device; write them "
+                            "elsewhere"});
+}
+
+TEST_F(VdDiscoverPublishCommand, TheLogTellsWhatHappensAndHoldsNoPassword)
+{
+    options.verbose = true;
+    const int level = vd::LogQt::logLevel();
+    startPublished();
+    end();
+    vd::LogQt::setLogLevel(level);
+    const QByteArray log = errors.text();
+    EXPECT_TRUE(log.contains("RegisterService() -> registering service Dock type: _setup._tcp"));
+    EXPECT_TRUE(log.contains("AvahiEntryGroupChanged() -> entry group established"));
+    EXPECT_FALSE(log.contains("secret"));
+    EXPECT_FALSE(log.contains("c2VjcmV0"));
+}
+
+// Each of these runs in a process of its own, which writes to the same captured output.
+class VdDiscoverPublishHang : public VdDiscoverPublishBase
+{
+protected:
+    [[noreturn]] void blockInTheFirstRegistration()
+    {
+        avahi.duringGroupCall("entry_group_commit", block);
+        start();
+        _exit(99);
+    }
+
+    [[noreturn]] void blockInAWithdrawal()
+    {
+        startPublished();
+        avahi.duringGroupCall("entry_group_reset", block);
+        command->end();
+        processEvents();
+        _exit(99);
+    }
+
+    [[noreturn]] void blockAtASignal()
+    {
+        const vd::discover::SignalWatcher signals;
+        start(signals.descriptor());
+        avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED);
+        std::raise(SIGTERM);
+        block();
+        _exit(99);
+    }
+
+    [[noreturn]] void blockAfterTheTimeout()
+    {
+        options.timeoutMs = 20;
+        startPublished();
+        block();
+        _exit(99);
+    }
+
+    const std::string warning = "^" + std::string(WARNING) + ", password included\n";
+    const std::string remedy = warning
+                               + "vd-discover: the Avahi daemon or the system bus does not answer; restart the "
+                                 "daemon with \"sudo systemctl restart avahi-daemon\"\n$";
+};
+
+TEST_F(VdDiscoverPublishHang, ARegistrationWithoutAnAnswerIsStatusThree)
+{
+    EXPECT_EXIT(blockInTheFirstRegistration(), testing::ExitedWithCode(3), remedy);
+}
+
+TEST_F(VdDiscoverPublishHang, AWithdrawalWithoutAnAnswerIsNotHeldUpAndNotTold)
+{
+    EXPECT_EXIT(blockInAWithdrawal(), testing::ExitedWithCode(0), remedy);
+    EXPECT_EQ(events(), Lines{"established"});
+}
+
+TEST_F(VdDiscoverPublishHang, ASignalIsNotHeldUp)
+{
+    EXPECT_EXIT(blockAtASignal(), testing::ExitedWithCode(0), remedy);
+}
+
+TEST_F(VdDiscoverPublishHang, TheTimeoutIsNotHeldUp)
+{
+    EXPECT_EXIT(blockAfterTheTimeout(), testing::ExitedWithCode(0), remedy);
+}
