@@ -17,7 +17,7 @@ import time
 
 import mdns_wire as wire
 from fleet_devices import make_fleet
-from publisher_control import Control, ServiceTable, decode_txt, require_lab
+from publisher_control import Control, ServiceTable, decode_entries, require_lab
 
 GROUP = "224.0.0.251"
 PORT = 5353
@@ -227,7 +227,7 @@ class FleetPublisher:
 
     def _set_txt(self, request):
         service = self._services.find(request)
-        service.txt = decode_txt(request.get("txt"))
+        service.txt = decode_entries(request.get("txt"))
         self._announce_changed([service])
 
     def _add_address(self, request):

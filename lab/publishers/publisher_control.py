@@ -4,18 +4,19 @@
 ../README.md describes the commands.
 """
 
-import base64
-import binascii
 import dataclasses
-import ipaddress
 import json
 import os
-import re
 import sys
+from pathlib import Path
 
-SERVICE_TYPE = re.compile(r"_[A-Za-z0-9-]{1,15}\._(tcp|udp)")
+# What the simulator and the publishers have in common stands with the simulator, which is installed without these.
+sys.path.insert(1, str(Path(__file__).resolve().parents[2] / "tools" / "vd-simulate"))
+
+from vdsimulate.requests import RequestError, checked_address, checked_type, text_member  # noqa: E402
+from vdsimulate.txt import decode_entries, record_of  # noqa: E402
+
 MAX_LABEL = 63
-MAX_TXT_STRING = 255
 
 
 def require_lab():
@@ -27,10 +28,6 @@ def require_lab():
 def refuse_to_start(reason):
     print(f"{os.path.basename(sys.argv[0])}: {reason}", file=sys.stderr)
     sys.exit(2)
-
-
-class RequestError(Exception):
-    """A request that cannot be carried out; the publisher stays as it was."""
 
 
 @dataclasses.dataclass
@@ -46,27 +43,18 @@ class Service:
     @classmethod
     def from_request(cls, fields):
         """Builds a service of what a "publish" request says of it."""
-        name, service_type = _text(fields, "name"), _text(fields, "type")
-        if not SERVICE_TYPE.fullmatch(service_type):
-            raise RequestError(f"'{service_type}' is not a service type such as _http._tcp")
-        return cls(identifier=fields.get("service", name), name=_label(name), type=service_type,
-                   host=_label(_text(fields, "host").removesuffix(".local")), port=_port(fields.get("port", 80)),
+        name = text_member(fields, "name")
+        return cls(identifier=fields.get("service", name), name=_label(name),
+                   type=checked_type(text_member(fields, "type")),
+                   host=_label(text_member(fields, "host").removesuffix(".local")),
+                   port=_port(fields.get("port", 80)),
                    addresses=[checked_address(text) for text in fields.get("addresses", [])],
-                   txt=decode_txt(fields.get("txt", [])))
+                   txt=decode_entries(fields.get("txt", [])))
 
-
-def decode_txt(entries):
-    """Turns the "txt" of a request into the strings of a TXT record."""
-    if not isinstance(entries, list):
-        raise RequestError("txt is a list of objects")
-    return [_decode_txt_entry(entry) for entry in entries]
-
-
-def checked_address(text):
-    try:
-        return str(ipaddress.IPv4Address(text))
-    except ValueError:
-        raise RequestError(f"'{text}' is not an IPv4 address") from None
+    @property
+    def record(self):
+        """The TXT record as it is on the wire."""
+        return record_of(self.txt)
 
 
 class Control:
@@ -154,36 +142,6 @@ class ServiceTable:
         if identifier not in self._services:
             raise RequestError(f"service '{identifier}' is not published")
         return self._services[identifier]
-
-
-def _decode_txt_entry(entry):
-    if not isinstance(entry, dict) or ("key" in entry) == ("raw" in entry):
-        raise RequestError('an entry of txt is {"key", "value"}, {"key", "text"}, {"key"} or {"raw"}')
-    if "raw" in entry:
-        string = _from_base64(entry["raw"])
-    else:
-        string = entry["key"].encode()
-        if "value" in entry:
-            string += b"=" + _from_base64(entry["value"])
-        elif "text" in entry:
-            string += b"=" + entry["text"].encode()
-    if len(string) > MAX_TXT_STRING:
-        raise RequestError(f"a TXT string has at most {MAX_TXT_STRING} bytes, not {len(string)}")
-    return string
-
-
-def _from_base64(text):
-    try:
-        return base64.b64decode(text, validate=True)
-    except (binascii.Error, TypeError):
-        raise RequestError(f"{text!r} is not base64") from None
-
-
-def _text(fields, key):
-    value = fields.get(key) if isinstance(fields, dict) else None
-    if not isinstance(value, str):
-        raise RequestError(f"'{key}' is missing, or is not text")
-    return value
 
 
 def _label(text):

@@ -8,7 +8,9 @@ ROOT = Path(__file__).resolve().parents[3]
 LAB = ROOT / "lab" / "lab"
 PUBLISHERS = ROOT / "lab" / "publishers"
 READERS = ROOT / "tests" / "lab" / "readers"
+SIMULATE = ROOT / "tools" / "vd-simulate" / "vd-simulate"
 FLEET = ROOT / "lab" / "demo" / "fleet.py"
+RECONFIGURATION = ROOT / "lab" / "demo" / "reconfiguration.py"
 
 BUILD = Path(os.environ.get("VD_BUILD_DIR", ROOT / "build" / "qt6")).resolve()
 PROBE = BUILD / "tests" / "lab" / "probe" / "vd-lab-probe"

@@ -6,6 +6,7 @@ from .labs import PLAIN
 from .probe import Probe
 from .publishers import ZEROCONF, Publisher
 from .reader import Reader
+from .simulator import Simulator
 
 
 class Stage:
@@ -28,8 +29,11 @@ class Stage:
     def probe(self, lab, *options):
         return self._add(Probe(lab, *options))
 
-    def publisher(self, lab, program=ZEROCONF):
-        return self._add(Publisher(lab, program))
+    def publisher(self, lab, program=ZEROCONF, host="fleet"):
+        return self._add(Publisher(lab, program, host))
+
+    def simulator(self, lab, *arguments, **options):
+        return self._add(Simulator(lab, *arguments, **options))
 
     def reader(self, lab, service_type):
         return self._add(Reader(lab, service_type))
