@@ -230,10 +230,47 @@ TEST_F(VdDiscoverPasswordPrompt, WhatIsTypedIsNotShown)
     EXPECT_TRUE(isShowing());
 }
 
+TEST_F(VdDiscoverPasswordPrompt, AnInterruptThatIsIgnoredStaysSo)
+{
+    const auto outer = std::signal(SIGINT, SIG_IGN);
+    const StandardInput input(terminal);
+    const CapturedOutput errors(STDERR_FILENO);
+    std::thread typist([this] {
+        waitUntilHidden();
+        kill(getpid(), SIGINT);
+        EXPECT_EQ(write(keyboard, "secret\n", 7), 7);
+    });
+    EXPECT_EQ(readPassword(QStringLiteral("-")).toStdString(), "secret");
+    typist.join();
+    std::signal(SIGINT, outer);
+    EXPECT_EQ(errors.text(), QByteArray("Password: "));
+}
+
+TEST_F(VdDiscoverPasswordPrompt, WhoComesBackFromAStopIsAskedAgain)
+{
+    // In place of the stop.
+    const auto outer = std::signal(SIGTSTP, [](int) {});
+    const StandardInput input(terminal);
+    const CapturedOutput errors(STDERR_FILENO);
+    std::thread typist([this, &errors] {
+        waitUntilHidden();
+        kill(getpid(), SIGTSTP);
+        while (errors.text() != QByteArray("Password: Password: "))
+            usleep(1000);
+        waitUntilHidden();
+        EXPECT_EQ(write(keyboard, "secret\n", 7), 7);
+    });
+    EXPECT_EQ(readPassword(QStringLiteral("-")).toStdString(), "secret");
+    typist.join();
+    std::signal(SIGTSTP, outer);
+    EXPECT_TRUE(isShowing());
+}
+
 TEST_F(VdDiscoverPasswordPrompt, AnInterruptEndsTheProcessAndShowsTypingAgain)
 {
     const auto askInTheForeground = [this] {
         setsid();
+        std::signal(SIGINT, SIG_DFL);
         const StandardInput input(terminal);
         std::thread typist([this] {
             waitUntilHidden();

@@ -39,6 +39,9 @@ public:
             action.sa_handler = [](int number) { caughtSignal = number; };
             sigemptyset(&action.sa_mask);
             sigaction(SIGNALS[i], &action, &m_outerActions[i]);
+            // As the jobs that a script runs in the background ignore some.
+            if (m_outerActions[i].sa_handler == SIG_IGN)
+                sigaction(SIGNALS[i], &m_outerActions[i], nullptr);
         }
         tcgetattr(terminal, &m_outer);
         struct termios hidden = m_outer;
@@ -99,9 +102,14 @@ QByteArray bytesOfStandardInput()
     const QString where = QStringLiteral("standard input");
     if (!isatty(STDIN_FILENO))
         return bytesOf(STDIN_FILENO, where, false);
-    writeAll(STDERR_FILENO, "Password: ");
-    const HiddenTyping hidden(STDIN_FILENO);
-    return bytesOf(STDIN_FILENO, where, true);
+    QByteArray bytes;
+    do {
+        writeAll(STDERR_FILENO, "Password: ");
+        const HiddenTyping hidden(STDIN_FILENO);
+        bytes = bytesOf(STDIN_FILENO, where, true);
+        // Who comes back from a stop is asked again.
+    } while (caughtSignal != 0);
+    return bytes;
 }
 
 QByteArray bytesOfFile(const QString& file)
