@@ -24,7 +24,8 @@ def succeed(*command):
 def test_the_installed_program_starts_where_it_is_and_where_it_was_moved(tmp_path):
     (tmp_path / "CMakeLists.txt").write_text(PROJECT)
     prefix, moved = tmp_path / "prefix", tmp_path / "moved"
-    succeed("cmake", "-S", tmp_path, "-B", tmp_path / "build", f"-DCMAKE_INSTALL_PREFIX={prefix}")
+    succeed("cmake", "-G", "Ninja", "-S", tmp_path, "-B", tmp_path / "build",
+            f"-DCMAKE_INSTALL_PREFIX={prefix}")
     succeed("cmake", "--install", tmp_path / "build")
 
     installed = {path.relative_to(prefix) for path in prefix.rglob("*") if not path.is_dir()}
