@@ -4,7 +4,8 @@ include(CMakePackageConfigHelpers)
 
 set(VD_PACKAGE_DIR ${CMAKE_INSTALL_LIBDIR}/cmake/VdDiscovery)
 
-set(VD_INSTALLED_HEADERS ServiceDiscovery.h AvahiServiceDiscovery.h BonjourResponder.h)
+set(VD_INSTALLED_HEADERS ServiceDiscovery.h AvahiServiceDiscovery.h BonjourResponder.h
+    ManagedServiceDiscovery.h)
 if(NOT VD_SUPPORT_DIR)
     # Otherwise they are the host's, which has them already.
     list(APPEND VD_INSTALLED_HEADERS LogQt.h MACAddress.h Mutex.h)

@@ -131,6 +131,13 @@ protected:
      */
     void GetSnapServerTxtRecord(SServiceInfo& info, AvahiStringList* list);
 
+    /**
+     * Recognises the vendor by its serial key, sets the device's kind and reads its keys.
+     * @return false, and only a message written, when there is neither vendor's key.
+     */
+    bool readVendorTxtRecord(SServiceInfo& info, const char* name, const char* type, const char* domain,
+                             AvahiStringList* txt);
+
     /** Reads nothing: nothing is known of Axis' keys. */
     void GetAxisTxtRecord(SServiceInfo& info, AvahiStringList* list);
 
@@ -192,8 +199,6 @@ private:
     void removeService(const char* name, const char* type, const char* domain);
     void removeFromQueue(const QString& name, const QString& type);
     bool isResolveFailureFinal(const char* name, const char* type, const char* domain, const char* host_name);
-    bool readVendorTxtRecord(SServiceInfo& info, const char* name, const char* type, const char* domain,
-                             AvahiStringList* txt);
     void announceResolved(const QString& key, const QString& address, quint16 checksum, const HandlerScope& scope);
     void followAddresses(int interface, int protocol, const char* name, const char* type, const char* host_name);
     void endResolve(const QString& key, const HandlerScope& scope);

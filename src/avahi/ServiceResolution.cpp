@@ -3,6 +3,7 @@
 
 #include "avahi/AvahiText.h"
 #include "avahi/HandlerScope.h"
+#include "avahi/ResolvedService.h"
 #include "avahi/TxtKeys.h"
 #include "support/LogMessage.h"
 
@@ -11,30 +12,6 @@
 namespace vd {
 
 namespace {
-
-const char HTTP_TYPE[] = "_http._tcp";
-const char HTTPS_TYPE[] = "_https._tcp";
-
-bool isWebService(const char* type)
-{
-    return qstrcmp(type, HTTP_TYPE) == 0 || qstrcmp(type, HTTPS_TYPE) == 0;
-}
-
-// Of the head of the list only: that is the string whose changes serviceText reports.
-quint16 checksumOfHead(AvahiStringList* txt)
-{
-    if (!txt)
-        return 0;
-    return checksumOfBytes(reinterpret_cast<const char*>(avahi_string_list_get_text(txt)),
-                           avahi_string_list_get_size(txt));
-}
-
-QString textOfAddress(const AvahiAddress* address)
-{
-    char text[AVAHI_ADDRESS_STR_MAX] = "";
-    avahi_address_snprint(text, sizeof text, address);
-    return textFromBytes(text);
-}
 
 void logResolving(const char* what, const char* name, const char* type, const char* domain)
 {
@@ -96,13 +73,7 @@ void AvahiServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int i
     }
 
     SServiceInfo& info = services[key];
-    info.interfaceIndex = interface;
-    info.serviceType = textFromBytes(type);
-    info.serviceName = key;
-    info.hostName = textFromBytes(host_name);
-    info.recordHostName = info.hostName;
-    info.port = port;
-    info.https = qstrcmp(type, HTTPS_TYPE) == 0;
+    readBasicMembers(info, interface, name, type, host_name, port);
 
     // An early return from here on leaves the resolver as it is: it may still deliver what is missing.
     if (!readVendorTxtRecord(info, name, type, domain, txt))
@@ -112,6 +83,7 @@ void AvahiServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int i
         return;
     }
 
+    // Of the head of the TXT list only: that is the string whose changes serviceText reports.
     announceResolved(key, textOfAddress(address), checksumOfHead(txt), scope);
     if (scope.discoveryEnded())
         return;

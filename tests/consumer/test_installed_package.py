@@ -15,6 +15,7 @@ HEADERS = [
     "BonjourResponder.h",
     "LogQt.h",
     "MACAddress.h",
+    "ManagedServiceDiscovery.h",
     "Mutex.h",
     "ServiceDiscovery.h",
 ]

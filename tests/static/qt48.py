@@ -21,8 +21,8 @@ UTF8_CHECK = "src/avahi/AvahiText.h"
 QT_48_HEADERS = {
     "QtCore": set("""
         QAbstractEventDispatcher QAtomicInt QBasicTimer QByteArray QChar QCoreApplication QDateTime QDebug
-        QElapsedTimer QEvent QEventLoop QFile QHash QIODevice QLatin1Char QLatin1String QList QMap QMetaObject
-        QMetaType QMultiMap QMutex QMutexLocker QObject QPair QPointer QProcess QScopedPointer QSet
+        QElapsedTimer QEvent QEventLoop QFile QFileSystemWatcher QHash QIODevice QLatin1Char QLatin1String QList
+        QMap QMetaObject QMetaType QMultiMap QMutex QMutexLocker QObject QPair QPointer QProcess QScopedPointer QSet
         QSharedPointer QSocketNotifier QString QStringList QTextStream QThread QTime QTimer QTimerEvent
         QVariant QVector QWaitCondition QtAlgorithms QtGlobal
         """.split()),

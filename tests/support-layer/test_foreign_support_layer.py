@@ -98,7 +98,8 @@ def test_the_library_defines_nothing_of_the_support_layer(prefix):
 
 def test_the_hosts_headers_are_not_installed(prefix):
     assert sorted(path.name for path in prefix.rglob("*.h")) == [
-        "AvahiServiceDiscovery.h", "BonjourResponder.h", "ServiceDiscovery.h"]
+        "AvahiServiceDiscovery.h", "BonjourResponder.h", "ManagedServiceDiscovery.h",
+        "ServiceDiscovery.h"]
 
 
 @pytest.mark.parametrize("missing", ["LogQt.h", "MACAddress.h", "Mutex.h"])

@@ -37,8 +37,8 @@ vd::SReconfigInfo reconfigInfoOf(const QJsonObject& request)
 
 } // namespace
 
-CommandReader::CommandReader(ProbeDiscovery* discovery)
-    : m_discovery(discovery), m_input(STDIN_FILENO, QSocketNotifier::Read)
+CommandReader::CommandReader(ProbedDiscovery* probed)
+    : m_probed(probed), m_discovery(probed->discovery()), m_input(STDIN_FILENO, QSocketNotifier::Read)
 {
     connect(&m_input, &QSocketNotifier::activated, this, &CommandReader::readInput);
 }
@@ -102,12 +102,12 @@ QJsonValue CommandReader::carryOut(const QJsonObject& request)
     if (command == "register")
         return m_discovery->RegisterService(name.constData(), type.constData(), reconfigInfoOf(request));
     if (command == "update-txt")
-        return m_discovery->UpdateTxtRecord(text("txt").constData());
+        return m_probed->updateTxt(text("txt").constData());
     if (command == "terminate-registration")
         return m_discovery->TerminateRegistration();
     if (command == "is-registered")
         return m_discovery->IsRegistered();
     if (command == "dump")
-        return m_discovery->dump();
+        return m_probed->dump();
     return QJsonValue::Undefined;
 }

@@ -13,14 +13,15 @@ class CommandReader : public QObject
     Q_OBJECT
 
 public:
-    explicit CommandReader(ProbeDiscovery* discovery);
+    explicit CommandReader(ProbedDiscovery* probed);
 
 private:
     void readInput();
     void handleLine(const QByteArray& line);
     QJsonValue carryOut(const QJsonObject& request);
 
-    ProbeDiscovery* const m_discovery;
+    ProbedDiscovery* const m_probed;
+    vd::ServiceDiscovery* const m_discovery;
     QSocketNotifier m_input;
     QByteArray m_pending;
 };

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "ProbeDiscovery.h"
 
-#include "JsonLines.h"
-
 namespace {
 
 QJsonArray tableJson(const QMap<QString, vd::SServiceInfo>& services)
@@ -23,22 +21,26 @@ QJsonArray queueJson(const QList<QPair<QString, QString>>& queue)
 
 } // namespace
 
-QJsonObject ProbeDiscovery::dump() const
+template <typename Base>
+QJsonObject ProbeDiscovery<Base>::dump() const
 {
     return {
-        {QStringLiteral("services"), tableJson(services)},
-        {QStringLiteral("recordQueue"), queueJson(recordQueue)},
-        {QStringLiteral("nameList"), int(nameList.size())},
-        {QStringLiteral("queryTimerActive"), queryTimer.isActive()},
-        {QStringLiteral("queryTimerInterval"), queryTimer.interval()},
-        {QStringLiteral("client"), client != nullptr},
-        {QStringLiteral("serviceBrowsers"), int(serviceBrowsers.size())},
-        {QStringLiteral("longLiveResolver"), longLiveResolver != nullptr},
-        {QStringLiteral("longLiveRecordBrowser"), longLiveRecordBrowser != nullptr},
-        {QStringLiteral("resolvers"), int(resolvers.size())},
-        {QStringLiteral("entryGroup"), entryGroup != nullptr},
-        {QStringLiteral("registeredName"), QString::fromStdString(registeredName)},
-        {QStringLiteral("registeredType"), QString::fromStdString(registeredType)},
-        {QStringLiteral("txtRecord"), txtRecord != nullptr},
+        {QStringLiteral("services"), tableJson(this->services)},
+        {QStringLiteral("recordQueue"), queueJson(this->recordQueue)},
+        {QStringLiteral("nameList"), int(this->nameList.size())},
+        {QStringLiteral("queryTimerActive"), this->queryTimer.isActive()},
+        {QStringLiteral("queryTimerInterval"), this->queryTimer.interval()},
+        {QStringLiteral("client"), this->client != nullptr},
+        {QStringLiteral("serviceBrowsers"), int(this->serviceBrowsers.size())},
+        {QStringLiteral("longLiveResolver"), this->longLiveResolver != nullptr},
+        {QStringLiteral("longLiveRecordBrowser"), this->longLiveRecordBrowser != nullptr},
+        {QStringLiteral("resolvers"), int(this->resolvers.size())},
+        {QStringLiteral("entryGroup"), this->entryGroup != nullptr},
+        {QStringLiteral("registeredName"), QString::fromStdString(this->registeredName)},
+        {QStringLiteral("registeredType"), QString::fromStdString(this->registeredType)},
+        {QStringLiteral("txtRecord"), this->txtRecord != nullptr},
     };
 }
+
+template class ProbeDiscovery<vd::AvahiServiceDiscovery>;
+template class ProbeDiscovery<vd::ManagedServiceDiscovery>;

@@ -280,11 +280,11 @@ void AvahiStandIn::fireResolve(AvahiServiceResolver* resolver, AvahiResolverEven
 }
 
 void AvahiStandIn::fireRecord(AvahiRecordBrowser* browser, AvahiBrowserEvent event, const char* name,
-                              const void* data, size_t size)
+                              const void* data, size_t size, int interface)
 {
     Handle* handle = checked(browser, RecordBrowser, "fireRecord");
     if (handle) {
-        handle->recordCallback(browser, 2, AVAHI_PROTO_INET, event, name, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, data,
+        handle->recordCallback(browser, interface, AVAHI_PROTO_INET, event, name, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, data,
                                size, AVAHI_LOOKUP_RESULT_MULTICAST, handle->userData);
     }
 }

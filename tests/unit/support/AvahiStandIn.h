@@ -76,7 +76,7 @@ public:
                      const char* name, const char* type, const char* domain, const char* host,
                      const AvahiAddress* address, uint16_t port, AvahiStringList* txt);
     void fireRecord(AvahiRecordBrowser* browser, AvahiBrowserEvent event, const char* name, const void* data,
-                    size_t size);
+                    size_t size, int interface = 2);
     void fireGroupState(AvahiEntryGroupState state, int group = 1);
 
     // For the avahi_… functions.

@@ -86,24 +86,26 @@ Txt::~Txt()
     avahi_string_list_free(m_list);
 }
 
-DiscoveryTest::DiscoveryTest() : m_discovery(new OpenDiscovery), m_logStream(&m_logText)
+template <typename Discovery>
+DiscoveryFixture<Discovery>::DiscoveryFixture() : m_discovery(new Discovery), m_logStream(&m_logText)
 {
     vd::LogQt::setStream(&m_logStream);
     vd::LogQt::setLogLevel(1);
 
-    OpenDiscovery* d = m_discovery.get();
-    typedef vd::ServiceDiscovery Discovery;
-    QObject::connect(d, &Discovery::serviceFound, [this](vd::SServiceInfo info) { noteSignal("found " + describe(info)); });
-    QObject::connect(d, &Discovery::serviceAddress,
+    Discovery* d = m_discovery.get();
+    typedef vd::ServiceDiscovery Signals;
+    QObject::connect(d, &Signals::serviceFound, [this](vd::SServiceInfo info) { noteSignal("found " + describe(info)); });
+    QObject::connect(d, &Signals::serviceAddress,
                      [this](vd::SServiceInfo info) { noteSignal("address " + describe(info)); });
-    QObject::connect(d, &Discovery::serviceText, [this](vd::SServiceInfo info) { noteSignal("text " + describe(info)); });
-    QObject::connect(d, qOverload<QString>(&Discovery::serviceLost),
+    QObject::connect(d, &Signals::serviceText, [this](vd::SServiceInfo info) { noteSignal("text " + describe(info)); });
+    QObject::connect(d, qOverload<QString>(&Signals::serviceLost),
                      [this](QString name) { noteSignal("lost by name " + name.toStdString()); });
-    QObject::connect(d, qOverload<vd::SServiceInfo>(&Discovery::serviceLost),
+    QObject::connect(d, qOverload<vd::SServiceInfo>(&Signals::serviceLost),
                      [this](vd::SServiceInfo info) { noteSignal("lost " + describe(info)); });
 }
 
-DiscoveryTest::~DiscoveryTest()
+template <typename Discovery>
+DiscoveryFixture<Discovery>::~DiscoveryFixture()
 {
     m_discovery.reset();
     EXPECT_EQ(avahi.liveHandles(), Lines()) << "these Avahi objects outlived the discovery object";
@@ -111,7 +113,8 @@ DiscoveryTest::~DiscoveryTest()
     vd::LogQt::setLogLevel(4);
 }
 
-void DiscoveryTest::noteSignal(const std::string& line)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::noteSignal(const std::string& line)
 {
     m_signals.push_back(line);
     std::function<void()> action;
@@ -120,13 +123,15 @@ void DiscoveryTest::noteSignal(const std::string& line)
         action();
 }
 
-void DiscoveryTest::startBrowsing(const char* type)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::startBrowsing(const char* type)
 {
     ASSERT_TRUE(discovery().BrowseServices(type));
     forgetAll();
 }
 
-Lines DiscoveryTest::takeLog()
+template <typename Discovery>
+Lines DiscoveryFixture<Discovery>::takeLog()
 {
     Lines lines;
     const QStringList text = m_logText.split(QLatin1Char('\n'));
@@ -138,21 +143,24 @@ Lines DiscoveryTest::takeLog()
     return lines;
 }
 
-Lines DiscoveryTest::takeSignals()
+template <typename Discovery>
+Lines DiscoveryFixture<Discovery>::takeSignals()
 {
     Lines lines;
     lines.swap(m_signals);
     return lines;
 }
 
-void DiscoveryTest::forgetAll()
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::forgetAll()
 {
     takeLog();
     takeSignals();
     takeCalls();
 }
 
-Lines DiscoveryTest::table()
+template <typename Discovery>
+Lines DiscoveryFixture<Discovery>::table()
 {
     Lines lines;
     for (auto entry = discovery().services.constBegin(); entry != discovery().services.constEnd(); ++entry)
@@ -160,7 +168,8 @@ Lines DiscoveryTest::table()
     return lines;
 }
 
-Lines DiscoveryTest::queue()
+template <typename Discovery>
+Lines DiscoveryFixture<Discovery>::queue()
 {
     Lines lines;
     for (const QPair<QString, QString>& entry : discovery().recordQueue)
@@ -168,17 +177,20 @@ Lines DiscoveryTest::queue()
     return lines;
 }
 
-void DiscoveryTest::appears(const char* name, const char* type, int interface)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::appears(const char* name, const char* type, int interface)
 {
     avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_NEW, interface, AVAHI_PROTO_INET, name, type, "local");
 }
 
-void DiscoveryTest::disappears(const char* name, const char* type)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::disappears(const char* name, const char* type)
 {
     avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_REMOVE, 2, AVAHI_PROTO_INET, name, type, "local");
 }
 
-void DiscoveryTest::resolved(int resolver, const char* name, const char* host, const char* address,
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::resolved(int resolver, const char* name, const char* host, const char* address,
                              AvahiStringList* txt, const char* type, uint16_t port)
 {
     AvahiAddress parsed;
@@ -189,14 +201,16 @@ void DiscoveryTest::resolved(int resolver, const char* name, const char* host, c
                       address ? &parsed : nullptr, port, txt);
 }
 
-void DiscoveryTest::resolveFails(int resolver, const char* name, int error, const char* type, const char* host)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::resolveFails(int resolver, const char* name, int error, const char* type, const char* host)
 {
     avahi.setError(error);
     avahi.fireResolve(avahi.resolver(resolver), AVAHI_RESOLVER_FAILURE, 2, AVAHI_PROTO_INET, name, type, "local", host,
                       nullptr, 0, nullptr);
 }
 
-void DiscoveryTest::record(int recordBrowser, AvahiBrowserEvent event, const char* host, const char* address)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::record(int recordBrowser, AvahiBrowserEvent event, const char* host, const char* address)
 {
     AvahiAddress parsed;
     if (address) {
@@ -206,10 +220,14 @@ void DiscoveryTest::record(int recordBrowser, AvahiBrowserEvent event, const cha
                      address ? sizeof parsed.data.ipv4.address : 0);
 }
 
-void DiscoveryTest::cameraFound(const char* name, const char* host, const char* address, int number)
+template <typename Discovery>
+void DiscoveryFixture<Discovery>::cameraFound(const char* name, const char* host, const char* address, int number)
 {
     const Txt txt = {"ser_no.vandrel.com=\x01\x02\x03"};
     appears(name);
     resolved(number, name, host, address, txt);
     forgetAll();
 }
+
+template class DiscoveryFixture<OpenDiscovery>;
+template class DiscoveryFixture<OpenManagedDiscovery>;

@@ -3,7 +3,7 @@
 
 #include "support/AvahiStandIn.h"
 
-#include <vd/AvahiServiceDiscovery.h>
+#include <vd/ManagedServiceDiscovery.h>
 
 #include <avahi-common/defs.h>
 #include <avahi-common/error.h>
@@ -42,31 +42,32 @@ private:
     AvahiStringList* m_list;
 };
 
-/** An AvahiServiceDiscovery whose protected side is open to the tests. */
-class OpenDiscovery : public vd::AvahiServiceDiscovery
+/** A discovery class whose protected side is open to the tests. */
+template <typename Base>
+class Open : public Base
 {
 public:
-    using AvahiServiceDiscovery::AddTxtRecord;
-    using AvahiServiceDiscovery::cleanupAvahiMembers;
-    using AvahiServiceDiscovery::client;
-    using AvahiServiceDiscovery::CreateTxtRecord;
-    using AvahiServiceDiscovery::entryGroup;
-    using AvahiServiceDiscovery::getAvahiStringListValue;
-    using AvahiServiceDiscovery::GetAxisTxtRecord;
-    using AvahiServiceDiscovery::GetSnapServerTxtRecord;
-    using AvahiServiceDiscovery::GetVandrelTxtRecord;
-    using AvahiServiceDiscovery::longLiveRecordBrowser;
-    using AvahiServiceDiscovery::longLiveResolver;
-    using AvahiServiceDiscovery::nameList;
-    using AvahiServiceDiscovery::queryTimer;
-    using AvahiServiceDiscovery::recordQueue;
-    using AvahiServiceDiscovery::registeredName;
-    using AvahiServiceDiscovery::registeredType;
-    using AvahiServiceDiscovery::resolvers;
-    using AvahiServiceDiscovery::serviceBrowsers;
-    using AvahiServiceDiscovery::services;
-    using AvahiServiceDiscovery::txtRecord;
-    using AvahiServiceDiscovery::UpdateTxtRecord;
+    using Base::AddTxtRecord;
+    using Base::cleanupAvahiMembers;
+    using Base::client;
+    using Base::CreateTxtRecord;
+    using Base::entryGroup;
+    using Base::getAvahiStringListValue;
+    using Base::GetAxisTxtRecord;
+    using Base::GetSnapServerTxtRecord;
+    using Base::GetVandrelTxtRecord;
+    using Base::longLiveRecordBrowser;
+    using Base::longLiveResolver;
+    using Base::nameList;
+    using Base::queryTimer;
+    using Base::recordQueue;
+    using Base::registeredName;
+    using Base::registeredType;
+    using Base::resolvers;
+    using Base::serviceBrowsers;
+    using Base::services;
+    using Base::txtRecord;
+    using Base::UpdateTxtRecord;
 
     /** Runs in the next handler that Avahi calls, before what it overrides. */
     std::function<void()> inNextHandler;
@@ -74,14 +75,14 @@ public:
     void AvahiClientStateChanged(AvahiClient* changed, AvahiClientState state, void* userdata) override
     {
         runHook();
-        AvahiServiceDiscovery::AvahiClientStateChanged(changed, state, userdata);
+        Base::AvahiClientStateChanged(changed, state, userdata);
     }
     void ServiceBrowse(AvahiServiceBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
                        const char* name, const char* type, const char* domain, AvahiLookupResultFlags flags,
                        void* userdata) override
     {
         runHook();
-        AvahiServiceDiscovery::ServiceBrowse(browser, interface, protocol, event, name, type, domain, flags, userdata);
+        Base::ServiceBrowse(browser, interface, protocol, event, name, type, domain, flags, userdata);
     }
     void ServiceResolve(AvahiServiceResolver* resolver, int interface, int protocol, AvahiResolverEvent event,
                         const char* name, const char* type, const char* domain, const char* host,
@@ -89,7 +90,7 @@ public:
                         AvahiLookupResultFlags flags, void* userdata) override
     {
         runHook();
-        AvahiServiceDiscovery::ServiceResolve(resolver, interface, protocol, event, name, type, domain, host, address,
+        Base::ServiceResolve(resolver, interface, protocol, event, name, type, domain, host, address,
                                               port, txt, flags, userdata);
     }
     void RecordBrowse(AvahiRecordBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
@@ -97,14 +98,14 @@ public:
                       unsigned long size, AvahiLookupResultFlags flags, void* userdata) override
     {
         runHook();
-        AvahiServiceDiscovery::RecordBrowse(browser, interface, protocol, event, name, clazz, type, rdata, size, flags,
+        Base::RecordBrowse(browser, interface, protocol, event, name, clazz, type, rdata, size, flags,
                                             userdata);
     }
 
     void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override
     {
         runHook();
-        AvahiServiceDiscovery::AvahiEntryGroupChanged(group, state, userdata);
+        Base::AvahiEntryGroupChanged(group, state, userdata);
     }
 
 private:
@@ -117,17 +118,21 @@ private:
     }
 };
 
-/** An OpenDiscovery over the stand-in, with its log at level 1 and its signals written down. */
-class DiscoveryTest : public testing::Test
+typedef Open<vd::AvahiServiceDiscovery> OpenDiscovery;
+typedef Open<vd::ManagedServiceDiscovery> OpenManagedDiscovery;
+
+/** A discovery object over the stand-in, with its log at level 1 and its signals written down. */
+template <typename Discovery>
+class DiscoveryFixture : public testing::Test
 {
 protected:
-    DiscoveryTest();
-    ~DiscoveryTest() override;
+    DiscoveryFixture();
+    ~DiscoveryFixture() override;
 
-    OpenDiscovery& discovery() { return *m_discovery; }
+    Discovery& discovery() { return *m_discovery; }
     void destroyDiscovery() { m_discovery.reset(); }
     /** Another owner will delete the object. */
-    OpenDiscovery* releaseDiscovery() { return m_discovery.release(); }
+    Discovery* releaseDiscovery() { return m_discovery.release(); }
 
     /** Browses one type and forgets the calls and messages that this took. */
     void startBrowsing(const char* type = "_http._tcp");
@@ -163,9 +168,12 @@ protected:
 private:
     void noteSignal(const std::string& line);
 
-    std::unique_ptr<OpenDiscovery> m_discovery;
+    std::unique_ptr<Discovery> m_discovery;
     QString m_logText;
     QTextStream m_logStream;
     Lines m_signals;
     std::function<void()> m_inNextSlot;
 };
+
+typedef DiscoveryFixture<OpenDiscovery> DiscoveryTest;
+typedef DiscoveryFixture<OpenManagedDiscovery> ManagedDiscoveryTest;

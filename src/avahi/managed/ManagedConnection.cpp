@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: MIT
+#include "avahi/managed/ManagedServiceDiscoveryPrivate.h"
+
+namespace vd {
+
+namespace {
+
+const int SHORTEST_RETRY_MS = 250;
+const int LONGEST_RETRY_MS = 8000;
+
+bool isDaemonThere(AvahiClientState state)
+{
+    return state == AVAHI_CLIENT_S_REGISTERING || state == AVAHI_CLIENT_S_RUNNING
+           || state == AVAHI_CLIENT_S_COLLISION;
+}
+
+} // namespace
+
+void ManagedServiceDiscovery::AvahiClientStateChanged(AvahiClient* changed, AvahiClientState changedTo,
+                                                      void* userdata)
+{
+    AvahiServiceDiscovery::AvahiClientStateChanged(changed, changedTo, userdata);
+    d->clientChanged(changedTo);
+}
+
+// Called by Avahi, inside of which nothing can be made or freed: it is done when the event loop runs again.
+void ManagedServiceDiscovery::Private::clientChanged(AvahiClientState changedTo)
+{
+    clientState = changedTo;
+    if (changedTo == AVAHI_CLIENT_FAILURE)
+        lostConnection();
+    else if (isDaemonThere(changedTo) && !isConnecting)
+        connectTimer.start(0);
+}
+
+void ManagedServiceDiscovery::Private::lostConnection()
+{
+    hasFailed = true;
+    if (!isConnecting)
+        connectTimer.start(0);
+}
+
+void ManagedServiceDiscovery::Private::connectToDaemon()
+{
+    if (isConnecting || types.isEmpty())
+        return;
+    connectTimer.stop();
+    busSocketWatch.turnOff();
+    attempt.start();
+    if (hasFailed)
+        dropClient();
+    const ManagedSession current(this);
+    if (!hasBegun)
+        setState(Connecting);
+    if (current.ended())
+        return;
+
+    const bool isBrowsed = browseWantedTypes();
+    if (isBrowsed && !hasFailed) {
+        begin();
+        return;
+    }
+    const bool isDaemonAwaited = q->client && clientState == AVAHI_CLIENT_CONNECTING && !hasFailed;
+    if (!isDaemonAwaited)
+        retryLater();
+    if (!q->client)
+        busSocketWatch.turnOn();
+    setState(q->client && isDaemonThere(clientState) ? Connecting : Unavailable);
+}
+
+bool ManagedServiceDiscovery::Private::browseWantedTypes()
+{
+    isConnecting = true;
+    bool isBrowsed = true;
+    // The browsers are made in the order of the types.
+    while (isBrowsed && q->serviceBrowsers.size() < types.size())
+        isBrowsed = browse(types.at(q->serviceBrowsers.size()));
+    isConnecting = false;
+    return isBrowsed;
+}
+
+bool ManagedServiceDiscovery::Private::browse(const QByteArray& type)
+{
+    // The base forgets every service when it cannot make the client.
+    const QMap<QString, SServiceInfo> knownServices = q->services;
+    const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
+    const bool isBrowsed = q->AvahiServiceDiscovery::BrowseServices(type.constData());
+    if (!isBrowsed) {
+        q->services = knownServices;
+        q->recordQueue = knownQueue;
+    }
+    return isBrowsed;
+}
+
+// The bus may be back. Its socket is there a moment before it answers.
+void ManagedServiceDiscovery::Private::connectSoon()
+{
+    if (!connectTimer.isActive())
+        return;
+    backoffMs = 0;
+    connectTimer.start(SHORTEST_RETRY_MS);
+}
+
+// The delay counts from the begin of the attempt: one that hung for long enough is repeated soon.
+void ManagedServiceDiscovery::Private::retryLater()
+{
+    backoffMs = qBound(SHORTEST_RETRY_MS, 2 * backoffMs, LONGEST_RETRY_MS);
+    const int spentMs = static_cast<int>(qMin<qint64>(attempt.elapsed(), LONGEST_RETRY_MS));
+    connectTimer.start(qMax(SHORTEST_RETRY_MS, backoffMs - spentMs));
+}
+
+void ManagedServiceDiscovery::Private::dropClient()
+{
+    ++session;
+    hasFailed = false;
+    hasBegun = false;
+    isPublished = false;
+    clientState = AVAHI_CLIENT_CONNECTING;
+    graceTimer.stop();
+    resolveTimer.stop();
+    failedTimer.stop();
+    for (TrackedServices::iterator service = tracked.begin(); service != tracked.end(); ++service) {
+        service->links.clear();
+        service->resolver = nullptr;
+        service->addressBrowser = nullptr;
+        service->addressLinks.clear();
+        service->isWaiting = false;
+    }
+    resolvers.clear();
+    addressBrowsers.clear();
+    oldestFirst.clear();
+    line.clear();
+    parked.clear();
+    failed.clear();
+
+    const QMap<QString, SServiceInfo> knownServices = q->services;
+    const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
+    q->cleanupAvahiMembers();
+    q->services = knownServices;
+    q->recordQueue = knownQueue;
+}
+
+void ManagedServiceDiscovery::Private::begin()
+{
+    backoffMs = 0;
+    publish();
+    if (hasBegun)
+        return;
+    hasBegun = true;
+    if (hasLinklessService())
+        graceTimer.start(gracePeriodMs);
+    setState(Running);
+}
+
+void ManagedServiceDiscovery::Private::publish()
+{
+    if (!publishes || isPublished || clientState != AVAHI_CLIENT_S_RUNNING)
+        return;
+    isPublished = q->AvahiServiceDiscovery::RegisterService(publishedName.constData(), publishedType.constData(),
+                                                            publishedInfo);
+}
+
+bool ManagedServiceDiscovery::Private::hasLinklessService() const
+{
+    for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
+         ++service) {
+        if (service->links.isEmpty())
+            return true;
+    }
+    return false;
+}
+
+void ManagedServiceDiscovery::Private::endGrace()
+{
+    QList<ServiceKey> unseen;
+    for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
+         ++service) {
+        if (service->links.isEmpty())
+            unseen.append(service.key());
+    }
+    const ManagedSession current(this);
+    for (int i = 0; i < unseen.size() && !current.ended(); ++i) {
+        // A slot may have brought it back meanwhile.
+        const TrackedServices::const_iterator service = tracked.constFind(unseen.at(i));
+        if (service != tracked.constEnd() && service->links.isEmpty())
+            lose(unseen.at(i));
+    }
+}
+
+void ManagedServiceDiscovery::Private::setState(State newState)
+{
+    if (state == newState)
+        return;
+    state = newState;
+    Q_EMIT q->stateChanged(newState);
+}
+
+void ManagedServiceDiscovery::Private::reset()
+{
+    ++session;
+    connectTimer.stop();
+    graceTimer.stop();
+    resolveTimer.stop();
+    failedTimer.stop();
+    busSocketWatch.turnOff();
+    types.clear();
+    publishes = false;
+    isPublished = false;
+    hasFailed = false;
+    hasBegun = false;
+    backoffMs = 0;
+    pausedUntil = 0;
+    clientState = AVAHI_CLIENT_CONNECTING;
+    tracked.clear();
+    resolvers.clear();
+    addressBrowsers.clear();
+    oldestFirst.clear();
+    line.clear();
+    parked.clear();
+    failed.clear();
+}
+
+} // namespace vd
