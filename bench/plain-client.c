@@ -2,7 +2,9 @@
  *
  * What library-client does, with nothing between it and Avahi: a resolver for every NEW at once, at its answer the
  * TXT strings are read, a record browser for the host's A records is opened and the resolver freed; the record
- * browser is freed at ALL_FOR_NOW. Prints what it took to resolve COUNT devices as one JSON line.
+ * browser is freed at ALL_FOR_NOW. With --window N at most N resolvers are open at a time, one for each device, and the
+ * record browser is freed at its first address. Prints what it took to resolve COUNT devices, and to have the address
+ * of each, as one JSON line.
  */
 #include <avahi-client/client.h>
 #include <avahi-client/lookup.h>
@@ -25,7 +27,18 @@ static struct timespec start;
 static int wanted;
 static int found;
 static int known;
+static int addresses;
+static int window;
+static int open_resolvers;
+static double last_found_ms;
 static char (*names)[NAME_SIZE];
+/* With a window: the devices in order of their appearance, and the next to be resolved. */
+static char (*line)[NAME_SIZE];
+static int queued;
+static int next_in_line;
+static const char* browsed_type;
+
+static void resolve_next(void);
 
 static double elapsed_ms(void)
 {
@@ -57,8 +70,13 @@ static void record_event(AvahiRecordBrowser* browser, AvahiIfIndex interface, Av
                          const void* data, size_t size, AvahiLookupResultFlags flags, void* userdata)
 {
     (void)interface, (void)protocol, (void)name, (void)clazz, (void)type, (void)data, (void)size, (void)flags;
-    (void)userdata;
-    if (event != AVAHI_BROWSER_NEW && event != AVAHI_BROWSER_REMOVE)
+    if (event == AVAHI_BROWSER_NEW && !userdata && ++addresses == wanted) {
+        printf("{\"found\": %d, \"lastFoundMs\": %.1f, \"lastAddressMs\": %.1f, \"cpuMs\": %.1f}\n", found,
+               last_found_ms, elapsed_ms(), cpu_ms());
+        avahi_simple_poll_quit(poll_api);
+    }
+    if (window ? event == AVAHI_BROWSER_NEW || event == AVAHI_BROWSER_FAILURE
+               : event != AVAHI_BROWSER_NEW && event != AVAHI_BROWSER_REMOVE)
         avahi_record_browser_free(browser);
 }
 
@@ -80,15 +98,37 @@ static void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, Ava
 {
     (void)type, (void)domain, (void)address, (void)port, (void)flags, (void)userdata;
     if (event == AVAHI_RESOLVER_FOUND) {
+        static int seen_before;
+        const int counts = found < wanted && is_new(name);
         read_txt(txt);
+        if (counts && ++found == wanted)
+            last_found_ms = elapsed_ms();
         avahi_record_browser_new(client, interface, protocol, host, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, 0,
-                                 record_event, NULL);
-        if (found < wanted && is_new(name) && ++found == wanted) {
-            printf("{\"found\": %d, \"lastFoundMs\": %.1f, \"cpuMs\": %.1f}\n", found, elapsed_ms(), cpu_ms());
-            avahi_simple_poll_quit(poll_api);
-        }
+                                 record_event, counts ? NULL : &seen_before);
     }
     avahi_service_resolver_free(resolver);
+    open_resolvers--;
+    if (window)
+        resolve_next();
+}
+
+static void resolve_next(void)
+{
+    while (open_resolvers < window && next_in_line < queued) {
+        avahi_service_resolver_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, line[next_in_line++], browsed_type,
+                                   "local", AVAHI_PROTO_INET, AVAHI_LOOKUP_USE_MULTICAST, resolved, NULL);
+        open_resolvers++;
+    }
+}
+
+static void enqueue(const char* name)
+{
+    for (int i = 0; i < queued; i++)
+        if (strcmp(line[i], name) == 0)
+            return;
+    if (queued < wanted)
+        snprintf(line[queued++], NAME_SIZE, "%s", name);
+    resolve_next();
 }
 
 static void browsed(AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol,
@@ -96,7 +136,9 @@ static void browsed(AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiP
                     AvahiLookupResultFlags flags, void* userdata)
 {
     (void)browser, (void)protocol, (void)flags, (void)userdata;
-    if (event == AVAHI_BROWSER_NEW)
+    if (event == AVAHI_BROWSER_NEW && window)
+        enqueue(name);
+    else if (event == AVAHI_BROWSER_NEW)
         avahi_service_resolver_new(client, interface, AVAHI_PROTO_UNSPEC, name, type, domain, AVAHI_PROTO_UNSPEC,
                                    AVAHI_LOOKUP_USE_MULTICAST, resolved, NULL);
 }
@@ -109,18 +151,25 @@ static void client_state(AvahiClient* changed, AvahiClientState state, void* use
 static void timed_out(AvahiTimeout* timeout, void* userdata)
 {
     (void)timeout, (void)userdata;
-    fprintf(stderr, "plain-client: %d of %d devices after %d s\n", found, wanted, TIMEOUT_S);
+    fprintf(stderr, "plain-client: %d of %d devices, %d addresses after %d s\n", found, wanted, addresses, TIMEOUT_S);
     exit(1);
 }
 
 int main(int argc, char** argv)
 {
+    if (argc == 5 && strcmp(argv[1], "--window") == 0) {
+        window = atoi(argv[2]);
+        argc -= 2;
+        argv += 2;
+    }
     wanted = argc == 3 ? atoi(argv[2]) : 0;
     if (wanted < 1) {
-        fprintf(stderr, "usage: plain-client TYPE COUNT\n");
+        fprintf(stderr, "usage: plain-client [--window N] TYPE COUNT\n");
         return 2;
     }
+    browsed_type = argv[1];
     names = calloc((size_t)wanted + 1, sizeof *names);
+    line = calloc((size_t)wanted + 1, sizeof *line);
     clock_gettime(CLOCK_MONOTONIC, &start);
     poll_api = avahi_simple_poll_new();
     const AvahiPoll* api = avahi_simple_poll_get(poll_api);
@@ -143,6 +192,7 @@ int main(int argc, char** argv)
     avahi_service_browser_free(browser);
     avahi_client_free(client);
     avahi_simple_poll_free(poll_api);
+    free(line);
     free(names);
     return 0;
 }

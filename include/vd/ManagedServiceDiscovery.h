@@ -66,6 +66,8 @@ public:
      */
     int objectLimit() const;
     void setObjectLimit(int objects);
+    /** How many are open now. */
+    int openObjects() const;
 
     bool BrowseServices(const char* type) override;
     bool TerminateBrowsing() override;

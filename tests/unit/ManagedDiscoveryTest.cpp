@@ -496,6 +496,7 @@ TEST_F(ManagedTest, OpenObjectsStayUnderTheLimitAndNobodyIsDropped)
         appears(("Cam" + std::to_string(i)).c_str());
     turn(100);
     EXPECT_EQ(avahi.liveHandles().size(), 11u);
+    EXPECT_EQ(discovery().openObjects(), 10);
     for (int i = 1; i <= 30; ++i) {
         const std::string name = "Cam" + std::to_string(i - 1), host = name + ".local";
         resolved(i, name.c_str(), host.c_str(), "10.0.0.1", cameraTxt);

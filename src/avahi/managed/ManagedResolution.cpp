@@ -10,9 +10,10 @@ namespace vd {
 
 namespace {
 
-// What the daemon can answer from its cache, it answers within this time. Longer ones wait for the network, cost the
-// daemon little, and hold up nobody.
+// What the daemon can answer from its cache, it answers within this time, or within that of some calls when it is slow.
+// Longer ones wait for the network, cost the daemon little, and hold up nobody.
 const int YOUNG_MS = 20;
+const int CALLS_TO_ANSWER = 10;
 const int MOST_YOUNG_RESOLVERS = 16;
 // How long one turn of the event loop may be spent on making resolvers.
 const int TURN_MS = 5;
@@ -110,7 +111,7 @@ void ManagedServiceDiscovery::Private::resolveWaiting()
             return;
         }
         if (youngResolvers(now) >= MOST_YOUNG_RESOLVERS) {
-            scheduleResolving(YOUNG_MS);
+            scheduleResolving(youngMs);
             return;
         }
         const ServiceKey key = line.first();
@@ -140,7 +141,7 @@ int ManagedServiceDiscovery::Private::youngResolvers(qint64 now)
 {
     int young = 0;
     for (int i = static_cast<int>(oldestFirst.size()) - 1; i >= 0; --i, ++young) {
-        if (now - tracked[resolvers.value(oldestFirst.at(i))].resolvingSince >= YOUNG_MS)
+        if (now - tracked[resolvers.value(oldestFirst.at(i))].resolvingSince >= youngMs)
             break;
     }
     return young;
@@ -179,11 +180,15 @@ bool ManagedServiceDiscovery::Private::startResolver(const ServiceKey& key)
     closeResolver(service);
     const QByteArray name = bytesFromText(key.name), type = bytesFromText(key.type),
                      domain = bytesFromText(key.domain);
+    QElapsedTimer call;
+    call.start();
     AvahiServiceResolver* const resolver
         = avahi_service_resolver_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, name.constData(),
                                      type.constData(), domain.constData(), AVAHI_PROTO_INET,
                                      AVAHI_LOOKUP_USE_MULTICAST, SServiceResolve_callback, q);
     if (resolver) {
+        const qint64 answerMs = qMin<qint64>(call.elapsed() * CALLS_TO_ANSWER, PATIENCE_MS);
+        youngMs = qMax(YOUNG_MS, static_cast<int>(answerMs));
         service.resolver = resolver;
         service.resolvingSince = clock.elapsed();
         resolvers.insert(resolver, key);

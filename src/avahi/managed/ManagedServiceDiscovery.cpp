@@ -44,6 +44,7 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , hasBegun(false)
     , backoffMs(0)
     , pausedUntil(0)
+    , youngMs(0)
 {
     connectTimer.setSingleShot(true);
     graceTimer.setSingleShot(true);
@@ -92,6 +93,11 @@ int ManagedServiceDiscovery::objectLimit() const
 void ManagedServiceDiscovery::setObjectLimit(int objects)
 {
     d->objectLimit = qMax(SMALLEST_OBJECT_LIMIT, objects);
+}
+
+int ManagedServiceDiscovery::openObjects() const
+{
+    return d->openObjects();
 }
 
 bool ManagedServiceDiscovery::BrowseServices(const char* type)

@@ -119,6 +119,8 @@ private:
     /** The resolvers in order of creation. */
     QList<AvahiServiceResolver*> oldestFirst;
     qint64 pausedUntil;
+    /** How long a resolver counts as one that the daemon can answer at once. */
+    int youngMs;
 };
 
 /** Whether what a handler works on is still there after a signal, whose slots may have done anything. */
