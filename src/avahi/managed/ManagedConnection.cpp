@@ -109,16 +109,10 @@ void ManagedServiceDiscovery::Private::retryLater()
     connectTimer.start(qMax(SHORTEST_RETRY_MS, backoffMs - spentMs));
 }
 
+// What was seen of the services stays, but not where.
 void ManagedServiceDiscovery::Private::dropClient()
 {
-    ++session;
-    hasFailed = false;
-    hasBegun = false;
-    isPublished = false;
-    clientState = AVAHI_CLIENT_CONNECTING;
-    graceTimer.stop();
-    resolveTimer.stop();
-    failedTimer.stop();
+    endSession();
     for (TrackedServices::iterator service = tracked.begin(); service != tracked.end(); ++service) {
         service->links.clear();
         service->resolver = nullptr;
@@ -126,18 +120,32 @@ void ManagedServiceDiscovery::Private::dropClient()
         service->addressLinks.clear();
         service->isWaiting = false;
     }
-    resolvers.clear();
-    addressBrowsers.clear();
-    oldestFirst.clear();
-    line.clear();
-    parked.clear();
-    failed.clear();
 
     const QMap<QString, SServiceInfo> knownServices = q->services;
     const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
     q->cleanupAvahiMembers();
     q->services = knownServices;
     q->recordQueue = knownQueue;
+}
+
+// Nothing of the client is to be used any more.
+void ManagedServiceDiscovery::Private::endSession()
+{
+    ++session;
+    hasFailed = false;
+    hasBegun = false;
+    isPublished = false;
+    clientState = AVAHI_CLIENT_CONNECTING;
+    pausedUntil = 0;
+    graceTimer.stop();
+    resolveTimer.stop();
+    failedTimer.stop();
+    resolvers.clear();
+    addressBrowsers.clear();
+    oldestFirst.clear();
+    line.clear();
+    parked.clear();
+    failed.clear();
 }
 
 void ManagedServiceDiscovery::Private::begin()
@@ -197,27 +205,13 @@ void ManagedServiceDiscovery::Private::setState(State newState)
 
 void ManagedServiceDiscovery::Private::reset()
 {
-    ++session;
+    endSession();
     connectTimer.stop();
-    graceTimer.stop();
-    resolveTimer.stop();
-    failedTimer.stop();
     busSocketWatch.turnOff();
     types.clear();
-    publishes = false;
-    isPublished = false;
-    hasFailed = false;
-    hasBegun = false;
-    backoffMs = 0;
-    pausedUntil = 0;
-    clientState = AVAHI_CLIENT_CONNECTING;
     tracked.clear();
-    resolvers.clear();
-    addressBrowsers.clear();
-    oldestFirst.clear();
-    line.clear();
-    parked.clear();
-    failed.clear();
+    publishes = false;
+    backoffMs = 0;
 }
 
 } // namespace vd

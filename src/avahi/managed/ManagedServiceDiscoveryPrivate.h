@@ -95,6 +95,7 @@ private:
     bool browseWantedTypes();
     bool browse(const QByteArray& type);
     void dropClient();
+    void endSession();
     void retryLater();
     void begin();
     bool hasLinklessService() const;

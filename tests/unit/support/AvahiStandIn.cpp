@@ -296,6 +296,53 @@ void AvahiStandIn::fireGroupState(AvahiEntryGroupState state, int number)
         handle->groupCallback(group(number), state, handle->userData);
 }
 
+namespace {
+
+/** Makes what hangs on a client, unless that is to fail. */
+template <typename Callback>
+AvahiStandIn::Handle* makeOn(AvahiClient* client, AvahiStandIn::Kind kind, const std::string& function,
+                             const std::string& arguments, Callback AvahiStandIn::Handle::*member, Callback callback,
+                             void* userData)
+{
+    AvahiStandIn::Handle* owner = avahi().checked(client, AvahiStandIn::Client, function);
+    if (!owner)
+        return nullptr;
+    const std::string call = function + '(' + AvahiStandIn::nameOf(owner) + arguments + ')';
+    if (avahi().isToFail(function)) {
+        avahi().record(call + " = null");
+        return nullptr;
+    }
+    AvahiStandIn::Handle* handle = avahi().create(kind, owner, userData);
+    handle->*member = callback;
+    avahi().record(call + " = " + AvahiStandIn::nameOf(handle));
+    return handle;
+}
+
+/** Frees what hangs on a client, after @p before has run. */
+int freeHandle(const void* pointer, AvahiStandIn::Kind kind, const std::string& function,
+               void (AvahiStandIn::*before)() = nullptr)
+{
+    AvahiStandIn::Handle* handle = avahi().checked(pointer, kind, function);
+    if (!handle)
+        return AVAHI_ERR_BAD_STATE;
+    avahi().record(callText(function, AvahiStandIn::nameOf(handle)));
+    if (before)
+        (avahi().*before)();
+    avahi().release(handle);
+    return AVAHI_OK;
+}
+
+AvahiClient* clientOf(const void* pointer, AvahiStandIn::Kind kind, const std::string& function)
+{
+    AvahiStandIn::Handle* handle = avahi().checked(pointer, kind, function);
+    if (!handle)
+        return nullptr;
+    avahi().record(callText(function, AvahiStandIn::nameOf(handle)));
+    return opaque<AvahiClient>(handle->client);
+}
+
+} // namespace
+
 extern "C" {
 
 AvahiClient* avahi_client_new(const AvahiPoll* poll, AvahiClientFlags flags, AvahiClientCallback callback,
@@ -340,43 +387,20 @@ AvahiServiceBrowser* avahi_service_browser_new(AvahiClient* client, AvahiIfIndex
                                                const char* type, const char* domain, AvahiLookupFlags flags,
                                                AvahiServiceBrowserCallback callback, void* userData)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "service_browser_new");
-    if (!owner)
-        return nullptr;
-    const std::string call
-        = callText("service_browser_new", AvahiStandIn::nameOf(owner), interface, protocol, quoted(type),
-                   quoted(domain), static_cast<int>(flags));
-    if (standIn.isToFail("service_browser_new")) {
-        standIn.record(call + " = null");
-        return nullptr;
-    }
-    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Browser, owner, userData);
-    handle->browserCallback = callback;
-    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
-    return opaque<AvahiServiceBrowser>(handle);
+    const std::string arguments
+        = joined(interface, protocol, quoted(type), quoted(domain), static_cast<int>(flags));
+    return opaque<AvahiServiceBrowser>(makeOn(client, AvahiStandIn::Browser, "service_browser_new", arguments,
+                                              &AvahiStandIn::Handle::browserCallback, callback, userData));
 }
 
 int avahi_service_browser_free(AvahiServiceBrowser* browser)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::Browser, "service_browser_free");
-    if (!handle)
-        return AVAHI_ERR_BAD_STATE;
-    standIn.record(callText("service_browser_free", AvahiStandIn::nameOf(handle)));
-    standIn.runDuringBrowserFree();
-    standIn.release(handle);
-    return 0;
+    return freeHandle(browser, AvahiStandIn::Browser, "service_browser_free", &AvahiStandIn::runDuringBrowserFree);
 }
 
 AvahiClient* avahi_service_browser_get_client(AvahiServiceBrowser* browser)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::Browser, "service_browser_get_client");
-    if (!handle)
-        return nullptr;
-    standIn.record(callText("service_browser_get_client", AvahiStandIn::nameOf(handle)));
-    return opaque<AvahiClient>(handle->client);
+    return clientOf(browser, AvahiStandIn::Browser, "service_browser_get_client");
 }
 
 AvahiServiceResolver* avahi_service_resolver_new(AvahiClient* client, AvahiIfIndex interface, AvahiProtocol protocol,
@@ -384,90 +408,43 @@ AvahiServiceResolver* avahi_service_resolver_new(AvahiClient* client, AvahiIfInd
                                                  AvahiProtocol addressProtocol, AvahiLookupFlags flags,
                                                  AvahiServiceResolverCallback callback, void* userData)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "service_resolver_new");
-    if (!owner)
-        return nullptr;
-    const std::string call
-        = callText("service_resolver_new", AvahiStandIn::nameOf(owner), interface, protocol, quoted(name),
-                   quoted(type), quoted(domain), addressProtocol, static_cast<int>(flags));
-    if (standIn.isToFail("service_resolver_new")) {
-        standIn.record(call + " = null");
-        return nullptr;
-    }
-    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Resolver, owner, userData);
-    handle->resolverCallback = callback;
-    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
-    return opaque<AvahiServiceResolver>(handle);
+    const std::string arguments = joined(interface, protocol, quoted(name), quoted(type), quoted(domain),
+                                         addressProtocol, static_cast<int>(flags));
+    return opaque<AvahiServiceResolver>(makeOn(client, AvahiStandIn::Resolver, "service_resolver_new", arguments,
+                                               &AvahiStandIn::Handle::resolverCallback, callback, userData));
 }
 
 int avahi_service_resolver_free(AvahiServiceResolver* resolver)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* handle = standIn.checked(resolver, AvahiStandIn::Resolver, "service_resolver_free");
-    if (!handle)
-        return AVAHI_ERR_BAD_STATE;
-    standIn.record(callText("service_resolver_free", AvahiStandIn::nameOf(handle)));
-    standIn.release(handle);
-    return 0;
+    return freeHandle(resolver, AvahiStandIn::Resolver, "service_resolver_free");
 }
 
 AvahiRecordBrowser* avahi_record_browser_new(AvahiClient* client, AvahiIfIndex interface, AvahiProtocol protocol,
                                              const char* name, uint16_t clazz, uint16_t type, AvahiLookupFlags flags,
                                              AvahiRecordBrowserCallback callback, void* userData)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "record_browser_new");
-    if (!owner)
-        return nullptr;
-    const std::string call = callText("record_browser_new", AvahiStandIn::nameOf(owner), interface, protocol,
-                                      quoted(name), clazz, type, static_cast<int>(flags));
-    if (standIn.isToFail("record_browser_new")) {
-        standIn.record(call + " = null");
-        return nullptr;
-    }
-    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::RecordBrowser, owner, userData);
-    handle->recordCallback = callback;
-    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
-    return opaque<AvahiRecordBrowser>(handle);
+    const std::string arguments = joined(interface, protocol, quoted(name), clazz, type, static_cast<int>(flags));
+    return opaque<AvahiRecordBrowser>(makeOn(client, AvahiStandIn::RecordBrowser, "record_browser_new", arguments,
+                                             &AvahiStandIn::Handle::recordCallback, callback, userData));
 }
 
 int avahi_record_browser_free(AvahiRecordBrowser* browser)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::RecordBrowser, "record_browser_free");
-    if (!handle)
-        return AVAHI_ERR_BAD_STATE;
-    standIn.record(callText("record_browser_free", AvahiStandIn::nameOf(handle)));
-    standIn.release(handle);
-    return 0;
+    return freeHandle(browser, AvahiStandIn::RecordBrowser, "record_browser_free");
 }
 
 AvahiClient* avahi_record_browser_get_client(AvahiRecordBrowser* browser)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* handle = standIn.checked(browser, AvahiStandIn::RecordBrowser, "record_browser_get_client");
-    if (!handle)
-        return nullptr;
-    standIn.record(callText("record_browser_get_client", AvahiStandIn::nameOf(handle)));
-    return opaque<AvahiClient>(handle->client);
+    return clientOf(browser, AvahiStandIn::RecordBrowser, "record_browser_get_client");
 }
 
 AvahiEntryGroup* avahi_entry_group_new(AvahiClient* client, AvahiEntryGroupCallback callback, void* userData)
 {
-    AvahiStandIn& standIn = avahi();
-    AvahiStandIn::Handle* owner = standIn.checked(client, AvahiStandIn::Client, "entry_group_new");
-    if (!owner)
+    AvahiStandIn::Handle* handle = makeOn(client, AvahiStandIn::Group, "entry_group_new", "",
+                                          &AvahiStandIn::Handle::groupCallback, callback, userData);
+    if (!handle)
         return nullptr;
-    const std::string call = callText("entry_group_new", AvahiStandIn::nameOf(owner));
-    if (standIn.isToFail("entry_group_new")) {
-        standIn.record(call + " = null");
-        return nullptr;
-    }
-    AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Group, owner, userData);
-    handle->groupCallback = callback;
-    standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
-    standIn.runDuringGroupNew(opaque<AvahiEntryGroup>(handle));
+    avahi().runDuringGroupNew(opaque<AvahiEntryGroup>(handle));
     EXPECT_TRUE(handle->live) << "entry_group_new returns a group that was freed meanwhile";
     return opaque<AvahiEntryGroup>(handle);
 }
