@@ -7,7 +7,8 @@ import pytest
 
 from labkit.devices import camera, camera_txt
 from labkit.labs import FEW_OBJECTS, NO_DAEMON, TWO_SEGMENTS
-from labkit.lines import wait_until
+from labkit.lines import Lines, wait_until
+from labkit.paths import WORKER_THREAD_EXAMPLE
 
 UNAVAILABLE, CONNECTING, RUNNING = 0, 1, 2
 BACK_WITHIN_S = 2.0
@@ -175,3 +176,13 @@ def test_an_address_that_moves_is_followed(stage):
         ("serviceAddress", [camera().addresses[0], "10.77.0.250"], False),
         ("serviceAddress", [camera().addresses[0]], True)]
     assert dict(probe.table()["Lobby"])["addresses"] == ["10.77.0.250"]
+
+
+def test_the_example_of_a_worker_thread_tells_of_devices(stage):
+    lab = stage.lab()
+    publisher = stage.publisher(lab)
+    told = Lines(lab.start("viewer", WORKER_THREAD_EXAMPLE, stdin=None).stderr)
+    publisher.publish(camera())
+    assert told.wait_for(lambda lines: b'found "Lobby" QList("10.77.0.101")\n' in lines)
+    publisher.goodbye("Lobby")
+    assert told.wait_for(lambda lines: b'lost "Lobby"\n' in lines)

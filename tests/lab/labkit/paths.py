@@ -14,6 +14,7 @@ RECONFIGURATION = ROOT / "lab" / "demo" / "reconfiguration.py"
 
 BUILD = Path(os.environ.get("VD_BUILD_DIR", ROOT / "build" / "qt6")).resolve()
 PROBE = BUILD / "tests" / "lab" / "probe" / "vd-lab-probe"
+WORKER_THREAD_EXAMPLE = BUILD / "examples" / "worker-thread" / "worker-thread"
 VD_DISCOVER = Path(os.environ.get("VD_DISCOVER", BUILD / "tools" / "vd-discover" / "vd-discover")).resolve()
 
 
