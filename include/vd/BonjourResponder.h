@@ -24,8 +24,11 @@ namespace vd {
  *
  * The service is looked up and started through the system's service manager. A question takes a few milliseconds
  * as a rule and 2 s at most, a start as long as the service needs and 10 s at most, also when the service manager
- * or its bus hangs. A started service is looked at for 0.2 s, as it may end at once. The caller needs the right to
- * start system services; it is never asked for a password.
+ * or its bus hangs. An operation puts up to two questions, whether the service is installed and whether it runs. A
+ * started service is looked at for 0.2 s, as it may end at once. Whoever starts it needs the right to start system
+ * services, and is never asked for a password; a service that runs already needs none.
+ *
+ * These times are kept with systemd. A library that was built on QtService takes as long as QtService does.
  *
  * Where the service cannot be had, a thread is started in its place. That thread does no responder work: it ends
  * at once. Whoever needs to know asks isServiceRunning().

@@ -5,16 +5,18 @@ namespace vd {
 
 const std::chrono::milliseconds ServiceController::QUESTION_TIME(2000);
 const std::chrono::milliseconds ServiceController::START_TIME(10000);
+const std::chrono::milliseconds ServiceController::SETTLING_TIME(200);
 
 ServiceController::ServiceController(const QString& serviceName, std::chrono::milliseconds timeOfQuestion,
-                                     std::chrono::milliseconds timeOfStart)
-    : name(serviceName), questionTime(timeOfQuestion), startTime(timeOfStart)
+                                     std::chrono::milliseconds timeOfStart,
+                                     std::chrono::milliseconds timeOfSettling)
+    : name(serviceName), questionTime(timeOfQuestion), startTime(timeOfStart), settlingTime(timeOfSettling)
 {}
 
 bool ServiceController::isInstalled() const
 {
     const Status found = status();
-    return found == Status::Running || found == Status::Stopped;
+    return found == Status::Running || found == Status::Starting || found == Status::Stopped;
 }
 
 bool ServiceController::isRunning() const

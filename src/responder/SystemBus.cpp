@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstdlib>
 #include <limits>
 #include <utility>
 
@@ -12,6 +13,20 @@ namespace {
 
 // The deadline of the bus is the only one.
 const std::uint64_t NO_TIMEOUT = std::numeric_limits<std::uint64_t>::max();
+
+// Any other address has sd-bus look up a host's name, which takes its own time, or run a program.
+bool isLocalBus(const char* addresses)
+{
+    const std::string all = addresses ? addresses : "";
+    for (size_t begin = 0; begin < all.size(); begin = all.find(';', begin)) {
+        begin = all.find_first_not_of(';', begin);
+        if (begin == std::string::npos)
+            break;
+        if (all.compare(begin, 5, "unix:") != 0)
+            return false;
+    }
+    return true;
+}
 
 // Nothing is flushed: that would wait for a bus that does not read.
 sd_bus* closeConnection(sd_bus* bus)
@@ -31,16 +46,26 @@ SystemBus::Answer answerWithout(SystemBus::Outcome outcome)
     return {outcome, SystemBus::Message(nullptr, &sd_bus_message_unref), std::string()};
 }
 
+// Anybody on the bus may have sent an answer. The bus itself answers where the service cannot.
+bool isEntitledToAnswer(sd_bus_message* message, const SystemBus::Object& object)
+{
+    const char* sender = sd_bus_message_get_sender(message);
+    if (!sender)
+        return false;
+    return object.service == sender
+           || (sd_bus_message_get_error(message) && std::string("org.freedesktop.DBus") == sender);
+}
+
 SystemBus::Answer judge(SystemBus::Answer answer, const SystemBus::Object& object)
 {
+    if (!isEntitledToAnswer(answer.message.get(), object))
+        return answerWithout(SystemBus::Outcome::Failed);
     if (const sd_bus_error* error = sd_bus_message_get_error(answer.message.get())) {
         SystemBus::Answer refusal = answerWithout(SystemBus::Outcome::Refused);
         refusal.error = error->name;
         return refusal;
     }
-    // Anybody on the bus may have sent it.
-    const char* sender = sd_bus_message_get_sender(answer.message.get());
-    return sender && object.service == sender ? std::move(answer) : answerWithout(SystemBus::Outcome::Failed);
+    return answer;
 }
 
 } // namespace
@@ -62,11 +87,18 @@ bool SystemBus::Answer::readVariantText(std::string& text) const
 }
 
 SystemBus::SystemBus(std::chrono::milliseconds time)
-    : deadline(std::chrono::steady_clock::now() + time), connection(nullptr, &closeConnection)
+    : deadline(std::chrono::steady_clock::now() + time)
+    , connection(nullptr, &closeConnection)
+    , outcomeWithoutConnection(Outcome::Failed)
 {
+    if (!isLocalBus(std::getenv("DBUS_SYSTEM_BUS_ADDRESS")))
+        return;
     sd_bus* opened = nullptr;
-    if (sd_bus_open_system(&opened) >= 0)
+    const int result = sd_bus_open_system(&opened);
+    if (result >= 0)
         connection.reset(opened);
+    else if (result == -EAGAIN)
+        outcomeWithoutConnection = Outcome::TimedOut;
 }
 
 SystemBus::Message SystemBus::makeCall(const Object& object, const char* interface, const char* method,
@@ -88,9 +120,9 @@ SystemBus::Message SystemBus::makeCall(const Object& object, const char* interfa
 SystemBus::Answer SystemBus::call(const Object& object, const char* interface, const char* method,
                                   std::initializer_list<const char*> arguments)
 {
-    Answer answer = answerWithout(Outcome::Failed);
     if (!connection)
-        return answer;
+        return answerWithout(outcomeWithoutConnection);
+    Answer answer = answerWithout(Outcome::Failed);
     const Message message = makeCall(object, interface, method, arguments);
     if (!message)
         return answer;

@@ -13,8 +13,8 @@
 namespace vd {
 
 /**
- * A connection of its own to the system bus, which DBUS_SYSTEM_BUS_ADDRESS may name. Everything that is done on
- * it, connecting included, has to be over by one deadline.
+ * A connection of its own to the system bus, which DBUS_SYSTEM_BUS_ADDRESS may name, as a socket of this machine
+ * only. Everything that is done on it, connecting included, has to be over by one deadline.
  *
  * sd-bus' own blocking calls are avoided: they wait for the connection, and for what is still to be sent, longer
  * than the time they are given.
@@ -28,10 +28,11 @@ public:
 
     enum class Outcome {
         Done,
-        /** Answered by an error. */
+        /** Answered by an error, of the service or of the bus. */
         Refused,
         /** There is no bus, it went away, or what was answered makes no sense. */
         Failed,
+        /** Not answered by the deadline, or so many wait for the bus already that it takes nobody else. */
         TimedOut
     };
 
@@ -87,6 +88,7 @@ private:
     Handler signalHandler;
     // Calls the handler as long as it exists.
     Connection connection;
+    Outcome outcomeWithoutConnection;
 };
 
 } // namespace vd

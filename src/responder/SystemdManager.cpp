@@ -12,8 +12,7 @@ typedef ServiceController::Status Status;
 const char MANAGER_PATH[] = "/org/freedesktop/systemd1";
 const char MANAGER_INTERFACE[] = "org.freedesktop.systemd1.Manager";
 
-// The job of a simple service is done before its program begins, which may be missing or end at once.
-const std::chrono::milliseconds SETTLING_TIME(200);
+const std::chrono::milliseconds TIME_BETWEEN_LOOKS(50);
 
 struct ErrorMeaning
 {
@@ -21,10 +20,17 @@ struct ErrorMeaning
     Status status;
 };
 
-const ErrorMeaning ERROR_MEANINGS[] = {
+const ErrorMeaning MEANINGS_FOR_A_QUESTION[] = {
+    {"org.freedesktop.DBus.Error.AccessDenied", Status::QuestionRefused},
+    {"org.freedesktop.DBus.Error.InteractiveAuthorizationRequired", Status::QuestionRefused},
+    // For a name that no unit can have.
+    {"org.freedesktop.DBus.Error.InvalidArgs", Status::NotInstalled},
+    {"org.freedesktop.systemd1.NoSuchUnit", Status::NotInstalled},
+};
+
+const ErrorMeaning MEANINGS_FOR_A_START[] = {
     {"org.freedesktop.DBus.Error.AccessDenied", Status::NotAllowed},
     {"org.freedesktop.DBus.Error.InteractiveAuthorizationRequired", Status::NotAllowed},
-    // For a name that no unit can have.
     {"org.freedesktop.DBus.Error.InvalidArgs", Status::NotInstalled},
     {"org.freedesktop.systemd1.NoSuchUnit", Status::NotInstalled},
     {"org.freedesktop.systemd1.UnitMasked", Status::Masked},
@@ -33,23 +39,34 @@ const ErrorMeaning ERROR_MEANINGS[] = {
     {"org.freedesktop.systemd1.OnlyByDependency", Status::StartRefused},
 };
 
-Status meaningOfError(const std::string& error)
+template <size_t Count>
+Status meaningOf(const std::string& error, const ErrorMeaning (&meanings)[Count], Status otherwise)
 {
-    for (const ErrorMeaning& meaning : ERROR_MEANINGS) {
+    for (const ErrorMeaning& meaning : meanings) {
         if (error == meaning.error)
             return meaning.status;
     }
-    // What else systemd refuses, as during a shutdown, is a start. Other errors come from the bus.
-    const std::string systemdError = "org.freedesktop.systemd1.";
-    return error.compare(0, systemdError.size(), systemdError) == 0 ? Status::StartFailed
-                                                                    : Status::NoServiceManager;
+    return otherwise;
 }
 
-Status meaningOfFailure(const SystemBus::Answer& answer)
+Status meaningOfUnansweredQuestion(const SystemBus::Answer& answer)
 {
     if (answer.outcome == SystemBus::Outcome::Refused)
-        return meaningOfError(answer.error);
+        return meaningOf(answer.error, MEANINGS_FOR_A_QUESTION, Status::NoServiceManager);
     return answer.outcome == SystemBus::Outcome::TimedOut ? Status::NoAnswer : Status::NoServiceManager;
+}
+
+Status meaningOfUnansweredStart(const SystemBus::Answer& answer)
+{
+    if (answer.outcome == SystemBus::Outcome::Refused) {
+        // What else systemd refuses, as during a shutdown, is a start. Other errors come from the bus.
+        const std::string systemdError = "org.freedesktop.systemd1.";
+        const bool isOfSystemd = answer.error.compare(0, systemdError.size(), systemdError) == 0;
+        return meaningOf(answer.error, MEANINGS_FOR_A_START,
+                         isOfSystemd ? Status::StartFailed : Status::NoServiceManager);
+    }
+    // It was asked for, and systemd may get to it yet.
+    return answer.outcome == SystemBus::Outcome::TimedOut ? Status::StillStarting : Status::NoServiceManager;
 }
 
 } // namespace
@@ -62,11 +79,14 @@ Status SystemdManager::status(const std::string& unit)
     return find(reason) ? loadedStatus(unit) : reason;
 }
 
-Status SystemdManager::start(const std::string& unit)
+Status SystemdManager::start(const std::string& unit, std::chrono::milliseconds settlingTime)
 {
-    Status reason;
-    if (!find(reason))
-        return reason;
+    const Status before = status(unit);
+    return before == Status::Stopped || before == Status::Starting ? startLoaded(unit, settlingTime) : before;
+}
+
+Status SystemdManager::startLoaded(const std::string& unit, std::chrono::milliseconds settlingTime)
+{
     // Before the start, as a quick job may be over before its start is answered.
     const bool watching = bus.watchSignal(object(MANAGER_PATH), MANAGER_INTERFACE, "JobRemoved",
                                           [this](sd_bus_message* signal) { noteRemovedJob(signal); });
@@ -76,21 +96,24 @@ Status SystemdManager::start(const std::string& unit)
         = bus.call(object(MANAGER_PATH), MANAGER_INTERFACE, "StartUnit", {unit.c_str(), "replace"});
     std::string job;
     if (!started.readText(SD_BUS_TYPE_OBJECT_PATH, job))
-        return meaningOfFailure(started);
+        return meaningOfUnansweredStart(started);
     const Status ended = waitForJob(job);
     if (ended != Status::Running)
         return ended;
-    const Status now = settledStatus(unit);
-    return now == Status::Stopped ? Status::StartFailed : now;
+    const Status now = settledStatus(unit, settlingTime);
+    return now == Status::Stopped || now == Status::Starting ? Status::StartFailed : now;
 }
 
-Status SystemdManager::settledStatus(const std::string& unit)
+Status SystemdManager::settledStatus(const std::string& unit, std::chrono::milliseconds settlingTime)
 {
-    const Status now = loadedStatus(unit);
-    if (now != Status::Running || bus.timeLeft() < SETTLING_TIME * 2)
-        return now;
-    std::this_thread::sleep_for(SETTLING_TIME);
-    return loadedStatus(unit);
+    const std::chrono::steady_clock::time_point end = std::chrono::steady_clock::now() + settlingTime;
+    const bool isTimeLeft = bus.timeLeft() >= settlingTime * 2;
+    Status now = loadedStatus(unit);
+    while (isTimeLeft && now == Status::Running && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(TIME_BETWEEN_LOOKS);
+        now = loadedStatus(unit);
+    }
+    return now;
 }
 
 bool SystemdManager::find(Status& reason)
@@ -101,7 +124,7 @@ bool SystemdManager::find(Status& reason)
         = bus.call(driver, "org.freedesktop.DBus", "GetNameOwner", {"org.freedesktop.systemd1"});
     if (answer.readText(SD_BUS_TYPE_STRING, owner))
         return true;
-    reason = meaningOfFailure(answer);
+    reason = meaningOfUnansweredQuestion(answer);
     return false;
 }
 
@@ -111,7 +134,7 @@ Status SystemdManager::loadedStatus(const std::string& unit)
     const SystemBus::Answer loaded = bus.call(object(MANAGER_PATH), MANAGER_INTERFACE, "LoadUnit", {unit.c_str()});
     std::string path;
     if (!loaded.readText(SD_BUS_TYPE_OBJECT_PATH, path))
-        return meaningOfFailure(loaded);
+        return meaningOfUnansweredQuestion(loaded);
     std::string load;
     std::string active;
     Status reason;
@@ -125,6 +148,8 @@ Status SystemdManager::loadedStatus(const std::string& unit)
         return Status::Broken;
     if (!readProperty(path, "ActiveState", active, reason))
         return reason;
+    if (active == "activating")
+        return Status::Starting;
     return active == "active" || active == "reloading" ? Status::Running : Status::Stopped;
 }
 
@@ -135,7 +160,7 @@ bool SystemdManager::readProperty(const std::string& path, const char* property,
                                               {"org.freedesktop.systemd1.Unit", property});
     if (answer.readVariantText(value))
         return true;
-    reason = meaningOfFailure(answer);
+    reason = meaningOfUnansweredQuestion(answer);
     return false;
 }
 

@@ -21,15 +21,19 @@ public:
     explicit SystemdManager(std::chrono::milliseconds time);
 
     Status status(const std::string& unit);
-    /** Starts the unit and waits until it runs or has failed to. Running stands for success; never Stopped. */
-    Status start(const std::string& unit);
+    /**
+     * Starts the unit unless it runs, and waits until it runs or has failed to. A unit that was started is watched
+     * for @p settlingTime, if that much time is left. Running stands for success; never Stopped or Starting.
+     */
+    Status start(const std::string& unit, std::chrono::milliseconds settlingTime);
 
 private:
     /** Whether systemd is there; if not, @p reason says why. */
     bool find(Status& reason);
     Status loadedStatus(const std::string& unit);
-    /** The status a little later, if the unit runs now. */
-    Status settledStatus(const std::string& unit);
+    Status startLoaded(const std::string& unit, std::chrono::milliseconds settlingTime);
+    /** The status as soon as the unit does not run, or when the settling time is over. */
+    Status settledStatus(const std::string& unit, std::chrono::milliseconds settlingTime);
     bool readProperty(const std::string& path, const char* property, std::string& value, Status& reason);
     /** Running when the job could be done. */
     Status waitForJob(const std::string& job);

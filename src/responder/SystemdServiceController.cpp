@@ -39,7 +39,7 @@ ServiceController::Status ServiceController::status() const
 ServiceController::Status ServiceController::tryStart() const
 {
     const std::string unit = unitOfService(name);
-    return unit.empty() ? Status::NotInstalled : SystemdManager(startTime).start(unit);
+    return unit.empty() ? Status::NotInstalled : SystemdManager(startTime).start(unit, settlingTime);
 }
 
 } // namespace vd

@@ -3,12 +3,10 @@ import os
 import signal
 import socket
 import subprocess
-import time
 
 import pytest
 
-# Longer than anything here may take, so that a hang fails instead of blocking the run.
-LONGEST_RUN_S = 20
+from waiting import LONGEST_RUN_S, wait_until
 
 
 class Tool:
@@ -83,10 +81,3 @@ def bare_bus(tool, tmp_path):
     yield bus
     bus.send_signal(signal.SIGTERM)
     bus.wait()
-
-
-def wait_until(condition):
-    deadline = time.monotonic() + LONGEST_RUN_S
-    while not condition():
-        assert time.monotonic() < deadline, "waited in vain"
-        time.sleep(0.01)

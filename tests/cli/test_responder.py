@@ -1,6 +1,8 @@
 # SPDX-License-Identifier: MIT
 """What vd-discover responder answers where there is no service manager."""
 
+import os
+
 import pytest
 
 UNKNOWN = b"mdnsd is not known to be installed or running\n"
@@ -21,6 +23,21 @@ def test_a_bus_without_systemd_is_told(tool, bare_bus):
 
 def test_a_bus_that_hangs_does_not_hang_the_command(tool, silent_bus):
     assert tool.run("responder", "--start") == (1, UNKNOWN, NO_ANSWER)
+
+
+def test_an_answer_that_does_not_fit_is_told_with_the_remedy_of_the_question(tool):
+    with open("/dev/full", "wb") as full:
+        status, _, errors = tool.run("responder", stdout=full)
+    assert (status, errors) == (1, b"vd-discover: the results cannot be written: No space left on device; write them "
+                                   b"elsewhere\n" + NO_SYSTEMD)
+
+
+def test_an_answer_that_nobody_can_read_is_no_failure(tool):
+    reader, writer = os.pipe()
+    os.close(reader)
+    assert tool.run("responder", stdout=writer)[2] == NO_SYSTEMD
+    os.close(writer)
+    assert tool.run("responder", stdout=None, preexec_fn=lambda: os.close(1))[2] == NO_SYSTEMD
 
 
 def test_a_word_is_refused(tool):

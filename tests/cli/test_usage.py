@@ -17,7 +17,7 @@ def test_help_needs_no_bus_whatever_else_is_asked(tool):
 
 
 @pytest.mark.parametrize("command, beginning", [
-    ("publish", b"Usage: vd-discover publish NAME --type TYPE --zeph N --ip A.B.C.D\n"),
+    ("publish", b"Usage: vd-discover publish NAME --type TYPE [options]\n"),
     ("responder", b"Usage: vd-discover responder [--start]\n"),
 ])
 def test_each_command_has_a_help_of_its_own(tool, command, beginning):
@@ -62,7 +62,7 @@ def test_version_is_one_line(tool):
     (["responder", "-v"], "-v is an option of browse and publish, not of responder (see vd-discover responder "
                           "--help)"),
     (["browse", "_http"], '"_http" is not a service type: give one such as _http._tcp, which begins with _ and '
-                          "ends in ._tcp or ._udp"),
+                          "at least two characters behind it, and ends in ._tcp or ._udp"),
 ])
 def test_a_usage_error_is_one_line_on_standard_error_and_status_2(tool, arguments, error):
     assert tool.run(*arguments) == (2, b"", f"vd-discover: {error}\n".encode())

@@ -14,7 +14,7 @@ from labkit.reader import txt_of
 
 TYPE = "_setup._tcp"
 NAME = "Küche – Dock. 1"
-NEEDED = ("--type", TYPE, "--zeph", "0x0100ff", "--ip", "10.77.0.99", "--mask", "255.255.255.128")
+ORDINARY = ("--type", TYPE, "--zeph", "0x0100ff", "--ip", "10.77.0.99", "--mask", "255.255.255.128")
 PASSWORD = "Grüße = 1 2"
 TXT = [
     b"ZEPH.vandrel.com=\x01\x00\xff",
@@ -39,6 +39,8 @@ TAKEN = ("vd-discover: another service on the network has the name "
          f'"{NAME}"; choose another NAME\n').encode()
 HANG = (b"vd-discover: the Avahi daemon or the system bus does not answer; restart the daemon with "
         b'"sudo systemctl restart avahi-daemon"\n')
+REMAINS = (b"vd-discover: the Avahi daemon did not confirm the withdrawal, so the record may still be readable; "
+           b'restart it with "sudo systemctl restart avahi-daemon"\n')
 ENDED = (b"vd-discover: the connection to the Avahi daemon has ended; if it does not come back by itself, "
          b'start it with "sudo systemctl start avahi-daemon"; waiting for it\n')
 DAEMON = (b"vd-discover: the Avahi daemon is not running; start it with "
@@ -46,6 +48,9 @@ DAEMON = (b"vd-discover: the Avahi daemon is not running; start it with "
 BUS = (b'vd-discover: the D-Bus system bus cannot be reached; start it with "sudo systemctl start dbus", '
        b'or install it with "sudo apt install dbus"; waiting for it\n')
 BACK = b"vd-discover: the Avahi daemon answers; publishing\n"
+
+# Far more than what is told takes, and less than the 25 s after which D-Bus itself gives up.
+SOON_S = 10
 
 signals = pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
 
@@ -57,7 +62,7 @@ def with_password(lab):
 
 
 def publish(stage, lab, *options, host="viewer"):
-    return stage.discover(lab, "publish", NAME, *NEEDED, *options, host=host)
+    return stage.discover(lab, "publish", NAME, *ORDINARY, *options, host=host)
 
 
 def published(stage, *options, lab_options=PLAIN):
@@ -102,6 +107,21 @@ def test_what_is_left_out_is_published_empty(stage):
     assert sorted(txt_of(reader.wait_for("found", NAME))) == sorted(BARE_TXT)
 
 
+def test_addresses_that_are_left_out_are_published_as_zeros(stage):
+    lab = stage.lab()
+    reader = stage.reader(lab, TYPE)
+    running = stage.discover(lab, "publish", NAME, "--type", TYPE, "--dns", "10.0.0.1")
+    zeros = [re.sub(rb"^((ZEPH|NEWIP|MASK)\.[^=]*=)(.*)", lambda found: found[1] + bytes(len(found[3])), string,
+                    flags=re.DOTALL) for string in BARE_TXT]
+    assert sorted(txt_of(reader.wait_for("found", NAME))) == sorted(zeros)
+    assert running.wait_for_errors(3)[1:] == [
+        b"vd-discover: warning: without --zeph the record is meant for the device with the number 0; without --ip the "
+        b"record tells the device to take 0.0.0.0; without --mask the record tells the device to take the net mask "
+        b"0.0.0.0\n",
+        b"vd-discover: warning: no device but Snap Server storage is told of name servers, so without --kind snap the "
+        b"record holds none\n"]
+
+
 def test_avahi_browse_on_another_host_reads_the_same_strings(stage):
     lab = stage.lab(TWO_DAEMONS)
     running = publish(stage, lab, *with_password(lab), "--save")
@@ -133,7 +153,7 @@ def test_a_signal_withdraws_the_service_so_that_others_see_it_go(stage, number):
     _, running, reader = published(stage)
     status, output, errors, seconds = running.interrupt(number)
     assert (status, words(output.splitlines()), errors) == (0, ["established", "withdrawn"], WARNING)
-    assert seconds < 10
+    assert seconds < SOON_S
     # Without the goodbye the record would stay for more than an hour.
     assert reader.wait_for("lost", NAME)
 
@@ -154,7 +174,7 @@ def test_the_timeout_withdraws_the_service(stage):
     status, output, errors, seconds = running.wait()
     assert (status, words(output.splitlines()), errors) == (0, ["established", "withdrawn"], WARNING)
     # A timer of Qt may be early by a twentieth.
-    assert 5.7 < seconds < 8
+    assert 5.7 < seconds < 6 + SOON_S
     assert reader.wait_for("lost", NAME)
 
 
@@ -178,7 +198,7 @@ def test_a_name_that_another_service_has_is_told(stage, host, lab_options):
     second = publish(stage, lab, "--format", "json", "--save")
     status, output, errors, seconds = second.wait()
     assert (status, words(output.splitlines()), errors) == (1, ["collision"], WARNING + TAKEN)
-    assert seconds < 10
+    assert seconds < SOON_S
     assert words(first.output.all) == ["established"]
 
 
@@ -190,9 +210,9 @@ def test_the_service_is_published_again_after_the_daemon_or_the_bus_died(stage, 
     assert running.wait_for_errors(2) == [WARNING, ENDED]
     for step in returns:
         lab.fault("viewer", step)
-    assert words(running.wait_for_output(2)) == ["established", "established"]
+    assert words(running.wait_for_output(3)) == ["established", "lost", "established"]
     status, output, errors, _ = running.interrupt(signal.SIGINT)
-    assert (status, words(output.splitlines())) == (0, ["established", "established", "withdrawn"])
+    assert (status, words(output.splitlines())) == (0, ["established", "lost", "established", "withdrawn"])
     told = errors.splitlines(keepends=True)
     assert (told[1], told[-1]) == (ENDED, BACK)
     # While a bus dies and comes back, what is missing at the moment may be told too, each once.
@@ -206,32 +226,32 @@ def test_a_signal_is_obeyed_though_the_daemon_hangs(stage, number):
     lab.fault("viewer", "daemon-hang")
     begin = time.monotonic()
     status, output, errors, _ = running.interrupt(number)
-    assert time.monotonic() - begin < 2.5
-    assert (status, words(output.splitlines()), errors) == (0, ["established"], WARNING + HANG)
+    assert time.monotonic() - begin < SOON_S
+    assert (status, words(output.splitlines()), errors) == (0, ["established"], WARNING + HANG + REMAINS)
     # The daemon sees that its client is gone once it goes on.
     lab.fault("viewer", "daemon-continue")
     assert reader.wait_for("lost", NAME)
 
 
-def test_a_missing_daemon_is_told_with_the_remedy_within_2_seconds(stage):
+def test_a_missing_daemon_is_told_with_the_remedy_and_soon(stage):
     lab = stage.lab(NO_DAEMON)
     status, output, errors, seconds = publish(stage, lab).wait()
     assert (status, output, errors) == (3, b"", WARNING + DAEMON + b"\n")
-    assert seconds < 2
+    assert seconds < SOON_S
 
 
-def test_a_daemon_that_hangs_is_told_with_the_remedy_within_2_and_a_half_seconds(stage):
+def test_a_daemon_that_hangs_is_told_with_the_remedy_and_soon(stage):
     lab = stage.lab()
     lab.fault("viewer", "daemon-hang")
     status, output, errors, seconds = publish(stage, lab).wait()
     assert (status, output, errors) == (3, b"", WARNING + HANG)
-    assert seconds < 2.5
+    assert seconds < SOON_S
 
 
 def test_a_reader_of_the_output_that_goes_away_ends_the_publication(stage):
     lab = stage.lab()
     reader = stage.reader(lab, TYPE)
-    command = f"'{VD_DISCOVER}' publish Dock {' '.join(NEEDED)} | head -n 1"
+    command = f"'{VD_DISCOVER}' publish Dock {' '.join(ORDINARY)} | head -n 1"
     shell = lab.start("viewer", "sh", "-c", command)
     assert b"published  Dock" in shell.communicate(timeout=15)[0]
     assert reader.wait_for("lost", "Dock")

@@ -44,13 +44,13 @@ def test_a_stopped_service_is_told_started_and_told_to_run(boot):
     (None, "mdnsd is not installed",
      'there is no service mdnsd; install it with "sudo apt install mdnsd", or do without it, as browse and publish '
      "need the Avahi daemon only"),
-    (units.MASKED, "mdnsd is masked and not running",
+    (units.MASKED, "mdnsd is masked",
      'mdnsd is masked, so it cannot be started; allow it with "sudo systemctl unmask mdnsd"'),
-    (units.INVALID, "mdnsd is not installed properly and not running",
+    (units.INVALID, "mdnsd is not installed properly",
      'the unit file of mdnsd is not valid; see why with "systemctl status mdnsd" and mend it'),
-    (units.ENDS_AT_ONCE, "mdnsd is installed and not running; starting it failed",
+    (units.FAILS_TO_START, "mdnsd is installed; starting it failed",
      'mdnsd failed to start; see why with "journalctl -u mdnsd"'),
-    (units.BY_DEPENDENCY_ONLY, "mdnsd is installed and not running; it was not started",
+    (units.BY_DEPENDENCY_ONLY, "mdnsd is installed; it was not started",
      'the unit file of mdnsd forbids to start it by hand; see what starts it with "systemctl cat mdnsd"'),
 ], ids=["absent", "masked", "invalid", "failing", "refused"])
 def test_what_does_not_start_is_told_with_the_remedy(boot, mdnsd, finding, remedy):

@@ -14,6 +14,10 @@ pytestmark = pytest.mark.machine
 
 QUESTIONS = ("status", "isInstalled", "isRunning", "isServiceRunning")
 NOBODY = 65534
+# How much longer than its time a call may take on a busy machine.
+GRACE_MS = 3000
+# On a busy machine a program may need long to begin, and to end.
+WATCHFUL = ("--settling-ms", 9000)
 
 
 @pytest.fixture
@@ -72,13 +76,20 @@ def test_what_cannot_be_started_is_not_installed(mdnsd, status, started, probe_o
     assert probe.results("tryStart", "start", "startResponderService") == [started, False, False]
 
 
+@pytest.mark.parametrize("mdnsd", [units.PROGRAM_MISSING, units.ENDS_AT_ONCE],
+                         ids=["program missing", "ends at once"])
+def test_a_service_that_ends_as_soon_as_it_was_started_has_failed(mdnsd, probe_of):
+    _, probe = probe_of(mdnsd)
+
+    assert probe.results(*WATCHFUL, "status", "tryStart", "status", "start") == [
+        "Stopped", "StartFailed", "Stopped", False]
+
+
 @pytest.mark.parametrize("mdnsd, reason", [
     (units.FAILS_TO_START, "StartFailed"),
-    (units.PROGRAM_MISSING, "StartFailed"),
-    (units.ENDS_AT_ONCE, "StartFailed"),
     (units.ENDS_WELL, "StartFailed"),
     (units.BY_DEPENDENCY_ONLY, "StartRefused"),
-], ids=["fails", "program missing", "ends at once", "does its work and ends", "by dependency only"])
+], ids=["fails", "does its work and ends", "by dependency only"])
 def test_a_start_after_which_the_service_does_not_run_has_failed(mdnsd, reason, probe_of):
     _, probe = probe_of(mdnsd)
 
@@ -96,47 +107,55 @@ def test_an_alias_stands_for_its_service(probe_of):
 
 
 def test_a_start_waits_for_a_slow_service(probe_of):
-    _, probe = probe_of(units.ready_after(5))
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
+    start = probe.begin("tryStart")
+    machine.wait_for("mdnsd", "activating")
+    time.sleep(3)
+    machine.release()
 
-    answer = probe.answer("tryStart")
+    [answer] = probe.end(start)
 
     assert answer.result == "Running"
-    assert 5000 <= answer.ms < 7000
+    assert answer.ms >= 3000
 
 
 def test_a_service_that_is_starting_does_not_run_yet(probe_of):
-    machine, probe = probe_of(units.ready_after(60))
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
     machine.tell_systemd("StartUnit", "mdnsd.service", "replace")
     machine.wait_for("mdnsd", "activating")
 
-    assert probe.results(*QUESTIONS) == ["Stopped", True, False, False]
+    assert probe.results(*QUESTIONS) == ["Starting", True, False, False]
 
 
 def test_a_start_joins_one_that_is_under_way(probe_of):
-    machine, probe = probe_of(units.ready_after(2))
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
     machine.tell_systemd("StartUnit", "mdnsd.service", "replace")
     machine.wait_for("mdnsd", "activating")
+    start = probe.begin("status", "tryStart")
+    time.sleep(1)
+    machine.release()
 
-    assert probe.answer("tryStart").result == "Running"
+    assert [answer.result for answer in probe.end(start)] == ["Starting", "Running"]
 
 
 def test_a_start_that_is_slower_than_its_time_is_given_up_and_goes_on(probe_of):
-    machine, probe = probe_of(units.ready_after(2))
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
 
-    answer = probe.answer("--start-ms", 500, "tryStart")
+    answer = probe.answer("--start-ms", 2000, "tryStart")
 
     assert answer.result == "StillStarting"
-    assert 500 <= answer.ms < 1000
+    assert 2000 <= answer.ms < 2000 + GRACE_MS
+    machine.release()
     machine.wait_for("mdnsd", "active")
 
 
 def test_a_start_has_ten_seconds(probe_of):
-    _, probe = probe_of(units.ready_after(60))
+    _, probe = probe_of(units.READY_ONCE_RELEASED)
 
     answer = probe.answer("startResponderService")
 
     assert answer.result is False
-    assert 10000 <= answer.ms < 11000
+    assert 10000 <= answer.ms < 10000 + GRACE_MS
 
 
 def test_a_service_that_reloads_runs(probe_of):
@@ -150,10 +169,11 @@ def test_a_service_that_reloads_runs(probe_of):
 
 
 def test_a_start_outlives_a_reload_of_systemd(probe_of):
-    machine, probe = probe_of(units.ready_after(2))
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
     start = probe.begin("tryStart")
     machine.wait_for("mdnsd", "activating")
     machine.tell_systemd("Reload")
+    machine.release()
 
     assert [answer.result for answer in probe.end(start)] == ["Running"]
 
@@ -169,47 +189,63 @@ def test_a_service_that_failed_before_is_started(probe_of):
 
 
 def test_a_bus_that_dies_during_a_start_ends_it_at_once(probe_of):
-    machine, probe = probe_of(units.ready_after(60))
-    start = probe.begin("tryStart", "openFiles")
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
+    start = probe.begin("tryStart")
     machine.wait_for("mdnsd", "activating")
     killed_at = time.monotonic()
     machine.signal("dbus-daemon", signal.SIGKILL)
 
     assert probe.end(start)[0].result == "NoServiceManager"
-    assert time.monotonic() - killed_at < 3
+    assert time.monotonic() - killed_at < 10
 
 
 @pytest.mark.parametrize("daemon", ["systemd", "dbus-daemon"])
 def test_a_daemon_that_hangs_costs_the_time_of_the_question_and_no_more(daemon, probe_of):
-    machine, probe = probe_of(units.SOUND)
+    machine, _ = probe_of(units.SOUND)
+    probe = Probe(machine.address, options=())
     machine.signal(daemon, signal.SIGSTOP)
 
     for operation in ("isInstalled", "isRunning", "isServiceRunning", "startResponderService"):
         answer = probe.answer(operation)
 
         assert answer.result is False
-        assert 2000 <= answer.ms < 2500
+        assert 2000 <= answer.ms < 2000 + GRACE_MS
     assert probe.answer("--start-ms", 700, "tryStart").result == "NoAnswer"
 
 
 def test_a_daemon_that_hangs_during_a_start_costs_the_time_of_the_start_and_no_more(probe_of):
-    machine, probe = probe_of(units.ready_after(60))
-    start = probe.begin("--start-ms", 3000, "tryStart")
+    machine, probe = probe_of(units.READY_ONCE_RELEASED)
+    start = probe.begin("--start-ms", 6000, "tryStart")
     machine.wait_for("mdnsd", "activating")
     machine.signal("systemd", signal.SIGSTOP)
 
     [answer] = probe.end(start)
 
     assert answer.result == "StillStarting"
-    assert 3000 <= answer.ms < 3500
+    assert 6000 <= answer.ms < 6000 + GRACE_MS
 
 
-def test_a_user_without_rights_learns_that_the_service_is_stopped_and_may_not_start_it(probe_of, open_folder):
-    machine, _ = probe_of(units.SOUND)
+@pytest.fixture
+def probe_without_rights(open_folder):
     # They may stand where that user cannot look.
     for file in (Probe.PROGRAM, BUILD / "src" / "libvddiscovery.so.0"):
         shutil.copy(file, open_folder)
-    probe = Probe(machine.address, program=open_folder / Probe.PROGRAM.name, user=NOBODY)
+    return lambda machine: Probe(machine.address, program=open_folder / Probe.PROGRAM.name, user=NOBODY)
+
+
+def test_a_user_without_rights_learns_that_the_service_is_stopped_and_may_not_start_it(probe_of,
+                                                                                       probe_without_rights):
+    machine, _ = probe_of(units.SOUND)
+    probe = probe_without_rights(machine)
 
     assert probe.results("status", "tryStart", "startResponderService") == ["Stopped", "NotAllowed", False]
     assert machine.active_state("mdnsd") == "inactive"
+
+
+def test_a_user_without_rights_need_not_start_what_runs(probe_of, probe_without_rights):
+    machine, _ = probe_of(units.SOUND)
+    machine.tell_systemd("StartUnit", "mdnsd.service", "replace")
+    machine.wait_for("mdnsd", "active")
+
+    assert probe_without_rights(machine).results("tryStart", "start", "startResponderService") == [
+        "Running", True, True]

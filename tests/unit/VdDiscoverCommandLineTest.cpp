@@ -2,6 +2,9 @@
 #include "CommandLine.h"
 #include "HelpText.h"
 
+#include <QtCore/QCommandLineOption>
+#include <QtCore/QMap>
+
 #include <gtest/gtest.h>
 
 using vd::discover::BrowseOptions;
@@ -63,8 +66,8 @@ std::string countError(const std::string& value)
 std::string typeError(const std::string& value)
 {
     return "\"" + value
-           + "\" is not a service type: give one such as _http._tcp, which begins with _ and ends in ._tcp or "
-             "._udp";
+           + "\" is not a service type: give one such as _http._tcp, which begins with _ and at least two "
+             "characters behind it, and ends in ._tcp or ._udp";
 }
 
 } // namespace
@@ -241,6 +244,20 @@ TEST(VdDiscoverCommandLine, EachCommandHasAHelpOfItsOwn)
 {
     EXPECT_EQ(textOf("publish -h --count 0"), vd::discover::publishHelp().toStdString());
     EXPECT_EQ(textOf("--help responder"), vd::discover::responderHelp().toStdString());
+}
+
+TEST(VdDiscoverCommandLine, AnOptionOfTwoCommandsIsTheSameForBoth)
+{
+    QMap<QString, QCommandLineOption> known;
+    const auto all = vd::discover::browseOptionList() + vd::discover::publishOptionList()
+                     + vd::discover::responderOptionList();
+    for (const QCommandLineOption& option : all) {
+        const QString name = option.names().last();
+        const QCommandLineOption first = known.value(name, option);
+        EXPECT_EQ(option.names(), first.names());
+        EXPECT_EQ(option.valueName(), first.valueName());
+        known.insert(name, first);
+    }
 }
 
 TEST(VdDiscoverCommandLine, AnOptionOfAnotherCommandIsRefused)

@@ -4,6 +4,7 @@
 
 #include "support/StandardStreamCapture.h"
 
+#include <QtCore/QDir>
 #include <QtCore/QTemporaryDir>
 
 #include <gtest/gtest.h>
@@ -13,13 +14,19 @@
 #include <string>
 #include <thread>
 
-#include <sys/stat.h>
+#include <sys/prctl.h>
 #include <termios.h>
 
 using vd::discover::readPassword;
 using vd::discover::UsageError;
 
 namespace {
+
+const char MISSING[]
+    = "the file named by --password-file does not exist; give one that holds the password, or - for "
+      "standard input";
+// A process that waits in vain is not left behind.
+const unsigned LONGEST_LIFE_S = 10;
 
 /** Takes the place of standard input while it lives. */
 class StandardInput
@@ -36,6 +43,39 @@ public:
 
 private:
     int m_outer;
+};
+
+/** Takes the place of standard error while it lives, and lets nothing be written until it is emptied. */
+class FullErrors
+{
+public:
+    FullErrors() : m_outer(dup(STDERR_FILENO))
+    {
+        EXPECT_EQ(pipe(m_ends), 0);
+        const std::string filling(static_cast<std::size_t>(fcntl(m_ends[1], F_SETPIPE_SZ, 4096)), '.');
+        EXPECT_EQ(write(m_ends[1], filling.data(), filling.size()), static_cast<ssize_t>(filling.size()));
+        dup2(m_ends[1], STDERR_FILENO);
+    }
+
+    ~FullErrors()
+    {
+        dup2(m_outer, STDERR_FILENO);
+        for (const int descriptor : {m_outer, m_ends[0], m_ends[1]})
+            close(descriptor);
+    }
+
+    FullErrors(const FullErrors&) = delete;
+    FullErrors& operator=(const FullErrors&) = delete;
+
+    void empty() const
+    {
+        char filling[65536];
+        EXPECT_GT(read(m_ends[0], filling, sizeof filling), 0);
+    }
+
+private:
+    int m_outer;
+    int m_ends[2] = {-1, -1};
 };
 
 class VdDiscoverPassword : public testing::Test
@@ -117,6 +157,31 @@ protected:
         return std::string(block, size > 0 ? static_cast<std::size_t>(size) : 0);
     }
 
+    /** Somebody at the keyboard. Signals from there go to the program, of which this thread is no part. */
+    template <class Work>
+    static std::thread typist(Work work)
+    {
+        return std::thread([work] {
+            sigset_t all;
+            sigfillset(&all);
+            pthread_sigmask(SIG_BLOCK, &all, nullptr);
+            work();
+        });
+    }
+
+    /** Asks in the foreground, where @p number ends the process; it comes from @p sender's thread. */
+    template <class Work>
+    [[noreturn]] void askInTheForeground(int number, Work sender)
+    {
+        alarm(LONGEST_LIFE_S);
+        setsid();
+        std::signal(number, SIG_DFL);
+        const StandardInput input(terminal);
+        std::thread thread = typist(sender);
+        readPassword(QStringLiteral("-"));
+        _exit(99);
+    }
+
     int keyboard = -1;
     int terminal = -1;
 };
@@ -176,7 +241,15 @@ TEST_F(VdDiscoverPassword, AFileWithoutEndIsNotReadToIt)
 TEST_F(VdDiscoverPassword, AFileThatIsMissingIsRefused)
 {
     const QString path = folder.filePath(QStringLiteral("none"));
-    EXPECT_EQ(errorOf(path), unreadable('"' + path.toStdString() + '"', "No such file or directory"));
+    EXPECT_EQ(errorOf(path), MISSING);
+}
+
+TEST_F(VdDiscoverPassword, APasswordInPlaceOfAFilesNameIsNotRepeated)
+{
+    EXPECT_EQ(errorOf(QStringLiteral("secret\x1b[31m")), MISSING);
+    EXPECT_EQ(errorOf(QString(300, QLatin1Char('s'))), unreadable("the file that it names", "File name too long"));
+    EXPECT_EQ(errorOf(fileWith("") + QStringLiteral("/secret")),
+              unreadable("the file that it names", "Not a directory"));
 }
 
 TEST_F(VdDiscoverPassword, AFolderIsRefused)
@@ -186,8 +259,19 @@ TEST_F(VdDiscoverPassword, AFolderIsRefused)
 
 TEST_F(VdDiscoverPassword, AFilesNameIsSafeToPrint)
 {
-    EXPECT_EQ(errorOf(QStringLiteral("/none\x1b[31m")),
-              unreadable("\"/none\\x1b[31m\"", "No such file or directory"));
+    const QString path = folder.filePath(QStringLiteral("odd\x1b[31m"));
+    ASSERT_TRUE(QDir().mkdir(path));
+    EXPECT_EQ(errorOf(path), unreadable('"' + folder.filePath(QStringLiteral("odd\\x1b[31m")).toStdString() + '"',
+                                        "Is a directory"));
+}
+
+TEST_F(VdDiscoverPassword, ACrashLeavesNoneOfItBehind)
+{
+    prctl(PR_SET_DUMPABLE, 1);
+    passwordIn("secret");
+    const int isDumpable = prctl(PR_GET_DUMPABLE);
+    prctl(PR_SET_DUMPABLE, 1);
+    EXPECT_EQ(isDumpable, 0);
 }
 
 TEST_F(VdDiscoverPassword, AMinusIsStandardInput)
@@ -219,15 +303,33 @@ TEST_F(VdDiscoverPasswordPrompt, WhatIsTypedIsNotShown)
 {
     const StandardInput input(terminal);
     const CapturedOutput errors(STDERR_FILENO);
-    std::thread typist([this] {
-        waitUntilHidden();
+    std::thread thread = typist([this, &errors] {
+        while (errors.text() != QByteArray("Password: "))
+            usleep(100);
         EXPECT_EQ(write(keyboard, "secret\n", 7), 7);
     });
     EXPECT_EQ(readPassword(QStringLiteral("-")).toStdString(), "secret");
-    typist.join();
+    thread.join();
     EXPECT_EQ(errors.text(), QByteArray("Password: "));
     EXPECT_EQ(takeShown(), "\r\n");
     EXPECT_TRUE(isShowing());
+}
+
+TEST_F(VdDiscoverPasswordPrompt, TypingIsHiddenBeforeAnybodyIsAsked)
+{
+    const StandardInput input(terminal);
+    const FullErrors errors;
+    bool isHiddenBefore = false;
+    std::thread thread = typist([&] {
+        waitUntilHidden();
+        isHiddenBefore = !isShowing();
+        errors.empty();
+        waitUntilHidden();
+        EXPECT_EQ(write(keyboard, "secret\n", 7), 7);
+    });
+    readPassword(QStringLiteral("-"));
+    thread.join();
+    EXPECT_TRUE(isHiddenBefore);
 }
 
 TEST_F(VdDiscoverPasswordPrompt, AnInterruptThatIsIgnoredStaysSo)
@@ -235,13 +337,13 @@ TEST_F(VdDiscoverPasswordPrompt, AnInterruptThatIsIgnoredStaysSo)
     const auto outer = std::signal(SIGINT, SIG_IGN);
     const StandardInput input(terminal);
     const CapturedOutput errors(STDERR_FILENO);
-    std::thread typist([this] {
+    std::thread thread = typist([this] {
         waitUntilHidden();
         kill(getpid(), SIGINT);
         EXPECT_EQ(write(keyboard, "secret\n", 7), 7);
     });
     EXPECT_EQ(readPassword(QStringLiteral("-")).toStdString(), "secret");
-    typist.join();
+    thread.join();
     std::signal(SIGINT, outer);
     EXPECT_EQ(errors.text(), QByteArray("Password: "));
 }
@@ -252,33 +354,48 @@ TEST_F(VdDiscoverPasswordPrompt, WhoComesBackFromAStopIsAskedAgain)
     const auto outer = std::signal(SIGTSTP, [](int) {});
     const StandardInput input(terminal);
     const CapturedOutput errors(STDERR_FILENO);
-    std::thread typist([this, &errors] {
+    std::thread thread = typist([this, &errors] {
         waitUntilHidden();
         kill(getpid(), SIGTSTP);
         while (errors.text() != QByteArray("Password: Password: "))
-            usleep(1000);
-        waitUntilHidden();
+            usleep(100);
         EXPECT_EQ(write(keyboard, "secret\n", 7), 7);
     });
     EXPECT_EQ(readPassword(QStringLiteral("-")).toStdString(), "secret");
-    typist.join();
+    thread.join();
     std::signal(SIGTSTP, outer);
     EXPECT_TRUE(isShowing());
 }
 
-TEST_F(VdDiscoverPasswordPrompt, AnInterruptEndsTheProcessAndShowsTypingAgain)
+TEST_F(VdDiscoverPasswordPrompt, ASignalThatEndsTheProcessShowsTypingAgain)
 {
-    const auto askInTheForeground = [this] {
-        setsid();
-        std::signal(SIGINT, SIG_DFL);
-        const StandardInput input(terminal);
-        std::thread typist([this] {
+    for (const int number : {SIGINT, SIGTERM, SIGHUP, SIGQUIT}) {
+        const auto sendOnceHidden = [this, number] {
             waitUntilHidden();
-            kill(getpid(), SIGINT);
+            kill(getpid(), number);
+        };
+        EXPECT_EXIT(askInTheForeground(number, sendOnceHidden), testing::KilledBySignal(number),
+                    "^(Password: )?$");
+        EXPECT_TRUE(isShowing());
+    }
+}
+
+TEST_F(VdDiscoverPasswordPrompt, ASignalThatComesBeforeTheWaitingIsNotLost)
+{
+    const auto askBehindTheSignal = [this] {
+        const FullErrors errors;
+        askInTheForeground(SIGTERM, [this, &errors] {
+            waitUntilHidden();
+            kill(getpid(), SIGTERM);
+            // Time enough for the asking thread to take it, which would be too early.
+            usleep(20000);
+            sigset_t pending;
+            sigpending(&pending);
+            if (sigismember(&pending, SIGTERM) != 1)
+                _exit(98);
+            errors.empty();
         });
-        readPassword(QStringLiteral("-"));
-        typist.join();
     };
-    EXPECT_EXIT(askInTheForeground(), testing::KilledBySignal(SIGINT), "^Password: $");
+    EXPECT_EXIT(askBehindTheSignal(), testing::KilledBySignal(SIGTERM), "^$");
     EXPECT_TRUE(isShowing());
 }

@@ -71,6 +71,7 @@ TEST(VdDiscoverPublicationText, WhatStandardErrorTellsOfIsNoLine)
 {
     EXPECT_EQ(vd::discover::publicationLine(PublicationEvent::Collision, NOON, dockSetup()), QByteArray());
     EXPECT_EQ(vd::discover::publicationLine(PublicationEvent::Failure, NOON, dockSetup()), QByteArray());
+    EXPECT_EQ(vd::discover::publicationLine(PublicationEvent::Lost, NOON, dockSetup()), QByteArray());
 }
 
 TEST(VdDiscoverPublicationText, ALineBeginsWithTheLocalTime)
@@ -91,5 +92,6 @@ TEST(VdDiscoverPublicationText, JsonHasAWordForEveryEvent)
     EXPECT_EQ(jsonOf(PublicationEvent::Established), jsonWith("established"));
     EXPECT_EQ(jsonOf(PublicationEvent::Collision), jsonWith("collision"));
     EXPECT_EQ(jsonOf(PublicationEvent::Failure), jsonWith("failure"));
+    EXPECT_EQ(jsonOf(PublicationEvent::Lost), jsonWith("lost"));
     EXPECT_EQ(jsonOf(PublicationEvent::Withdrawn), jsonWith("withdrawn"));
 }

@@ -32,6 +32,11 @@ const char ENDED[]
     = "vd-discover: the connection to the Avahi daemon has ended; if it does not come back by itself, "
       "start it with \"sudo systemctl start avahi-daemon\"";
 
+const char REMAINS[] = "vd-discover: the Avahi daemon did not confirm the withdrawal, so the record may still be "
+                       "readable; restart it with \"sudo systemctl restart avahi-daemon\"";
+const char NOT_PUBLISHED[]
+    = "vd-discover: the service was not published, as the run ended before it was established";
+
 // As a call to a daemon that hangs does.
 void block()
 {
@@ -189,6 +194,13 @@ TEST_F(VdDiscoverPublishCommand, WarnsOfNoPasswordWhereThereIsNone)
     EXPECT_EQ(errors.text().toStdString(), std::string(WARNING) + "\n");
 }
 
+TEST_F(VdDiscoverPublishCommand, WarnsOfWhatTheUserMayNotHaveMeant)
+{
+    options.warnings = QStringList{QStringLiteral("one thing"), QStringLiteral("another")};
+    start();
+    EXPECT_EQ(said(), (Lines{"vd-discover: warning: one thing", "vd-discover: warning: another"}));
+}
+
 TEST_F(VdDiscoverPublishCommand, TellsThatTheServiceIsEstablishedOnceOnly)
 {
     start();
@@ -234,21 +246,50 @@ TEST_F(VdDiscoverPublishCommand, AtTheEndWithdrawsAndThenEndsBrowsing)
     EXPECT_EQ(said(), Lines{});
 }
 
-TEST_F(VdDiscoverPublishCommand, AWithdrawalThatFailsIsNotTold)
+TEST_F(VdDiscoverPublishCommand, OfAWithdrawalThatFailsIsToldThatTheRecordMayRemain)
 {
     startPublished();
     avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
     EXPECT_EQ(end(), 0);
+    EXPECT_EQ(said(), Lines{REMAINS});
     EXPECT_EQ(events(), Lines{"established"});
     EXPECT_EQ(avahi.liveHandles(), Lines{});
 }
 
-TEST_F(VdDiscoverPublishCommand, WhatWasNeverEstablishedIsStatusOneAndNotWithdrawn)
+TEST_F(VdDiscoverPublishCommand, OfAWithdrawalThatFailsInItsSecondStepIsToldThatTheRecordMayRemain)
+{
+    startPublished();
+    avahi.failNext("entry_group_free", AVAHI_ERR_BAD_STATE);
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(said(), Lines{REMAINS});
+    EXPECT_EQ(events(), Lines{"established"});
+    EXPECT_EQ(avahi.liveHandles(), Lines{});
+}
+
+TEST_F(VdDiscoverPublishCommand, OfAWithdrawalThatFailsBeforeTheServiceIsEstablishedIsToldToo)
+{
+    start();
+    avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
+    EXPECT_EQ(end(), 1);
+    EXPECT_EQ(said(), (Lines{REMAINS, NOT_PUBLISHED}));
+}
+
+TEST_F(VdDiscoverPublishCommand, WhatFailedDoesNotRemainThoughItsWithdrawalFails)
+{
+    start();
+    avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION);
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(said(), Lines{NAME_TAKEN});
+}
+
+TEST_F(VdDiscoverPublishCommand, WhatWasNeverEstablishedIsStatusOneAndToldNotToBePublished)
 {
     start();
     EXPECT_EQ(end(), 1);
     EXPECT_EQ(events(), Lines{});
-    EXPECT_EQ(said(), Lines{});
+    EXPECT_EQ(said(), Lines{NOT_PUBLISHED});
     EXPECT_EQ(avahi.liveHandles(), Lines{});
 }
 
@@ -365,8 +406,9 @@ TEST_F(VdDiscoverPublishCommand, PublishesAgainAfterTheDaemonDied)
     daemon.state = AVAHI_CLIENT_S_RUNNING;
     passTime(RETRY_MS + RETRY_MS / 2);
     EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2", "group2"}));
+    EXPECT_EQ(events(), (Lines{"established", "lost"}));
     avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED, 2);
-    EXPECT_EQ(events(), (Lines{"established", "established"}));
+    EXPECT_EQ(events(), (Lines{"established", "lost", "established"}));
     EXPECT_EQ(said(), (Lines{std::string(ENDED) + "; waiting for it",
                              "vd-discover: the Avahi daemon answers; publishing"}));
     EXPECT_EQ(end(), 0);
@@ -378,7 +420,7 @@ TEST_F(VdDiscoverPublishCommand, EndsWhileItWaitsForTheDaemonWithoutAWithdrawal)
     clientBecomes(AVAHI_CLIENT_FAILURE);
     processEvents();
     EXPECT_EQ(end(), 0);
-    EXPECT_EQ(events(), Lines{"established"});
+    EXPECT_EQ(events(), (Lines{"established", "lost"}));
 }
 
 TEST_F(VdDiscoverPublishCommand, WaitsForTheHostNameToBeSettled)
@@ -414,6 +456,37 @@ TEST_F(VdDiscoverPublishCommand, PublishesAnewUnderANewHostName)
     EXPECT_EQ(takeFunctions(), (Lines{"entry_group_new", "entry_group_add_service_strlst", "entry_group_commit"}));
     avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED, 2);
     EXPECT_EQ(events(), (Lines{"established", "withdrawn", "established"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, AWithdrawalFromAnOldHostNameThatFailsIsNotTold)
+{
+    startPublished();
+    avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
+    clientBecomes(AVAHI_CLIENT_S_COLLISION);
+    processEvents();
+    EXPECT_EQ(events(), Lines{"established"});
+}
+
+TEST_F(VdDiscoverPublishCommand, ASlowReaderOfTheOutputIsNotTakenForADaemonThatHangs)
+{
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    const QByteArray filling(fcntl(ends[1], F_SETPIPE_SZ, 4096), '.');
+    ASSERT_EQ(write(ends[1], filling.constData(), static_cast<size_t>(filling.size())), filling.size());
+    dup2(ends[1], STDOUT_FILENO);
+    close(ends[1]);
+    std::thread reader([&ends] {
+        // Longer than a daemon may take for its answer.
+        std::this_thread::sleep_for(std::chrono::milliseconds(2000));
+        char block[4096];
+        EXPECT_GT(read(ends[0], block, sizeof block), 0);
+    });
+    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED); });
+    start();
+    reader.join();
+    EXPECT_EQ(said(), Lines{});
+    EXPECT_EQ(end(), 0);
+    close(ends[0]);
 }
 
 TEST_F(VdDiscoverPublishCommand, AfterTheTimeoutWithdraws)
@@ -521,26 +594,27 @@ protected:
     const std::string warning = "^" + std::string(WARNING) + ", password included\n";
     const std::string remedy = warning
                                + "vd-discover: the Avahi daemon or the system bus does not answer; restart the "
-                                 "daemon with \"sudo systemctl restart avahi-daemon\"\n$";
+                                 "daemon with \"sudo systemctl restart avahi-daemon\"\n";
+    const std::string remedyAndRemains = remedy + REMAINS + "\n$";
 };
 
 TEST_F(VdDiscoverPublishHang, ARegistrationWithoutAnAnswerIsStatusThree)
 {
-    EXPECT_EXIT(blockInTheFirstRegistration(), testing::ExitedWithCode(3), remedy);
+    EXPECT_EXIT(blockInTheFirstRegistration(), testing::ExitedWithCode(3), remedy + "$");
 }
 
 TEST_F(VdDiscoverPublishHang, AWithdrawalWithoutAnAnswerIsNotHeldUpAndNotTold)
 {
-    EXPECT_EXIT(blockInAWithdrawal(), testing::ExitedWithCode(0), remedy);
+    EXPECT_EXIT(blockInAWithdrawal(), testing::ExitedWithCode(0), remedyAndRemains);
     EXPECT_EQ(events(), Lines{"established"});
 }
 
 TEST_F(VdDiscoverPublishHang, ASignalIsNotHeldUp)
 {
-    EXPECT_EXIT(blockAtASignal(), testing::ExitedWithCode(0), remedy);
+    EXPECT_EXIT(blockAtASignal(), testing::ExitedWithCode(0), remedyAndRemains);
 }
 
 TEST_F(VdDiscoverPublishHang, TheTimeoutIsNotHeldUp)
 {
-    EXPECT_EXIT(blockAfterTheTimeout(), testing::ExitedWithCode(0), remedy);
+    EXPECT_EXIT(blockAfterTheTimeout(), testing::ExitedWithCode(0), remedyAndRemains);
 }

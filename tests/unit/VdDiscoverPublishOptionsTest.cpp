@@ -15,8 +15,8 @@ using vd::discover::UsageError;
 
 namespace {
 
-const QStringList NEEDED = {QStringLiteral("--type=_setup._tcp"), QStringLiteral("--zeph=1"),
-                            QStringLiteral("--ip=192.168.1.10"), QStringLiteral("--mask=255.255.255.0")};
+const QStringList ORDINARY = {QStringLiteral("--type=_setup._tcp"), QStringLiteral("--zeph=1"),
+                              QStringLiteral("--ip=192.168.1.10"), QStringLiteral("--mask=255.255.255.0")};
 
 CommandLine readArguments(const QStringList& arguments)
 {
@@ -24,24 +24,24 @@ CommandLine readArguments(const QStringList& arguments)
                                          + arguments);
 }
 
-/** The options that are needed, each replaced by the one of the same name in @p more if there is one, and these. */
-QStringList neededAnd(const QStringList& more)
+/** Options with which nothing is amiss, but for those that @p more has another value for, and all of @p more. */
+QStringList ordinaryAnd(const QStringList& more)
 {
     QStringList arguments = {QStringLiteral("Setup")};
-    for (const QString& needed : NEEDED) {
-        const QString name = needed.section(QLatin1Char('='), 0, 0) + QLatin1Char('=');
+    for (const QString& ordinary : ORDINARY) {
+        const QString name = ordinary.section(QLatin1Char('='), 0, 0) + QLatin1Char('=');
         bool isReplaced = false;
         for (const QString& argument : more)
             isReplaced = isReplaced || argument.startsWith(name);
         if (!isReplaced)
-            arguments.append(needed);
+            arguments.append(ordinary);
     }
     return arguments + more;
 }
 
 PublishOptions readWith(const QStringList& more = QStringList())
 {
-    const CommandLine commandLine = readArguments(neededAnd(more));
+    const CommandLine commandLine = readArguments(ordinaryAnd(more));
     const UsageError* error = std::get_if<UsageError>(&commandLine);
     EXPECT_EQ(error ? error->message.toStdString() : "", "");
     const PublishOptions* options = std::get_if<PublishOptions>(&commandLine);
@@ -53,6 +53,27 @@ PublishOptions readWith(const char* more)
     return readWith(QString::fromUtf8(more).split(QLatin1Char(' ')));
 }
 
+/** A NAME, a type and @p more. */
+PublishOptions readOnly(std::initializer_list<const char*> more)
+{
+    QStringList arguments = {QStringLiteral("Setup"), ORDINARY.first()};
+    for (const char* argument : more)
+        arguments.append(QLatin1String(argument));
+    const CommandLine commandLine = readArguments(arguments);
+    const PublishOptions* options = std::get_if<PublishOptions>(&commandLine);
+    EXPECT_TRUE(options);
+    return options ? *options : PublishOptions();
+}
+
+/** Each with a line feed. */
+std::string warningsOf(const PublishOptions& options)
+{
+    std::string lines;
+    for (const QString& warning : options.warnings)
+        lines += warning.toStdString() + '\n';
+    return lines;
+}
+
 std::string errorOf(const QStringList& arguments)
 {
     const CommandLine commandLine = readArguments(arguments);
@@ -62,12 +83,12 @@ std::string errorOf(const QStringList& arguments)
 
 std::string errorWith(const QString& more)
 {
-    return errorOf(neededAnd(QStringList(more)));
+    return errorOf(ordinaryAnd(QStringList(more)));
 }
 
 std::string errorWith(const char* more)
 {
-    return errorOf(neededAnd(QString::fromUtf8(more).split(QLatin1Char(' '))));
+    return errorOf(ordinaryAnd(QString::fromUtf8(more).split(QLatin1Char(' '))));
 }
 
 std::string bytesOf(quint32 member)
@@ -155,28 +176,35 @@ TEST(VdDiscoverPublishOptions, ANumberThatDoesNotFitOrCouldMeanTwoThingsIsRefuse
     }
 }
 
-TEST(VdDiscoverPublishOptions, WhatADeviceWouldBeLostWithoutIsNeeded)
+TEST(VdDiscoverPublishOptions, ATypeIsNeeded)
 {
-    const auto needs = [](const std::string& option, const std::string& example) {
-        return "publish needs --" + option + ", such as --" + option + ' ' + example
-               + " (see vd-discover publish --help)";
-    };
-    const QStringList all = QStringList(QStringLiteral("Setup")) + NEEDED;
-    const auto without = [&all](int index) {
-        QStringList rest = all;
-        rest.removeAt(index);
-        return errorOf(rest);
-    };
-    EXPECT_EQ(without(1), needs("type", "_setup._tcp"));
-    EXPECT_EQ(without(2), needs("zeph", "0x0a0b0c"));
-    EXPECT_EQ(without(3), needs("ip", "192.168.1.10"));
-    EXPECT_EQ(without(4), needs("mask", "255.255.255.0"));
+    EXPECT_EQ(errorOf({QStringLiteral("Setup")}),
+              "publish needs --type, such as --type _setup._tcp (see vd-discover publish --help)");
+}
+
+TEST(VdDiscoverPublishOptions, NothingIsWarnedOfWhereNothingIsAmiss)
+{
+    EXPECT_EQ(warningsOf(readWith()), "");
+    EXPECT_EQ(warningsOf(readWith("--kind snap --dns 1.2.3.4")), "");
+}
+
+TEST(VdDiscoverPublishOptions, WhatTheRecordHoldsZerosForIsWarnedOfInOneLine)
+{
+    const std::string zeph = "without --zeph the record is meant for the device with the number 0";
+    const std::string ip = "without --ip the record tells the device to take 0.0.0.0";
+    const std::string mask = "without --mask the record tells the device to take the net mask 0.0.0.0";
+    const PublishOptions options = readOnly({});
+    EXPECT_EQ(options.info.zephValue | options.info.newIp | options.info.netMask, 0u);
+    EXPECT_EQ(warningsOf(options), zeph + "; " + ip + "; " + mask + '\n');
+    EXPECT_EQ(warningsOf(readOnly({"--ip=10.0.0.1", "--mask=255.0.0.0"})), zeph + '\n');
+    EXPECT_EQ(warningsOf(readOnly({"--zeph=0", "--mask=255.0.0.0"})), ip + '\n');
+    EXPECT_EQ(warningsOf(readOnly({"--zeph=0", "--ip=10.0.0.0"})), mask + '\n');
 }
 
 TEST(VdDiscoverPublishOptions, ANameIsNeeded)
 {
-    EXPECT_EQ(errorOf(NEEDED), "publish needs a NAME for the service, as in vd-discover publish Setup "
-                               "(see vd-discover publish --help)");
+    EXPECT_EQ(errorOf(ORDINARY), "publish needs a NAME for the service, as in vd-discover publish Setup "
+                                 "(see vd-discover publish --help)");
 }
 
 TEST(VdDiscoverPublishOptions, OneNameIsEnough)
@@ -187,10 +215,10 @@ TEST(VdDiscoverPublishOptions, OneNameIsEnough)
 
 TEST(VdDiscoverPublishOptions, ANameMayBeThatOfACommandAndBeginWithADash)
 {
-    EXPECT_EQ(std::get<PublishOptions>(readArguments(QStringList(QStringLiteral("publish")) + NEEDED)).name,
+    EXPECT_EQ(std::get<PublishOptions>(readArguments(QStringList(QStringLiteral("publish")) + ORDINARY)).name,
               QStringLiteral("publish"));
     EXPECT_EQ(std::get<PublishOptions>(
-                  readArguments(NEEDED + QStringList{QStringLiteral("--"), QStringLiteral("-x")}))
+                  readArguments(ORDINARY + QStringList{QStringLiteral("--"), QStringLiteral("-x")}))
                   .name,
               QStringLiteral("-x"));
 }
@@ -198,9 +226,9 @@ TEST(VdDiscoverPublishOptions, ANameMayBeThatOfACommandAndBeginWithADash)
 TEST(VdDiscoverPublishOptions, ANameIsMeasuredInBytes)
 {
     const QString longest = QString(31, QChar(0xfc)) + QLatin1Char('a');
-    EXPECT_EQ(std::get<PublishOptions>(readArguments(QStringList(longest) + NEEDED)).name, longest);
+    EXPECT_EQ(std::get<PublishOptions>(readArguments(QStringList(longest) + ORDINARY)).name, longest);
     const QString tooLong = QString(32, QChar(0xfc));
-    EXPECT_EQ(errorOf(QStringList(tooLong) + NEEDED),
+    EXPECT_EQ(errorOf(QStringList(tooLong) + ORDINARY),
               "NAME takes 1 to 63 bytes of UTF-8 text without control characters, not "
                   + quotedText(tooLong.toStdString()));
 }
@@ -208,18 +236,19 @@ TEST(VdDiscoverPublishOptions, ANameIsMeasuredInBytes)
 TEST(VdDiscoverPublishOptions, ANameThatIsEmptyOrCannotBeShownIsRefused)
 {
     const std::string rule = "NAME takes 1 to 63 bytes of UTF-8 text without control characters, not ";
-    EXPECT_EQ(errorOf(QStringList(QString()) + NEEDED), rule + "\"\"");
-    EXPECT_EQ(errorOf(QStringList(QStringLiteral("a\nb")) + NEEDED), rule + "\"a\\x0ab\"");
-    EXPECT_EQ(errorOf(QStringList(QString(QChar(0x202e))) + NEEDED), rule + "\"\\u202e\"");
-    EXPECT_EQ(errorOf(QStringList(QString(QChar(0xfffd))) + NEEDED), rule + "\"\xef\xbf\xbd\"");
+    EXPECT_EQ(errorOf(QStringList(QString()) + ORDINARY), rule + "\"\"");
+    EXPECT_EQ(errorOf(QStringList(QStringLiteral("a\nb")) + ORDINARY), rule + "\"a\\x0ab\"");
+    EXPECT_EQ(errorOf(QStringList(QString(QChar(0x202e))) + ORDINARY), rule + "\"\\u202e\"");
+    EXPECT_EQ(errorOf(QStringList(QString(QChar(0xfffd))) + ORDINARY), rule + "\"\xef\xbf\xbd\"");
 }
 
 TEST(VdDiscoverPublishOptions, ATypeThatIsNoneIsRefused)
 {
-    for (const char* type : {"_http", "http._tcp", "_setup._tcp.", "_setup._sctp", "", "_a._sub._setup._tcp"}) {
+    for (const char* type :
+         {"_http", "http._tcp", "_setup._tcp.", "_setup._sctp", "", "_a._tcp", "_a._sub._setup._tcp"}) {
         EXPECT_EQ(errorWith(QStringLiteral("--type=") + QLatin1String(type)),
-                  "--type takes a service type such as _setup._tcp, which begins with _ and ends in ._tcp or "
-                  "._udp, not "
+                  "--type takes a service type such as _setup._tcp, which begins with _ and at least two "
+                  "characters behind it, and ends in ._tcp or ._udp, not "
                       + quotedText(type));
     }
 }
@@ -252,30 +281,37 @@ TEST(VdDiscoverPublishOptions, AnAddressThatNoHostCanHaveIsRefused)
     EXPECT_EQ(bytesOf(readWith("--ip=1.0.0.1").info.newIp), std::string("\x01\0\0\x01", 4));
 }
 
-TEST(VdDiscoverPublishOptions, AnAddressOfTheNetworkOrOfAllItsHostsIsRefused)
+TEST(VdDiscoverPublishOptions, AnAddressOfTheNetworkOrOfAllItsHostsIsWarnedOf)
 {
-    const auto error = [](const std::string& address) {
-        return "--ip " + address
-               + " is not a host's address but, with this --mask, that of the network or of all its hosts; give "
-                 "another one";
+    const auto warning = [](const std::string& address, const std::string& whose) {
+        return "with this --mask, --ip " + address + " is the address of " + whose + ", not that of a host\n";
     };
-    EXPECT_EQ(errorWith("--ip=192.168.1.0"), error("192.168.1.0"));
-    EXPECT_EQ(errorWith("--ip=192.168.1.255"), error("192.168.1.255"));
-    EXPECT_EQ(errorWith("--ip=10.0.3.255 --mask=255.255.252.0"), error("10.0.3.255"));
-    EXPECT_EQ(bytesOf(readWith("--ip=10.0.1.255 --mask=255.255.252.0").info.newIp),
-              std::string("\x0a\0\x01\xff", 4));
-    EXPECT_EQ(bytesOf(readWith("--ip=10.0.0.0 --mask=255.255.255.254").info.newIp), std::string("\x0a\0\0\0", 4));
+    EXPECT_EQ(warningsOf(readWith("--ip=192.168.1.0")), warning("192.168.1.0", "the network"));
+    EXPECT_EQ(warningsOf(readWith("--ip=192.168.1.255")), warning("192.168.1.255", "all the network's hosts"));
+    EXPECT_EQ(warningsOf(readWith("--ip=10.0.3.255 --mask=255.255.252.0")),
+              warning("10.0.3.255", "all the network's hosts"));
+    EXPECT_EQ(warningsOf(readWith("--ip=10.0.1.255 --mask=255.255.252.0")), "");
+    EXPECT_EQ(warningsOf(readWith("--ip=10.0.0.0 --mask=255.255.255.254")), "");
+    EXPECT_EQ(bytesOf(readWith("--ip=192.168.1.255").info.newIp), std::string("\xc0\xa8\x01\xff"));
 }
 
 TEST(VdDiscoverPublishOptions, AMaskHasItsOnesInFront)
 {
-    for (const char* mask : {"0.0.0.0", "255.255.255.255", "255.0.255.0", "0.0.0.255", "254.255.255.0", "24", "",
-                             "255.255.255.00", "/24"}) {
+    for (const char* mask : {"255.0.255.0", "0.0.0.255", "254.255.255.0", "24", "", "255.255.255.00", "/24"}) {
         EXPECT_EQ(errorWith(QStringLiteral("--mask=") + QLatin1String(mask)),
-                  "--mask takes a net mask from 128.0.0.0 to 255.255.255.254, such as 255.255.255.0, not "
+                  "--mask takes a net mask with its ones in front, such as 255.255.255.0, not "
                       + quotedText(mask));
     }
     EXPECT_EQ(bytesOf(readWith("--mask=128.0.0.0").info.netMask), std::string("\x80\0\0\0", 4));
+}
+
+TEST(VdDiscoverPublishOptions, AMaskOfZerosOrOfOnesAloneIsWarnedOf)
+{
+    EXPECT_EQ(warningsOf(readWith("--mask=0.0.0.0")),
+              "with --mask 0.0.0.0 the device takes every address for one of its own network\n");
+    EXPECT_EQ(warningsOf(readWith("--mask=255.255.255.255")),
+              "with --mask 255.255.255.255 the device is alone in its network\n");
+    EXPECT_EQ(bytesOf(readWith("--mask=255.255.255.255").info.netMask), std::string("\xff\xff\xff\xff"));
 }
 
 TEST(VdDiscoverPublishOptions, MoreThanThreeNameServersAreRefused)
@@ -284,13 +320,15 @@ TEST(VdDiscoverPublishOptions, MoreThanThreeNameServersAreRefused)
               "--dns may be given three times, not more; leave some out");
 }
 
-TEST(VdDiscoverPublishOptions, NameServersThatWouldNotBePublishedAreRefused)
+TEST(VdDiscoverPublishOptions, NameServersThatAreNotPublishedAreWarnedOfAndLeftOut)
 {
     for (const char* kind : {"", "--kind camera "}) {
-        EXPECT_EQ(errorWith((std::string(kind) + "--dns 1.1.1.1").c_str()),
-                  "--dns needs --kind snap, as name servers are published for storage servers only; give both or "
-                  "leave --dns out");
+        const PublishOptions options = readWith((std::string(kind) + "--dns 1.1.1.1 --dns 1.1.1.2").c_str());
+        EXPECT_EQ(warningsOf(options), "no device but Snap Server storage is told of name servers, so without "
+                                       "--kind snap the record holds none\n");
+        EXPECT_EQ(options.info.dns1 | options.info.dns2, 0u);
     }
+    EXPECT_NE(errorWith("--dns 127.0.0.1"), "no error");
 }
 
 TEST(VdDiscoverPublishOptions, AnUnknownKindIsRefused)
@@ -324,11 +362,11 @@ TEST(VdDiscoverPublishOptions, AnOptionThatIsGivenTwiceIsRefused)
     for (const char* option :
          {"type", "zeph", "ip", "mask", "user", "password-file", "kind", "timeout", "format"}) {
         const QString argument = QStringLiteral("--%1=").arg(QLatin1String(option));
-        QStringList arguments = neededAnd({});
+        QStringList arguments = ordinaryAnd({});
         QString value = QStringLiteral("x");
-        for (const QString& needed : NEEDED) {
-            if (needed.startsWith(argument))
-                value = needed.mid(argument.size());
+        for (const QString& ordinary : ORDINARY) {
+            if (ordinary.startsWith(argument))
+                value = ordinary.mid(argument.size());
         }
         arguments.removeAll(argument + value);
         arguments += QStringList{argument + value, argument + value};

@@ -40,6 +40,7 @@ BrowseCommand::BrowseCommand(const BrowseOptions& options, int signalDescriptor)
     m_timeout.setSingleShot(true);
     connect(&m_timeout, &QTimer::timeout, this, &BrowseCommand::end);
     connect(&m_output, &ResultOutput::readerLeft, this, &BrowseCommand::end);
+    m_link.setOtherWork([this] { return m_output.isBusy(); });
     connectDevices();
     connectLink();
 }

@@ -25,10 +25,8 @@ QStringList readTypes(const QStringList& words)
     for (const QString& word : words) {
         const auto type = serviceType(word);
         if (!type) {
-            throw UsageError{
-                quoted(word)
-                + QStringLiteral(" is not a service type: give one such as _http._tcp, which begins with _ "
-                                 "and ends in ._tcp or ._udp")};
+            throw UsageError{quoted(word) + QStringLiteral(" is not a service type: give one such as _http._tcp, ")
+                             + serviceTypeRule()};
         }
         types.append(*type);
     }

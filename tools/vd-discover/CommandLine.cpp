@@ -6,6 +6,7 @@
 #include "support/PrintableText.h"
 
 #include <QtCore/QCommandLineParser>
+#include <QtCore/QMap>
 
 #include <functional>
 
@@ -52,15 +53,18 @@ QString typed(const QString& option)
 }
 
 // Which command is meant is known only once the options that stand before its name, and their values, are told
-// from it. So the parser knows the options of all.
+// from it. So the parser knows the options of all, and one name takes a value everywhere or nowhere.
 void addOptions(QCommandLineParser& parser, const QList<Command>& commands)
 {
-    QStringList added;
+    QMap<QString, bool> takesValue;
     for (const Command& command : commands) {
         for (const QCommandLineOption& option : command.options) {
-            if (!added.contains(option.names().last()))
+            const QString name = option.names().last();
+            const bool isValued = !option.valueName().isEmpty();
+            Q_ASSERT(takesValue.value(name, isValued) == isValued);
+            if (!takesValue.contains(name))
                 parser.addOption(option);
-            added.append(option.names().last());
+            takesValue.insert(name, isValued);
         }
     }
     parser.addOption(flag("help", "h"));

@@ -157,6 +157,8 @@ void DaemonLink::tell(Trouble trouble, const QString& message)
 // Runs in another thread, while this object's own is blocked.
 void DaemonLink::tellOfHang()
 {
+    if (m_isBusyOtherwise())
+        return;
     m_didHang = true;
     if (m_toldTrouble.exchange(HangTrouble) != HangTrouble)
         reportError(m_patience == GiveUp ? hangRemedy() : hangRemedy() + QStringLiteral("; waiting for it"));

@@ -32,6 +32,12 @@ public:
     /** Begins. What comes of it is told by the signals, possibly before this returns. */
     void open();
 
+    /**
+     * While @p isBusy says true, it is not the daemon that a call waits for, as the signals are handled inside
+     * calls. Any thread calls it.
+     */
+    void setOtherWork(const std::function<bool()>& isBusy) { m_isBusyOtherwise = isBusy; }
+
     /** From now on. */
     void setPatience(Patience patience) { m_patience = patience; }
 
@@ -86,6 +92,7 @@ private:
 
     const QStringList m_types;
     const QString m_purpose;
+    std::function<bool()> m_isBusyOtherwise = [] { return false; };
     std::atomic<Patience> m_patience;
     std::atomic<bool> m_wasReached{false};
     bool m_isClosed = false;

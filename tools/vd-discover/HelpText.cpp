@@ -68,8 +68,7 @@ Exit status:
 
 QByteArray publishHelp()
 {
-    return R"HELP(Usage: vd-discover publish NAME --type TYPE --zeph N --ip A.B.C.D
-                           --mask A.B.C.D [options]
+    return R"HELP(Usage: vd-discover publish NAME --type TYPE [options]
 
 Publishes a service whose record tells a device to take another address, until
 interrupted (Ctrl-C or SIGTERM); then withdraws it, so that the others on the
@@ -81,10 +80,12 @@ included: Base64, in which the password stands, hides nothing.
 
 NAME is what the service is called on the network, 1 to 63 bytes of UTF-8.
 
-Needed, as the record always carries them, and a device that obeyed one filled
-with zeros would be lost:
+Needed:
       --type TYPE           The service type that the devices look for, such as
                             _setup._tcp.
+
+What of the next three is left out stands in the record as zeros, and a
+warning tells what a device makes of them:
       --zeph N              The number that tells which device is meant, from 0
                             to 16777215, or in hexadecimal with 0x in front.
       --ip A.B.C.D          The address that the device is to take.
@@ -97,8 +98,9 @@ Options:
                             is typed. Default: an empty password
       --kind camera|snap    What kind of device is meant: a Vandrel camera or
                             Snap Server storage. Default: any
-      --dns A.B.C.D         A name server; up to three times, and only with
-                            --kind snap, as no other device is told of them.
+      --dns A.B.C.D         A name server; up to three times. Only with
+                            --kind snap, as no other device is told of them:
+                            without it they are not in the record.
       --save                The device is to keep the settings over a restart.
   -t, --timeout SECONDS     Withdraw the service and end after this time from
                             the start, a number above 0, fractions allowed.
@@ -111,12 +113,13 @@ Options:
 
 JSON:
   {"event":E,"time":T,"service":{"serviceName":N,"serviceType":S}}  E is
-  established, collision, failure or withdrawn; T is UTC.
+  established, collision, failure, lost (the daemon is gone, and the service
+  with it) or withdrawn; T is UTC.
 
 Example:
-  pass show dock-camera | vd-discover publish "Dock setup" --type _setup._tcp \
-      --zeph 0x0a0b0c --ip 192.168.1.10 --mask 255.255.255.0 \
-      --user admin --password-file - --save
+  pass show dock-camera | head -n 1 | vd-discover publish "Dock setup" \
+      --type _setup._tcp --zeph 0x0a0b0c --ip 192.168.1.10 \
+      --mask 255.255.255.0 --user admin --password-file - --save
 
 Exit status:
   0  The service was published.

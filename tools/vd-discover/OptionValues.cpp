@@ -81,6 +81,11 @@ std::optional<QString> serviceType(const QString& text)
     return text.toLower();
 }
 
+QString serviceTypeRule()
+{
+    return QStringLiteral("which begins with _ and at least two characters behind it, and ends in ._tcp or ._udp");
+}
+
 // Stricter than the C library, which reads a leading zero as octal and takes fewer than four numbers.
 std::optional<quint32> ipv4Address(const QString& text)
 {

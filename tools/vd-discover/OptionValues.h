@@ -40,6 +40,9 @@ OutputFormat readFormat(const QString& text);
 /** A DNS-SD service type such as _http._tcp in lower case; nothing if @p text is none. */
 std::optional<QString> serviceType(const QString& text);
 
+/** What makes a service type one, to go behind an example of it. */
+QString serviceTypeRule();
+
 /** A.B.C.D as a number, A in its highest byte; nothing if @p text has any other form. */
 std::optional<quint32> ipv4Address(const QString& text);
 

@@ -14,6 +14,9 @@
 #include <cstring>
 
 #include <fcntl.h>
+#include <poll.h>
+#include <sys/prctl.h>
+#include <sys/stat.h>
 #include <termios.h>
 #include <unistd.h>
 
@@ -32,17 +35,7 @@ class HiddenTyping
 public:
     explicit HiddenTyping(int terminal) : m_terminal(terminal)
     {
-        caughtSignal = 0;
-        for (std::size_t i = 0; i < SIGNALS.size(); ++i) {
-            struct sigaction action = {};
-            // Without SA_RESTART, so that reading ends.
-            action.sa_handler = [](int number) { caughtSignal = number; };
-            sigemptyset(&action.sa_mask);
-            sigaction(SIGNALS[i], &action, &m_outerActions[i]);
-            // As the jobs that a script runs in the background ignore some.
-            if (m_outerActions[i].sa_handler == SIG_IGN)
-                sigaction(SIGNALS[i], &m_outerActions[i], nullptr);
-        }
+        holdSignals();
         tcgetattr(terminal, &m_outer);
         struct termios hidden = m_outer;
         hidden.c_lflag &= ~static_cast<tcflag_t>(ECHO);
@@ -57,16 +50,45 @@ public:
             sigaction(SIGNALS[i], &m_outerActions[i], nullptr);
         if (caughtSignal != 0)
             std::raise(caughtSignal);
+        pthread_sigmask(SIG_SETMASK, &m_outerMask, nullptr);
     }
 
     HiddenTyping(const HiddenTyping&) = delete;
     HiddenTyping& operator=(const HiddenTyping&) = delete;
 
+    /** Waits until there is something to read; false if a signal came. */
+    bool waitForTyping() const
+    {
+        struct pollfd waiting = {m_terminal, POLLIN, 0};
+        while (caughtSignal == 0 && ppoll(&waiting, 1, nullptr, &m_outerMask) == -1 && errno == EINTR) {
+        }
+        return caughtSignal == 0;
+    }
+
 private:
+    // Blocked but while this waits, so that none can come between asking for it and waiting, and be lost.
+    void holdSignals()
+    {
+        caughtSignal = 0;
+        struct sigaction action = {};
+        action.sa_handler = [](int number) { caughtSignal = number; };
+        sigemptyset(&action.sa_mask);
+        for (const int number : SIGNALS)
+            sigaddset(&action.sa_mask, number);
+        pthread_sigmask(SIG_BLOCK, &action.sa_mask, &m_outerMask);
+        for (std::size_t i = 0; i < SIGNALS.size(); ++i) {
+            sigaction(SIGNALS[i], &action, &m_outerActions[i]);
+            // As the jobs that a script runs in the background ignore some.
+            if (m_outerActions[i].sa_handler == SIG_IGN)
+                sigaction(SIGNALS[i], &m_outerActions[i], nullptr);
+        }
+    }
+
     static constexpr std::array<int, 5> SIGNALS = {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGTSTP};
 
     const int m_terminal;
     struct termios m_outer = {};
+    sigset_t m_outerMask = {};
     std::array<struct sigaction, SIGNALS.size()> m_outerActions = {};
 };
 
@@ -78,21 +100,46 @@ private:
             .arg(where, QString::fromLocal8Bit(std::strerror(error)))};
 }
 
-// A terminal gives a line at a time, anything else is read to its end.
-QByteArray bytesOf(int descriptor, const QString& where, bool isTerminal)
+// Whoever mistakes the option for one that takes the password itself must not see it on the screen or in a log.
+[[noreturn]] void throwNoFile(const QByteArray& path, int error)
+{
+    if (error == ENOENT) {
+        throw UsageError{
+            QStringLiteral("the file named by --password-file does not exist; give one that holds the "
+                           "password, or - for standard input")};
+    }
+    struct stat status = {};
+    const bool exists = lstat(path.constData(), &status) == 0;
+    throwUnreadable(exists ? quoted(QFile::decodeName(path)) : QStringLiteral("the file that it names"), error);
+}
+
+/** Appends what can be read at once; false at the end. */
+bool readSome(int descriptor, const QString& where, QByteArray& bytes)
+{
+    char block[1024];
+    ssize_t size = -1;
+    do
+        size = read(descriptor, block, sizeof block);
+    while (size == -1 && errno == EINTR);
+    if (size == -1)
+        throwUnreadable(where, errno);
+    bytes.append(block, static_cast<int>(size));
+    return size > 0;
+}
+
+QByteArray bytesOf(int descriptor, const QString& where)
 {
     QByteArray bytes;
-    char block[1024];
-    while (bytes.size() <= LONGEST_FILE && !(isTerminal && bytes.endsWith('\n'))) {
-        const ssize_t size = read(descriptor, block, sizeof block);
-        if (size == 0)
-            break;
-        if (size > 0)
-            bytes.append(block, static_cast<int>(size));
-        else if (errno != EINTR)
-            throwUnreadable(where, errno);
-        else if (caughtSignal != 0)
-            return QByteArray();
+    while (bytes.size() <= LONGEST_FILE && readSome(descriptor, where, bytes)) {
+    }
+    return bytes;
+}
+
+QByteArray lineTyped(const HiddenTyping& hidden, int terminal, const QString& where)
+{
+    QByteArray bytes;
+    while (bytes.size() <= LONGEST_FILE && !bytes.endsWith('\n') && hidden.waitForTyping()
+           && readSome(terminal, where, bytes)) {
     }
     return bytes;
 }
@@ -101,12 +148,13 @@ QByteArray bytesOfStandardInput()
 {
     const QString where = QStringLiteral("standard input");
     if (!isatty(STDIN_FILENO))
-        return bytesOf(STDIN_FILENO, where, false);
+        return bytesOf(STDIN_FILENO, where);
     QByteArray bytes;
     do {
-        writeAll(STDERR_FILENO, "Password: ");
         const HiddenTyping hidden(STDIN_FILENO);
-        bytes = bytesOf(STDIN_FILENO, where, true);
+        // Only now, as people type as soon as they are asked.
+        writeAll(STDERR_FILENO, "Password: ");
+        bytes = lineTyped(hidden, STDIN_FILENO, where);
         // Who comes back from a stop is asked again.
     } while (caughtSignal != 0);
     return bytes;
@@ -114,15 +162,16 @@ QByteArray bytesOfStandardInput()
 
 QByteArray bytesOfFile(const QString& file)
 {
-    const int descriptor = open(QFile::encodeName(file).constData(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
+    const QByteArray path = QFile::encodeName(file);
+    const int descriptor = open(path.constData(), O_RDONLY | O_CLOEXEC | O_NOCTTY);
     if (descriptor == -1)
-        throwUnreadable(quoted(file), errno);
+        throwNoFile(path, errno);
     struct Closer
     {
         int descriptor;
         ~Closer() { close(descriptor); }
     } const closer = {descriptor};
-    return bytesOf(descriptor, quoted(file), false);
+    return bytesOf(descriptor, quoted(file));
 }
 
 QByteArray withoutWrapping(QByteArray bytes)
@@ -158,6 +207,8 @@ void checkPassword(const QByteArray& password, const QString& where)
 
 QString readPassword(const QString& file)
 {
+    // A crash must not leave the password behind in a core file, which outlives the process and gets sent around.
+    prctl(PR_SET_DUMPABLE, 0);
     const bool isStandardInput = file == QLatin1String("-");
     const QByteArray password = withoutWrapping(isStandardInput ? bytesOfStandardInput() : bytesOfFile(file));
     checkPassword(password, isStandardInput ? QStringLiteral("standard input") : quoted(file));

@@ -22,6 +22,8 @@ const char* wordFor(PublicationEvent event)
         return "collision";
     case PublicationEvent::Failure:
         return "failure";
+    case PublicationEvent::Lost:
+        return "lost";
     case PublicationEvent::Withdrawn:
         break;
     }

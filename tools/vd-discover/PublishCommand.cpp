@@ -19,8 +19,12 @@ PublishCommand::PublishCommand(const PublishOptions& options, int signalDescript
     , m_end(signalDescriptor, [this] { endHungProcess(); })
 {
     m_timeout.setSingleShot(true);
-    connect(&m_timeout, &QTimer::timeout, this, &PublishCommand::endUnpublished);
+    connect(&m_timeout, &QTimer::timeout, this, [this] {
+        m_isTimeUp = true;
+        end();
+    });
     connect(&m_output, &ResultOutput::readerLeft, this, &PublishCommand::end);
+    m_link.setOtherWork([this] { return m_output.isBusy(); });
     connectLink();
 }
 
@@ -42,16 +46,15 @@ void PublishCommand::warn()
     const bool hasPassword = !m_options.info.password.isEmpty();
     reportError(QStringLiteral("warning: everyone on the local network can read the record")
                 + (hasPassword ? QStringLiteral(", password included") : QString()));
+    for (const QString& warning : m_options.warnings)
+        reportError(QStringLiteral("warning: ") + warning);
 }
 
 void PublishCommand::connectLink()
 {
     connect(&m_link, &DaemonLink::notice, this, &reportError);
     connect(&m_link, &DaemonLink::browsing, this, &PublishCommand::followDaemon);
-    connect(&m_link, &DaemonLink::broken, this, [this] {
-        m_isRegistered = false;
-        m_isPublished = false;
-    });
+    connect(&m_link, &DaemonLink::broken, this, &PublishCommand::lose);
     connect(&m_link, &DaemonLink::gaveUp, this, [this] {
         m_isUnreachable = true;
         end();
@@ -98,10 +101,21 @@ void PublishCommand::publish()
 void PublishCommand::withdrawFromOldHostName()
 {
     m_isRegistered = false;
-    m_link.ask([this] { return m_link.discovery().TerminateRegistration(); });
+    // A withdrawal that fails leaves things as they are, or else breaks the link.
+    if (!m_link.ask([this] { return m_link.discovery().TerminateRegistration(); }))
+        return;
     if (m_isPublished)
         tell(PublicationEvent::Withdrawn);
     m_isPublished = false;
+}
+
+void PublishCommand::lose()
+{
+    m_isRegistered = false;
+    const bool wasHere = m_isPublished;
+    m_isPublished = false;
+    if (wasHere)
+        tell(PublicationEvent::Lost);
 }
 
 // Called from inside Avahi's calls: nothing may be withdrawn or freed here.
@@ -146,13 +160,6 @@ void PublishCommand::tell(PublicationEvent event)
         end();
 }
 
-void PublishCommand::endUnpublished()
-{
-    if (!m_wasPublished && !m_isEnding)
-        reportError(QStringLiteral("the service is not established yet; try a longer --timeout"));
-    end();
-}
-
 void PublishCommand::end()
 {
     if (m_isEnding)
@@ -168,8 +175,8 @@ void PublishCommand::end()
 void PublishCommand::finish()
 {
     m_end.begin();
-    const bool isWithdrawn = withdrawAndClose(exitStatus());
-    if (isWithdrawn) {
+    withdrawAndClose();
+    if (m_isPublished) {
         // What the terminal shows of Ctrl-C.
         if (isRedrawable(STDOUT_FILENO))
             writeAll(STDOUT_FILENO, ERASE_LINE);
@@ -177,23 +184,45 @@ void PublishCommand::finish()
     }
     if (m_output.hasFailed())
         reportError(m_output.failureText());
+    else if (exitStatus() == EXIT_NOT_PUBLISHED && !m_hasFailed)
+        sayThatItEndedTooEarly();
     Q_EMIT finished(exitStatus());
 }
 
-/** Whether a service that was published is not any more. */
-bool PublishCommand::withdrawAndClose(int status)
+/** Afterwards a service that is published still is one whose withdrawal is to be told. */
+void PublishCommand::withdrawAndClose()
 {
-    bool isWithdrawn = false;
-    const auto withdraw = [this, &isWithdrawn] {
+    const auto work = [this] {
         // Before browsing ends, as that would free the service without the goodbye being confirmed.
-        isWithdrawn = m_link.discovery().TerminateRegistration() && m_isPublished;
+        if (!m_link.discovery().TerminateRegistration()) {
+            sayWhatRemains();
+            m_isPublished = false;
+        }
+        m_isRegistered = false;
         m_link.close();
     };
-    TimelyEnd::hurry(withdraw, [this, status] {
+    TimelyEnd::hurry(work, [this] {
         m_link.tellOfHangAtEnd();
-        _exit(status);
+        sayWhatRemains();
+        _exit(exitStatus());
     });
-    return isWithdrawn;
+}
+
+void PublishCommand::sayThatItEndedTooEarly() const
+{
+    reportError(m_isTimeUp
+                    ? QStringLiteral("the service is not established yet; try a longer --timeout")
+                    : QStringLiteral("the service was not published, as the run ended before it was established"));
+}
+
+/** Any thread may call this. */
+void PublishCommand::sayWhatRemains()
+{
+    // What has failed was not readable.
+    if (!m_isRegistered || m_hasFailed)
+        return;
+    reportError(QStringLiteral("the Avahi daemon did not confirm the withdrawal, so the record may still be "
+                               "readable; restart it with \"sudo systemctl restart avahi-daemon\""));
 }
 
 // Runs in another thread, while the object's own is blocked in a call to the daemon.
@@ -203,6 +232,7 @@ void PublishCommand::endHungProcess()
     if (m_output.isBusy() || !m_end.take())
         return;
     m_link.tellOfHangAtEnd();
+    sayWhatRemains();
     _exit(exitStatus());
 }
 

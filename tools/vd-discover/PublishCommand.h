@@ -43,9 +43,11 @@ private:
     void handle(AvahiEntryGroupState state);
     void fail(PublicationEvent event, const QString& message);
     void tell(PublicationEvent event);
-    void endUnpublished();
+    void lose();
     void finish();
-    bool withdrawAndClose(int exitStatus);
+    void withdrawAndClose();
+    void sayThatItEndedTooEarly() const;
+    void sayWhatRemains();
     void endHungProcess();
     int exitStatus() const;
 
@@ -53,13 +55,14 @@ private:
     QTimer m_timeout;
     ResultOutput m_output;
     /** The service was handed to the daemon. */
-    bool m_isRegistered = false;
+    std::atomic<bool> m_isRegistered{false};
     /** The daemon said that it is established. */
     bool m_isPublished = false;
     std::atomic<bool> m_wasPublished{false};
     std::atomic<bool> m_hasFailed{false};
     std::atomic<bool> m_isUnreachable{false};
     bool m_isEnding = false;
+    bool m_isTimeUp = false;
     DaemonLink m_link;
     // Last, so that none of its threads runs while the rest is destroyed.
     TimelyEnd m_end;

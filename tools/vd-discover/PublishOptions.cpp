@@ -26,15 +26,6 @@ QString valueOf(const QCommandLineParser& parser, const QString& option)
     return values.isEmpty() ? QString() : values.first();
 }
 
-QString neededValueOf(const QCommandLineParser& parser, const QString& option, const char* example)
-{
-    if (!parser.isSet(option)) {
-        throw UsageError{QStringLiteral("publish needs --%1, such as --%1 %2 (see vd-discover publish --help)")
-                             .arg(option, QLatin1String(example))};
-    }
-    return valueOf(parser, option);
-}
-
 QString readName(const QStringList& words)
 {
     if (words.isEmpty()) {
@@ -55,13 +46,19 @@ QString readName(const QStringList& words)
     return name;
 }
 
-QString readType(const QString& text)
+QString readType(const QCommandLineParser& parser)
 {
+    const QString option = QStringLiteral("type");
+    if (!parser.isSet(option)) {
+        throw UsageError{
+            QStringLiteral("publish needs --type, such as --type _setup._tcp (see vd-discover publish "
+                           "--help)")};
+    }
+    const QString text = valueOf(parser, option);
     const auto type = serviceType(text);
     if (!type) {
-        throw UsageError{QStringLiteral("--type takes a service type such as _setup._tcp, which begins with _ and "
-                                        "ends in ._tcp or ._udp, not ")
-                         + quoted(text)};
+        throw UsageError{QStringLiteral("--type takes a service type such as _setup._tcp, ") + serviceTypeRule()
+                         + QStringLiteral(", not ") + quoted(text)};
     }
     return *type;
 }
@@ -98,28 +95,38 @@ quint32 readAddress(const QString& option, const QString& text)
 quint32 readMask(const QString& text)
 {
     const auto mask = ipv4Address(text);
-    // Ones in front and zeros behind, and at least one of each: else there would be no neighbours.
     const quint32 hostPart = ~mask.value_or(0);
-    if (!mask || *mask == 0 || hostPart == 0 || (hostPart & (hostPart + 1)) != 0) {
-        throw UsageError{QStringLiteral("--mask takes a net mask from 128.0.0.0 to 255.255.255.254, such as "
-                                        "255.255.255.0, not ")
+    if (!mask || (hostPart & (hostPart + 1)) != 0) {
+        throw UsageError{QStringLiteral("--mask takes a net mask with its ones in front, such as 255.255.255.0, "
+                                        "not ")
                          + quoted(text)};
     }
     return *mask;
 }
 
-void checkHostPart(const QString& text, quint32 address, quint32 mask)
+QString warningOfMask(quint32 mask)
+{
+    if (mask == 0)
+        return QStringLiteral("with --mask 0.0.0.0 the device takes every address for one of its own network");
+    if (mask == ~quint32(0))
+        return QStringLiteral("with --mask 255.255.255.255 the device is alone in its network");
+    return QString();
+}
+
+QString warningOfHostPart(const QString& ip, quint32 address, quint32 mask)
 {
     const quint32 hostPart = ~mask;
-    // A network of two has neither an address of its own nor one for all.
-    if (hostPart == 1)
-        return;
-    if ((address & hostPart) == 0 || (address & hostPart) == hostPart) {
-        throw UsageError{
-            QStringLiteral("--ip %1 is not a host's address but, with this --mask, that of the network "
-                           "or of all its hosts; give another one")
-                .arg(text)};
-    }
+    // A network of two has neither an address of its own nor one for all, let alone one of a single host.
+    if (mask == 0 || hostPart <= 1)
+        return QString();
+    const auto isOf = [&ip](const QString& whose) {
+        return QStringLiteral("with this --mask, --ip %1 is the address of %2, not that of a host").arg(ip, whose);
+    };
+    if ((address & hostPart) == 0)
+        return isOf(QStringLiteral("the network"));
+    if ((address & hostPart) == hostPart)
+        return isOf(QStringLiteral("all the network's hosts"));
+    return QString();
 }
 
 quint32 readZeph(const QString& text)
@@ -142,42 +149,76 @@ quint32 readKind(const QString& text)
     throw UsageError{QStringLiteral("--kind takes camera or snap, not ") + quoted(text)};
 }
 
-void readNameServers(const QCommandLineParser& parser, SReconfigInfo& info)
+void readNameServers(const QCommandLineParser& parser, PublishOptions& options)
 {
     const QString option = QStringLiteral("dns");
     const QStringList texts = parser.values(option);
     if (texts.size() > MOST_NAME_SERVERS)
         throw UsageError{QStringLiteral("--dns may be given three times, not more; leave some out")};
-    if (!texts.isEmpty() && info.deviceKind != DEVICE_KIND_SNAP_SERVER) {
-        throw UsageError{
-            QStringLiteral("--dns needs --kind snap, as name servers are published for storage servers "
-                           "only; give both or leave --dns out")};
+    SReconfigInfo& info = options.info;
+    const bool isTold = info.deviceKind == DEVICE_KIND_SNAP_SERVER;
+    if (!texts.isEmpty() && !isTold) {
+        options.warnings.append(QStringLiteral("no device but Snap Server storage is told of name servers, so "
+                                               "without --kind snap the record holds none"));
     }
     quint32* const servers[] = {&info.dns1, &info.dns2, &info.dns3};
-    for (int i = 0; i < texts.size(); ++i)
-        *servers[i] = qToBigEndian(readAddress(option, texts.at(i)));
+    for (int i = 0; i < texts.size(); ++i) {
+        const quint32 address = readAddress(option, texts.at(i));
+        *servers[i] = isTold ? qToBigEndian(address) : 0;
+    }
 }
 
-SReconfigInfo readInfo(const QCommandLineParser& parser)
+/** One line on what the record holds zeros for, and what these tell a device. */
+QString warningOfZeros(const QCommandLineParser& parser)
 {
-    const QString zeph = neededValueOf(parser, QStringLiteral("zeph"), "0x0a0b0c");
-    const QString ip = neededValueOf(parser, QStringLiteral("ip"), "192.168.1.10");
-    const QString mask = neededValueOf(parser, QStringLiteral("mask"), "255.255.255.0");
+    const struct
+    {
+        const char* option;
+        const char* meaning;
+    } all[] = {
+        {"zeph", "is meant for the device with the number 0"},
+        {"ip", "tells the device to take 0.0.0.0"},
+        {"mask", "tells the device to take the net mask 0.0.0.0"},
+    };
+    QStringList parts;
+    for (const auto& one : all) {
+        if (!parser.isSet(QLatin1String(one.option))) {
+            parts.append(QStringLiteral("without --%1 the record %2")
+                             .arg(QLatin1String(one.option), QLatin1String(one.meaning)));
+        }
+    }
+    return parts.join(QStringLiteral("; "));
+}
 
-    SReconfigInfo info = SReconfigInfo();
-    info.zephValue = readZeph(zeph);
-    const quint32 address = readAddress(QStringLiteral("ip"), ip);
-    const quint32 netMask = readMask(mask);
-    checkHostPart(ip, address, netMask);
+void readAddresses(const QCommandLineParser& parser, PublishOptions& options)
+{
+    const QString ip = valueOf(parser, QStringLiteral("ip"));
+    const QString mask = valueOf(parser, QStringLiteral("mask"));
+    const bool hasIp = parser.isSet(QStringLiteral("ip"));
+    const bool hasMask = parser.isSet(QStringLiteral("mask"));
+    const quint32 address = hasIp ? readAddress(QStringLiteral("ip"), ip) : 0;
+    const quint32 netMask = hasMask ? readMask(mask) : 0;
     // The record holds the bytes as they lie in memory.
-    info.newIp = qToBigEndian(address);
-    info.netMask = qToBigEndian(netMask);
-    info.userName = readUser(valueOf(parser, QStringLiteral("user")));
+    options.info.newIp = qToBigEndian(address);
+    options.info.netMask = qToBigEndian(netMask);
+    if (hasMask)
+        options.warnings.append(warningOfMask(netMask));
+    if (hasIp && hasMask)
+        options.warnings.append(warningOfHostPart(ip, address, netMask));
+}
+
+void readInfo(const QCommandLineParser& parser, PublishOptions& options)
+{
+    options.warnings.append(warningOfZeros(parser));
+    if (parser.isSet(QStringLiteral("zeph")))
+        options.info.zephValue = readZeph(valueOf(parser, QStringLiteral("zeph")));
+    readAddresses(parser, options);
+    options.info.userName = readUser(valueOf(parser, QStringLiteral("user")));
     if (parser.isSet(QStringLiteral("kind")))
-        info.deviceKind = readKind(valueOf(parser, QStringLiteral("kind")));
-    readNameServers(parser, info);
-    info.save = parser.isSet(QStringLiteral("save"));
-    return info;
+        options.info.deviceKind = readKind(valueOf(parser, QStringLiteral("kind")));
+    readNameServers(parser, options);
+    options.info.save = parser.isSet(QStringLiteral("save"));
+    options.warnings.removeAll(QString());
 }
 
 QString readPasswordFile(const QCommandLineParser& parser)
@@ -214,8 +255,8 @@ PublishOptions readPublishOptions(const QCommandLineParser& parser, const QStrin
 {
     PublishOptions options;
     options.name = readName(words);
-    options.type = readType(neededValueOf(parser, QStringLiteral("type"), "_setup._tcp"));
-    options.info = readInfo(parser);
+    options.type = readType(parser);
+    readInfo(parser, options);
     options.passwordFile = readPasswordFile(parser);
     if (parser.isSet(QStringLiteral("timeout")))
         options.timeoutMs = readTimeout(valueOf(parser, QStringLiteral("timeout")));

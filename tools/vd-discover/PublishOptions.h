@@ -22,6 +22,8 @@ struct PublishOptions
     SReconfigInfo info = SReconfigInfo();
     /** Where the password stands, "-" for standard input; empty if there is none. */
     QString passwordFile;
+    /** What the user may not have meant, a line each. */
+    QStringList warnings;
     /** 0: until it is interrupted. */
     int timeoutMs = 0;
     bool verbose = false;

@@ -31,8 +31,8 @@ public:
     void expectNow();
 
     /**
-     * Leaves ending the run to its own thread, which calls this: endProcess is not called any more. If somebody else
-     * is ending the process already, this does not return.
+     * Leaves ending the run to its own thread, which calls this: endProcess is not called any more. If somebody
+     * else is ending the process already, this does not return.
      */
     void begin();
 

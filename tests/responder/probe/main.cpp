@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 
-// vd-responder-probe [--name SERVICE] [--question-ms N] [--start-ms N] [--interrupted] OPERATION...
+// vd-responder-probe [OPTION]... OPERATION...
+// Options: --name SERVICE, --question-ms N, --start-ms N, --settling-ms N, --interrupted
 //
 // Does what each operation says, without an application object, and prints a JSON object a line:
 // {"operation": ..., "result": ..., "ms": ...}
 
 #include <vd/BonjourResponder.h>
+#include <vd/LogQt.h>
 
 #include "responder/ServiceController.h"
 
@@ -39,6 +41,7 @@ struct Settings
     QString name = QStringLiteral("mdnsd");
     std::chrono::milliseconds questionTime = ServiceController::QUESTION_TIME;
     std::chrono::milliseconds startTime = ServiceController::START_TIME;
+    std::chrono::milliseconds settlingTime = ServiceController::SETTLING_TIME;
 };
 
 std::string text(bool result)
@@ -51,6 +54,7 @@ std::string text(ServiceController::Status status)
     using Status = ServiceController::Status;
     static const std::map<Status, std::string> names = {
         {Status::Running, "Running"},
+        {Status::Starting, "Starting"},
         {Status::Stopped, "Stopped"},
         {Status::NotInstalled, "NotInstalled"},
         {Status::Masked, "Masked"},
@@ -59,6 +63,7 @@ std::string text(ServiceController::Status status)
         {Status::StartRefused, "StartRefused"},
         {Status::StartFailed, "StartFailed"},
         {Status::StillStarting, "StillStarting"},
+        {Status::QuestionRefused, "QuestionRefused"},
         {Status::NoServiceManager, "NoServiceManager"},
         {Status::NoAnswer, "NoAnswer"},
         {Status::Unsupported, "Unsupported"},
@@ -112,6 +117,8 @@ int readOptions(int argc, char** argv, Settings& settings)
             settings.questionTime = std::chrono::milliseconds(std::atoi(argv[++next]));
         else if (option == "--start-ms" && next + 1 < argc)
             settings.startTime = std::chrono::milliseconds(std::atoi(argv[++next]));
+        else if (option == "--settling-ms" && next + 1 < argc)
+            settings.settlingTime = std::chrono::milliseconds(std::atoi(argv[++next]));
         else
             return -1;
     }
@@ -122,13 +129,16 @@ int readOptions(int argc, char** argv, Settings& settings)
 
 int main(int argc, char** argv)
 {
+    // What is logged appears, and disturbs what is expected of the output.
+    vd::LogQt::setLogLevel(1);
     Settings settings;
     const int first = readOptions(argc, argv, settings);
     if (first < 0) {
         std::cerr << "vd-responder-probe: an option is not understood\n";
         return 2;
     }
-    const ServiceController controller(settings.name, settings.questionTime, settings.startTime);
+    const ServiceController controller(settings.name, settings.questionTime, settings.startTime,
+                                       settings.settlingTime);
     const auto operations = operationsOn(controller);
     for (int i = first; i < argc; ++i) {
         const auto operation = operations.find(argv[i]);

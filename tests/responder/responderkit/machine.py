@@ -17,6 +17,7 @@ from .units import BASE_UNITS
 
 SYSTEMD = "/lib/systemd/systemd"
 LONGEST_BOOT_S = 15
+LONGEST_ANSWER_S = 10
 PACKAGE_OF_TOOL = {"unshare": "util-linux", "mount": "mount", "ip": "iproute2", "dbus-daemon": "dbus-daemon",
                    "busctl": "systemd"}
 
@@ -110,14 +111,17 @@ class Machine:
             time.sleep(0.02)
 
     def _has_booted(self):
-        outcome = self._busctl("get-property", "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
-                               "org.freedesktop.systemd1.Manager", "SystemState")
+        try:
+            outcome = self._busctl("get-property", "org.freedesktop.systemd1", "/org/freedesktop/systemd1",
+                                   "org.freedesktop.systemd1.Manager", "SystemState")
+        except subprocess.TimeoutExpired:
+            return False
         return outcome.stdout.strip() in ('s "running"', 's "degraded"')
 
     def _busctl(self, *arguments):
         # busctl, unlike systemctl, talks to no other systemd than the one on the bus it is given.
         return subprocess.run(["busctl", f"--address={self.address}", *arguments], text=True, check=False,
-                              stdin=subprocess.DEVNULL, capture_output=True)
+                              stdin=subprocess.DEVNULL, capture_output=True, timeout=LONGEST_ANSWER_S)
 
     def tell_systemd(self, method, *arguments):
         """Calls a method of the manager, whose arguments are strings."""
@@ -139,21 +143,48 @@ class Machine:
             assert time.monotonic() < deadline, f"{service} is {self.active_state(service)}, not {state}"
             time.sleep(0.01)
 
-    def _processes(self):
-        """(pid, command) of each process inside, the first one first."""
-        own = os.readlink("/proc/self/ns/cgroup")
-        found = []
+    def _pids(self):
         for path in self._cgroup.rglob("cgroup.procs"):
-            for pid in map(int, path.read_text().split()):
+            try:
+                yield from map(int, path.read_text().split())
+            except OSError:
+                # The group has gone since it was listed.
+                continue
+
+    def _parents(self, command):
+        """The parent of each process inside that bears this name, by its pid."""
+        own = os.readlink("/proc/self/ns/cgroup")
+        found = {}
+        for pid in self._pids():
+            try:
                 # The outermost process is in the group, and not in the namespaces.
-                if os.readlink(f"/proc/{pid}/ns/cgroup") != own:
-                    found.append((pid, Path(f"/proc/{pid}/comm").read_text().strip()))
-        return sorted(found)
+                if os.readlink(f"/proc/{pid}/ns/cgroup") == own:
+                    continue
+                status = Path(f"/proc/{pid}/status").read_text()
+            except OSError:
+                # The process has ended since it was listed.
+                continue
+            fields = dict(line.split(":\t", 1) for line in status.splitlines() if ":\t" in line)
+            if fields["Name"] == command:
+                found[pid] = int(fields["PPid"])
+        return found
 
     def signal(self, command, number):
-        """Sends a signal to the systemd or the dbus-daemon inside."""
-        [pid] = [pid for pid, name in self._processes() if name == command]
+        """Sends a signal to the one process of this name inside, which may still be about to take it."""
+        deadline = time.monotonic() + LONGEST_ANSWER_S
+        while True:
+            parents = self._parents(command)
+            # A child that was just forked bears its parent's name until it runs its own program.
+            pids = [pid for pid, parent in parents.items() if parent not in parents]
+            if pids or time.monotonic() > deadline:
+                break
+            time.sleep(0.01)
+        [pid] = pids
         os.kill(pid, number)
+
+    def release(self):
+        """Lets the service that waits for it become ready."""
+        (self.folder / "bus" / "released").touch()
 
     def end(self):
         self._outermost.send_signal(signal.SIGKILL)

@@ -11,7 +11,10 @@ ROOT = Path(__file__).resolve().parents[3]
 BUILD = Path(os.environ.get("VD_BUILD_DIR", ROOT / "build" / "qt6")).resolve()
 
 # Longer than anything here may take, so that a hang fails instead of blocking the run.
-LONGEST_RUN_S = 40
+LONGEST_RUN_S = 60
+
+# Long enough on a busy machine. Whoever waits in vain says how long before the operation.
+PATIENT = ("--question-ms", "20000", "--start-ms", "20000")
 
 
 class Answer(NamedTuple):
@@ -24,8 +27,8 @@ class Probe:
 
     PROGRAM = BUILD / "tests" / "responder" / "probe" / "vd-responder-probe"
 
-    def __init__(self, address, program=PROGRAM, user=None):
-        self._program = program
+    def __init__(self, address, program=PROGRAM, user=None, options=PATIENT):
+        self._command = [program, *options]
         self._options = {"user": user, "group": user, "extra_groups": []} if user else {}
         self._environment = {**os.environ, "DBUS_SYSTEM_BUS_ADDRESS": address, "LC_ALL": "C.UTF-8"}
         if program != self.PROGRAM:
@@ -33,13 +36,13 @@ class Probe:
 
     def begin(self, *arguments):
         """Starts it in the background; `end` has to follow."""
-        return subprocess.Popen([self._program, *map(str, arguments)], env=self._environment, text=True,
+        return subprocess.Popen([*self._command, *map(str, arguments)], env=self._environment, text=True,
                                 stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, stderr=subprocess.PIPE,
                                 **self._options)
 
     @staticmethod
     def end(process):
-        """One answer for each operation. Whatever goes to standard error is a failure."""
+        """One answer for each operation. Whatever goes to standard error, such as a log, is a failure."""
         try:
             output, errors = process.communicate(timeout=LONGEST_RUN_S)
         except subprocess.TimeoutExpired:

@@ -53,8 +53,8 @@ class Peer:
         fields = {wire.REPLY_SERIAL: call.serial, wire.SENDER: sender or call.destination}
         self.send(wire.message(wire.RETURN, fields, signature, values))
 
-    def refuse(self, call, error):
-        fields = {wire.REPLY_SERIAL: call.serial, wire.SENDER: call.destination, wire.ERROR_NAME: error}
+    def refuse(self, call, error, sender=None):
+        fields = {wire.REPLY_SERIAL: call.serial, wire.SENDER: sender or call.destination, wire.ERROR_NAME: error}
         self.send(wire.message(wire.ERROR, fields, "s", ["refused by the script"]))
 
     def signal(self, member, signature, *values, sender=SYSTEMD, path=MANAGER, interface=MANAGER_INTERFACE):

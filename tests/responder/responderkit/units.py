@@ -39,8 +39,8 @@ FAILS_TO_START = service("Type=oneshot", "ExecStart=/bin/false")
 ENDS_WELL = service("Type=oneshot", "ExecStart=/bin/true")
 BY_DEPENDENCY_ONLY = service(SLEEPS, unit=["RefuseManualStart=yes"])
 SLOW_TO_RELOAD = service(SLEEPS, "ExecReload=/bin/sleep 60")
-
-
-def ready_after(seconds):
-    return service("Type=notify", "NotifyAccess=all",
-                   f"ExecStart=/bin/sh -c 'sleep {seconds}; systemd-notify --ready; exec sleep infinity'")
+# Starts until Machine.release().
+READY_ONCE_RELEASED = service(
+    "Type=notify", "NotifyAccess=all", "TimeoutStartSec=infinity",
+    "ExecStart=/bin/sh -c 'until [ -e /run/dbus/released ]; do sleep 0.05; done; systemd-notify --ready; "
+    "exec sleep infinity'")

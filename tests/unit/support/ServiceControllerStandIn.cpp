@@ -32,10 +32,12 @@ namespace vd {
 
 const std::chrono::milliseconds ServiceController::QUESTION_TIME(1);
 const std::chrono::milliseconds ServiceController::START_TIME(1);
+const std::chrono::milliseconds ServiceController::SETTLING_TIME(1);
 
 ServiceController::ServiceController(const QString& serviceName, std::chrono::milliseconds timeOfQuestion,
-                                     std::chrono::milliseconds timeOfStart)
-    : name(serviceName), questionTime(timeOfQuestion), startTime(timeOfStart)
+                                     std::chrono::milliseconds timeOfStart,
+                                     std::chrono::milliseconds timeOfSettling)
+    : name(serviceName), questionTime(timeOfQuestion), startTime(timeOfStart), settlingTime(timeOfSettling)
 {}
 
 bool ServiceController::isInstalled() const
