@@ -17,12 +17,17 @@ class Conversation:
     def request(self, command, **fields):
         """Sends a command and returns the line that answers it."""
         before = len(self.said.all)
-        line = json.dumps({"command": command, **fields}) + "\n"
-        self._process.stdin.write(line.encode())
-        self._process.stdin.flush()
+        line = self.post(command, **fields)
         answer = self.said.wait_for(lambda lines: next(filter(self.is_answer, lines[before:]), None))
         assert answer, f"no answer to {line}after {DEADLINE_S} s; what was said last: {self.said.all[-3:]}"
         return answer
+
+    def post(self, command, **fields):
+        """Sends a command, and returns the line that was sent."""
+        line = json.dumps({"command": command, **fields}) + "\n"
+        self._process.stdin.write(line.encode())
+        self._process.stdin.flush()
+        return line
 
     def is_answer(self, line):
         raise NotImplementedError

@@ -63,7 +63,15 @@ void CommandReader::readInput()
 void CommandReader::handleLine(const QByteArray& line)
 {
     const QJsonObject request = QJsonDocument::fromJson(line).object();
-    const QJsonValue result = carryOut(request);
+    // Asked of this thread, whatever that of the discovery object is doing.
+    if (request[QStringLiteral("command")] == QLatin1String("beat"))
+        answer(request, true);
+    else
+        QMetaObject::invokeMethod(m_discovery, [this, request] { answer(request, carryOut(request)); });
+}
+
+void CommandReader::answer(const QJsonObject& request, const QJsonValue& result)
+{
     writeLine({
         {QStringLiteral("event"), QStringLiteral("answer")},
         {QStringLiteral("command"), request[QStringLiteral("command")]},

@@ -18,6 +18,7 @@ public:
 private:
     void readInput();
     void handleLine(const QByteArray& line);
+    void answer(const QJsonObject& request, const QJsonValue& result);
     QJsonValue carryOut(const QJsonObject& request);
 
     ProbedDiscovery* const m_probed;

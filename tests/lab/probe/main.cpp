@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// vd-lab-probe [--receive-in-thread] [--nested-loop MILLISECONDS] [--managed [--grace MILLISECONDS] [--objects N]]
+// vd-lab-probe [--receive-in-thread | --discover-in-thread] [--nested-loop MILLISECONDS]
+//              [--managed [--grace MILLISECONDS] [--objects N]]
 //
 // A host application for tests: standard input steers a discovery object, and standard output tells what it
 // answers, logs and signals, all as JSON lines in the order in which it happened. It ends with its input.
@@ -67,6 +68,48 @@ std::unique_ptr<ProbedDiscovery> make(const Options& options)
     return std::unique_ptr<ProbedDiscovery>(new ProbeDiscovery<vd::AvahiServiceDiscovery>);
 }
 
+/** A discovery object in a thread of its own. */
+class ThreadOfDiscovery
+{
+public:
+    explicit ThreadOfDiscovery(const Options& options)
+    {
+        m_inside.moveToThread(&m_thread);
+        m_thread.start();
+        inThread([&] { m_probed = make(options); });
+    }
+    ~ThreadOfDiscovery()
+    {
+        inThread([&] { m_probed.reset(); });
+        m_thread.quit();
+        m_thread.wait();
+    }
+
+    ProbedDiscovery* probed() const { return m_probed.get(); }
+
+private:
+    template <typename Action>
+    void inThread(Action action)
+    {
+        QMetaObject::invokeMethod(&m_inside, action, Qt::BlockingQueuedConnection);
+    }
+
+    QThread m_thread;
+    QObject m_inside;
+    std::unique_ptr<ProbedDiscovery> m_probed;
+};
+
+int runWithDiscoveryInThread(const Options& options)
+{
+    const LogCapture log;
+    SignalReporter reporter;
+    const ThreadOfDiscovery thread(options);
+    reporter.connectTo(thread.probed()->discovery(), Qt::AutoConnection);
+    CommandReader commands(thread.probed());
+    writeLine({{QStringLiteral("event"), QStringLiteral("ready")}});
+    return QCoreApplication::exec();
+}
+
 int run(const Options& options, QThread* receivingThread)
 {
     const LogCapture log;
@@ -101,12 +144,15 @@ int main(int argc, char** argv)
                                    QStringLiteral("-1"));
     const QCommandLineOption objects(QStringLiteral("objects"), QString(), QStringLiteral("N"));
     QCommandLineParser parser;
-    parser.addOptions({inThread, nestedLoop, managed, grace, objects});
+    const QCommandLineOption discoverInThread(QStringLiteral("discover-in-thread"));
+    parser.addOptions({inThread, discoverInThread, nestedLoop, managed, grace, objects});
     parser.process(application);
 
     QThread receiver;
     receiver.setObjectName(QStringLiteral("receiver"));
     const Options options = {parser.isSet(managed), parser.value(grace).toInt(), parser.value(objects).toInt(),
                              parser.value(nestedLoop).toInt()};
+    if (parser.isSet(discoverInThread))
+        return runWithDiscoveryInThread(options);
     return run(options, parser.isSet(inThread) ? &receiver : nullptr);
 }
