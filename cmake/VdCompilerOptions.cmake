@@ -26,4 +26,6 @@ function(vd_configure_target target standard)
         POSITION_INDEPENDENT_CODE ON
         AUTOMOC ON)
     target_compile_definitions(${target} PRIVATE QT_NO_KEYWORDS)
+    # SIGNAL(), SLOT() and Q_ASSERT() keep the place they stand at, in builds for debugging.
+    target_compile_options(${target} PRIVATE -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=)
 endfunction()

@@ -151,6 +151,9 @@ def terminal():
 def prompted(tool, secondary):
     """A run at the terminal that waits for a password, of a session of its own, as it has in a shell."""
     def own_the_terminal():
+        # The tests themselves may run as a job in the background, which ignores these.
+        for number in (signal.SIGINT, signal.SIGQUIT):
+            signal.signal(number, signal.SIG_DFL)
         os.setsid()
         fcntl.ioctl(secondary, termios.TIOCSCTTY, 0)
     return tool.start("publish", "Setup", *ORDINARY, "--password-file", "-", stdin=secondary, stdout=secondary,
