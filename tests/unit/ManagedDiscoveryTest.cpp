@@ -86,6 +86,38 @@ protected:
         forgetAll();
     }
 
+    static std::string camName(int number) { return "Cam" + std::to_string(number); }
+
+    /** Answers every resolver that was made since the calls were asked for last; returns the names of its services. */
+    Lines answerResolvers()
+    {
+        Lines names;
+        for (const std::string& call : takeCalls()) {
+            if (call.rfind("service_resolver_new", 0) != 0)
+                continue;
+            const size_t begin = call.find('"') + 1;
+            names.push_back(call.substr(begin, call.find('"', begin) - begin));
+            resolved(std::stoi(call.substr(call.rfind("resolver") + 8)), names.back().c_str(), "cam.local", "10.0.0.1",
+                     cameraTxt);
+            const Lines live = avahi.liveHandles();
+            for (const std::string& handle : live) {
+                if (handle.rfind("recordBrowser", 0) == 0)
+                    record(std::stoi(handle.substr(13)), AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+            }
+        }
+        return names;
+    }
+
+    int liveCount(const std::string& kind) const
+    {
+        int count = 0;
+        for (const std::string& handle : avahi.liveHandles())
+            count += handle.rfind(kind, 0) == 0 ? 1 : 0;
+        return count;
+    }
+
+    int liveClient() const { return std::stoi(avahi.liveHandles().front().substr(6)); }
+
     void failClient(int number = 1) { avahi.fireClientState(AVAHI_CLIENT_FAILURE, number); }
 
     Lines signalsOf(const std::function<void()>& action)
@@ -538,18 +570,135 @@ TEST_F(ManagedTest, LongLivedQueriesLeaveRoomForOthers)
 {
     discovery().setObjectLimit(8);
     run();
-    for (int i = 0; i < 6; ++i) {
-        const std::string name = "Cam" + std::to_string(i);
-        found(name.c_str(), "cam.local", "10.0.0.1", i + 1);
-    }
     for (int i = 0; i < 6; ++i)
-        discovery().StartQueryRecords(("Cam" + std::to_string(i)).c_str(), HTTP, true);
-    turn(100);
-    EXPECT_EQ(avahi.liveHandles().size(), 2u + 3u);
+        found(camName(i).c_str(), "cam.local", "10.0.0.1", i + 1);
+    for (int i = 0; i < 6; ++i)
+        discovery().StartQueryRecords(camName(i).c_str(), HTTP, true);
     appears("Late");
+    Lines asked;
+    for (int round = 0; round < 8; ++round) {
+        turn();
+        for (const std::string& name : answerResolvers())
+            asked.push_back(name);
+        EXPECT_LE(discovery().openObjects(), 8);
+    }
+    EXPECT_EQ(asked, (Lines{"Cam0", "Cam1", "Cam2", "Cam3", "Cam4", "Cam5", "Late"}));
+    EXPECT_EQ(liveCount("resolver"), 3);
+    EXPECT_EQ(table().size(), 7u);
+}
+
+TEST_F(ManagedTest, QueryThatFoundNoRoomIsKeptOpenOnceThereIsSome)
+{
+    discovery().setObjectLimit(8);
+    run();
+    for (int i = 0; i < 4; ++i)
+        found(camName(i).c_str(), "cam.local", "10.0.0.1", i + 1);
+    for (int i = 0; i < 4; ++i) {
+        discovery().StartQueryRecords(camName(i).c_str(), HTTP, true);
+        turn();
+        answerResolvers();
+    }
+    EXPECT_EQ(liveCount("resolver"), 3);
+    discovery().StopQueryRecords("Cam0", HTTP);
     turn();
-    EXPECT_EQ(takeCalls().back(),
-              "service_resolver_new(client1, -1, -1, \"Late\", \"_http._tcp\", \"local\", 0, 2) = resolver10");
+    EXPECT_EQ(answerResolvers(), Lines{"Cam3"});
+    EXPECT_EQ(liveCount("resolver"), 3);
+}
+
+TEST_F(ManagedTest, ResolversThatTheDaemonHasNoRoomForMakeOldOnesGiveWay)
+{
+    run();
+    for (int i = 0; i < 4; ++i)
+        appears(camName(i).c_str());
+    turn(1100);
+    avahi.failNext("service_resolver_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    appears("Late");
+    takeCalls();
+    turn(1300);
+    const Lines calls = takeCalls();
+    EXPECT_NE(std::find(calls.begin(), calls.end(), "service_resolver_free(resolver1)"), calls.end());
+}
+
+TEST_F(ManagedTest, RefusedAddressBrowserIsNoBusyLoop)
+{
+    run();
+    appears("Cam");
+    turn();
+    avahi.failNext("record_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    takeCalls();
+    turn(100);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedTest, QueryThatIsStoppedBeforeItsAnswerLosesNoDevice)
+{
+    run();
+    appears("Cam");
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    discovery().StopQueryRecords("Cam", HTTP);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    EXPECT_EQ(takeSignals().size(), 1u);
+    record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+}
+
+TEST_F(ManagedTest, DeviceWithoutItsSerialForOnceIsLostAsAnyOther)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"path=/"});
+    EXPECT_EQ(table().size(), 1u);
+    EXPECT_EQ(signalsOf([this] { disappears("Cam"); }).size(), 1u);
+    EXPECT_EQ(table(), Lines());
+}
+
+TEST_F(ManagedTest, QueryForATypeThatIsNotSeenHidesNoLoss)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTPS, true);
+    turn();
+    EXPECT_EQ(signalsOf([this] { disappears("Cam"); }).size(), 1u);
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+}
+
+TEST_F(ManagedTest, ServicesOfOtherTypesAreIgnoredWhoeverAsksForThem)
+{
+    run();
+    EXPECT_TRUE(discovery().ResolveService(2, "Cam", "_printer._tcp", "local"));
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt, "_printer._tcp");
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+}
+
+TEST_F(ManagedTest, ServiceIsQueriedInTheDomainWhereItIsSeen)
+{
+    run();
+    avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_NEW, 2, AVAHI_PROTO_INET, "Cam", HTTP, "example.net");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    takeCalls();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"example.net\", 0, "
+                                 "2) = resolver2"});
+}
+
+TEST_F(ManagedTest, LossOnOneOfTwoInterfacesResolvesAgain)
+{
+    run();
+    found();
+    appearsOn("Cam", 3);
+    turn();
+    answerResolvers();
+    disappearsOn("Cam", 2);
+    turn();
+    EXPECT_EQ(answerResolvers(), Lines{"Cam"});
 }
 
 // Restarts.
@@ -673,6 +822,113 @@ TEST_F(ManagedTest, DevicesThatDoNotComeBackAreLostOnceAfterTheGracePeriod)
     turn(150);
     EXPECT_EQ(takeSignals(), Lines());
     EXPECT_EQ(table().size(), 1u);
+}
+
+TEST_F(ManagedTest, QueriesWithoutADaemonMakeNoClients)
+{
+    run();
+    found();
+    daemonIsAway();
+    avahi.failNext("service_browser_new", AVAHI_ERR_BAD_STATE);
+    failClient();
+    turn();
+    takeCalls();
+    for (int i = 0; i < 5; ++i) {
+        QMetaObject::invokeMethod(&discovery(), "queryNextInTurn");
+        turn(10);
+    }
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedTest, DaemonThatFailsAgainAndAgainIsNotTriedWithoutAPause)
+{
+    run();
+    for (int i = 1; i <= 20; ++i) {
+        if (liveCount("client"))
+            failClient(liveClient());
+        turn(25);
+    }
+    int clients = 0;
+    for (const std::string& call : takeCalls())
+        clients += call.rfind("client_new", 0) == 0 ? 1 : 0;
+    EXPECT_LE(clients, 2);
+}
+
+TEST_F(ManagedTest, FurtherTypeThatFailsOnceIsBrowsedLater)
+{
+    run();
+    avahi.failNext("service_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    turn(400);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+    EXPECT_EQ(liveCount("browser"), 2);
+}
+
+TEST_F(ManagedTest, QueryWithoutABusIsMadeWhenThereIsOne)
+{
+    avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
+    discovery().BrowseServices(HTTP);
+    EXPECT_TRUE(discovery().StartQueryRecords("Cam", HTTP, true));
+    daemonRuns();
+    turn(400);
+    EXPECT_EQ(answerResolvers(), Lines{"Cam"});
+}
+
+TEST_F(ManagedTest, LongLivedQueryOfAServiceThatIsNotBrowsedIsResumed)
+{
+    discovery().setGracePeriod(50);
+    run();
+    discovery().StartQueryRecords("Cam", HTTPS, true);
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS, 443);
+    forgetAll();
+    failClient();
+    turn();
+    EXPECT_EQ(takeCalls().back(),
+              "service_resolver_new(client2, -1, -1, \"Cam\", \"_https._tcp\", \"local\", 0, 2) = resolver2");
+    turn(100);
+    EXPECT_EQ(takeSignals(), Lines());
+}
+
+TEST_F(ManagedTest, PublicationThatFailsIsTriedAgain)
+{
+    run();
+    discovery().RegisterService("Setup", "_reconf._tcp", vd::SReconfigInfo());
+    failClient();
+    avahi.failNext("entry_group_new", AVAHI_ERR_BAD_STATE);
+    takeCalls();
+    turn(800);
+    EXPECT_EQ(takeCalls().back(), "entry_group_commit(group2)");
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
+TEST_F(ManagedTest, DeletingInsideARegistrationIsSurvived)
+{
+    run();
+    avahi.duringGroupCall("entry_group_commit", [this] { destroyDiscovery(); });
+    EXPECT_FALSE(discovery().RegisterService("Setup", "_reconf._tcp", vd::SReconfigInfo()));
+    EXPECT_EQ(avahi.liveHandles(), Lines());
+}
+
+TEST_F(ManagedTest, DeletingInsideARepublicationIsSurvived)
+{
+    run();
+    discovery().RegisterService("Setup", "_reconf._tcp", vd::SReconfigInfo());
+    failClient();
+    avahi.duringGroupCall("entry_group_commit", [this] { destroyDiscovery(); });
+    turn();
+    EXPECT_EQ(avahi.liveHandles(), Lines());
+}
+
+TEST_F(ManagedTest, TerminatingInsideARepublicationLeavesNothing)
+{
+    run();
+    discovery().RegisterService("Setup", "_reconf._tcp", vd::SReconfigInfo());
+    failClient();
+    avahi.duringGroupCall("entry_group_commit", [this] { discovery().TerminateBrowsing(); });
+    turn(20);
+    EXPECT_EQ(avahi.liveHandles(), Lines());
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Unavailable);
 }
 
 TEST_F(ManagedTest, PublishedServiceIsPublishedAgain)

@@ -67,7 +67,7 @@ void ManagedServiceDiscovery::Private::openAddressBrowser(const ServiceKey& key,
         out << "ManagedServiceDiscovery::ServiceResolve() -> failed to create record browser "
             << printableText(key.name) << " error: " << errorText(q->client);
     });
-    enqueue(key);
+    retryResolving(key, q->client ? avahi_client_errno(q->client) : AVAHI_ERR_BAD_STATE);
 }
 
 void ManagedServiceDiscovery::Private::addressAdded(const ServiceKey& key, const QString& address,
@@ -113,7 +113,7 @@ void ManagedServiceDiscovery::Private::removeAddress(const QString& name, const 
 void ManagedServiceDiscovery::Private::cacheRead(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
-    if (service.isLongLived || service.addressLinks.isEmpty() || addressBrowsers.size() <= FEW_ADDRESS_BROWSERS)
+    if (service.isKept || service.addressLinks.isEmpty() || addressBrowsers.size() <= FEW_ADDRESS_BROWSERS)
         return;
     const QStringList known = q->services.value(key.name).addresses;
     // An address that the cache does not have may be gone, which only the network can tell.
@@ -129,7 +129,7 @@ void ManagedServiceDiscovery::Private::addressesComplete(const ServiceKey& key)
     TrackedService& service = tracked[key];
     const QMap<QString, QList<Link>> seen = service.addressLinks;
     const SServiceInfo info = q->services.value(key.name);
-    if (!service.isLongLived)
+    if (!service.isKept)
         closeAddressBrowser(service);
     if (seen.isEmpty() || info.recordHostName != service.host)
         return;
@@ -145,7 +145,7 @@ void ManagedServiceDiscovery::Private::addressBrowserFailed(const ServiceKey& ke
     TrackedService& service = tracked[key];
     closeAddressBrowser(service);
     if (service.isLongLived)
-        enqueue(key);
+        retryResolving(key, AVAHI_ERR_FAILURE);
 }
 
 void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& service)

@@ -46,6 +46,7 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
 void ManagedServiceDiscovery::Private::appeared(const ServiceKey& key, const Link& link)
 {
     TrackedService& service = tracked[key];
+    service.wasSeen = true;
     // Over the other protocol of the same interface there is nothing else to learn.
     const bool isNews = !isSeenOn(service, link.first);
     if (!service.links.contains(link))
@@ -61,6 +62,8 @@ void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const 
         return;
     if (service->links.isEmpty())
         lose(key);
+    else if (!isSeenOn(service.value(), link.first))
+        enqueue(key); // Its address on that interface may have gone too.
 }
 
 void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
@@ -77,6 +80,7 @@ void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
         return;
     }
     const SServiceInfo lost = known.value();
+    forgetName(key.name);
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
         out << "ManagedServiceDiscovery::ServiceBrowse() -> removing service: " << printableText(lost.serviceName);
     });
@@ -112,11 +116,39 @@ void ManagedServiceDiscovery::Private::removeFromQueue(const ServiceKey& key)
 bool ManagedServiceDiscovery::Private::hasOtherService(const ServiceKey& key, ServiceKey* other) const
 {
     const ServiceKey from = {key.name, QString(), QString()};
-    const TrackedServices::const_iterator next = tracked.lowerBound(from);
-    if (next == tracked.constEnd() || next.key().name != key.name)
-        return false;
-    *other = next.key();
-    return true;
+    for (TrackedServices::const_iterator next = tracked.lowerBound(from);
+         next != tracked.constEnd() && next.key().name == key.name; ++next) {
+        if (next->wasSeen) {
+            *other = next.key();
+            return true;
+        }
+    }
+    return false;
+}
+
+// What hosts asked for of a device ends with it.
+void ManagedServiceDiscovery::Private::forgetName(const QString& name)
+{
+    const ServiceKey from = {name, QString(), QString()};
+    TrackedServices::const_iterator next = tracked.lowerBound(from);
+    while (next != tracked.constEnd() && next.key().name == name) {
+        const ServiceKey key = next.key();
+        forget(key);
+        next = tracked.lowerBound(from);
+    }
+}
+
+ServiceKey ManagedServiceDiscovery::Private::trackedKey(const QString& name, const QString& type,
+                                                        const QString& domain) const
+{
+    const ServiceKey from = {name, type, QString()};
+    for (TrackedServices::const_iterator next = tracked.lowerBound(from);
+         next != tracked.constEnd() && next.key().name == name && next.key().type == type; ++next) {
+        if (next->wasSeen)
+            return next.key();
+    }
+    const ServiceKey key = {name, type, domain};
+    return key;
 }
 
 } // namespace vd

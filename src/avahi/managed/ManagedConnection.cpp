@@ -1,12 +1,16 @@
 // SPDX-License-Identifier: MIT
 #include "avahi/managed/ManagedServiceDiscoveryPrivate.h"
 
+#include <limits>
+
 namespace vd {
 
 namespace {
 
 const int SHORTEST_RETRY_MS = 250;
 const int LONGEST_RETRY_MS = 8000;
+// A connection that was lost sooner is not tried again at once.
+const int LASTING_MS = 2000;
 
 bool isDaemonThere(AvahiClientState state)
 {
@@ -36,8 +40,12 @@ void ManagedServiceDiscovery::Private::clientChanged(AvahiClientState changedTo)
 void ManagedServiceDiscovery::Private::lostConnection()
 {
     hasFailed = true;
-    if (!isConnecting)
-        connectTimer.start(0);
+    if (isConnecting)
+        return;
+    if (hasBegun && clock.elapsed() - begunAt >= LASTING_MS)
+        backoffMs = 0;
+    connectTimer.start(backoffMs);
+    backoffMs = qBound(SHORTEST_RETRY_MS, 2 * backoffMs, LONGEST_RETRY_MS);
 }
 
 void ManagedServiceDiscovery::Private::connectToDaemon()
@@ -56,6 +64,8 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
         return;
 
     const bool isBrowsed = browseWantedTypes();
+    if (current.ended())
+        return;
     if (isBrowsed && !hasFailed) {
         begin();
         return;
@@ -71,10 +81,13 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
 bool ManagedServiceDiscovery::Private::browseWantedTypes()
 {
     isConnecting = true;
+    const ManagedSession current(this);
     bool isBrowsed = true;
     // The browsers are made in the order of the types.
     while (isBrowsed && q->serviceBrowsers.size() < types.size())
         isBrowsed = browse(types.at(q->serviceBrowsers.size()));
+    if (current.objectIsGone())
+        return false;
     isConnecting = false;
     return isBrowsed;
 }
@@ -84,7 +97,10 @@ bool ManagedServiceDiscovery::Private::browse(const QByteArray& type)
     // The base forgets every service when it cannot make the client.
     const QMap<QString, SServiceInfo> knownServices = q->services;
     const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
+    const ManagedSession current(this);
     const bool isBrowsed = q->AvahiServiceDiscovery::BrowseServices(type.constData());
+    if (current.ended())
+        return false;
     if (!isBrowsed) {
         q->services = knownServices;
         q->recordQueue = knownQueue;
@@ -119,6 +135,7 @@ void ManagedServiceDiscovery::Private::dropClient()
         service->addressBrowser = nullptr;
         service->addressLinks.clear();
         service->isWaiting = false;
+        service->isKept = false;
     }
 
     const QMap<QString, SServiceInfo> knownServices = q->services;
@@ -137,6 +154,7 @@ void ManagedServiceDiscovery::Private::endSession()
     isPublished = false;
     clientState = AVAHI_CLIENT_CONNECTING;
     pausedUntil = 0;
+    daemonLimit = std::numeric_limits<int>::max();
     graceTimer.stop();
     resolveTimer.stop();
     failedTimer.stop();
@@ -150,13 +168,18 @@ void ManagedServiceDiscovery::Private::endSession()
 
 void ManagedServiceDiscovery::Private::begin()
 {
-    backoffMs = 0;
+    const ManagedSession current(this);
     publish();
-    if (hasBegun)
+    if (current.ended())
         return;
-    hasBegun = true;
-    if (hasLinklessService())
-        graceTimer.start(gracePeriodMs);
+    if (!hasBegun) {
+        hasBegun = true;
+        begunAt = clock.elapsed();
+        if (hasUnseenService())
+            graceTimer.start(gracePeriodMs);
+        askAgain();
+    }
+    scheduleResolving(0);
     setState(Running);
 }
 
@@ -164,18 +187,40 @@ void ManagedServiceDiscovery::Private::publish()
 {
     if (!publishes || isPublished || clientState != AVAHI_CLIENT_S_RUNNING)
         return;
-    isPublished = q->AvahiServiceDiscovery::RegisterService(publishedName.constData(), publishedType.constData(),
-                                                            publishedInfo);
+    const ManagedSession current(this);
+    const bool isDone = q->AvahiServiceDiscovery::RegisterService(publishedName.constData(),
+                                                                  publishedType.constData(), publishedInfo);
+    if (current.ended())
+        return;
+    isPublished = isDone;
+    if (isPublished)
+        return;
+    // Nothing half done may stand in the way of the next attempt.
+    q->AvahiServiceDiscovery::TerminateRegistration();
+    retryLater();
 }
 
-bool ManagedServiceDiscovery::Private::hasLinklessService() const
+bool ManagedServiceDiscovery::Private::hasUnseenService() const
 {
     for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
          ++service) {
-        if (service->links.isEmpty())
+        if (service->wasSeen && service->links.isEmpty())
             return true;
     }
     return false;
+}
+
+// What hosts asked for is not browsed, so nothing but this resolves it.
+void ManagedServiceDiscovery::Private::askAgain()
+{
+    QList<ServiceKey> asked;
+    for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
+         ++service) {
+        if (!service->wasSeen)
+            asked.append(service.key());
+    }
+    for (int i = 0; i < asked.size(); ++i)
+        enqueue(asked.at(i));
 }
 
 void ManagedServiceDiscovery::Private::endGrace()
@@ -183,7 +228,7 @@ void ManagedServiceDiscovery::Private::endGrace()
     QList<ServiceKey> unseen;
     for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
          ++service) {
-        if (service->links.isEmpty())
+        if (service->wasSeen && service->links.isEmpty())
             unseen.append(service.key());
     }
     const ManagedSession current(this);

@@ -6,6 +6,8 @@
 
 #include <avahi-common/defs.h>
 
+#include <limits>
+
 namespace vd {
 
 namespace {
@@ -21,6 +23,9 @@ const int TURN_MS = 5;
 const int PATIENCE_MS = 1000;
 const int RETRY_MS = 5000;
 const int COOL_DOWN_MS = 1000;
+const int LIMITED_MS = 60000;
+// A browser, and one service that is resolved.
+const int LEAST_OBJECTS = 3;
 // What long-lived queries must leave to all others.
 const int SHARE_OF_OTHERS = 4;
 
@@ -70,18 +75,27 @@ void ManagedServiceDiscovery::Private::stopQuery(const QString& name, const QStr
     for (TrackedServices::iterator service = tracked.lowerBound(from);
          service != tracked.end() && service.key().name == name; ++service) {
         if (type.isEmpty() || service.key().type == type) {
-            if (service->isLongLived) {
-                service->isLongLived = false;
-                closeResolver(service.value());
-                closeAddressBrowser(service.value());
-                parked.removeOne(service.key());
-            }
+            endKeeping(service.value());
+            parked.removeOne(service.key());
         }
         isLongLived = isLongLived || service->isLongLived;
     }
     const QMap<QString, SServiceInfo>::iterator known = q->services.find(name);
     if (known != q->services.end())
         known->longLiveQuery = isLongLived;
+}
+
+void ManagedServiceDiscovery::Private::endKeeping(TrackedService& service)
+{
+    if (!service.isLongLived)
+        return;
+    service.isLongLived = false;
+    service.isKept = false;
+    // One that was never answered goes on, as any other does.
+    if (service.txt.isNull())
+        return;
+    closeResolver(service);
+    closeAddressBrowser(service);
 }
 
 void ManagedServiceDiscovery::Private::enqueue(const ServiceKey& key)
@@ -104,7 +118,10 @@ void ManagedServiceDiscovery::Private::resolveWaiting()
 {
     QElapsedTimer turn;
     turn.start();
-    while (!line.isEmpty() && q->client && !hasFailed) {
+    if (!hasBegun || hasFailed || !q->client)
+        return;
+    wakeParked();
+    while (!line.isEmpty()) {
         const qint64 now = clock.elapsed();
         if (now < pausedUntil) {
             scheduleResolving(static_cast<int>(pausedUntil - now));
@@ -116,13 +133,11 @@ void ManagedServiceDiscovery::Private::resolveWaiting()
         }
         const ServiceKey key = line.first();
         TrackedService& service = tracked[key];
-        if (service.isLongLived && !hasRoomToKeep(service)) {
-            line.removeFirst();
-            service.isWaiting = false;
+        // Without the room to be kept open it is resolved as any other, and waits for that room.
+        service.isKept = service.isLongLived && hasRoomToKeep(service);
+        if (service.isLongLived && !service.isKept && !parked.contains(key))
             parked.append(key);
-            continue;
-        }
-        if (!makeRoom(service.isLongLived ? 2 : 1, now)) {
+        if (!makeRoom(service.isKept ? 2 : 1, now)) {
             scheduleResolving(PATIENCE_MS / 10);
             return;
         }
@@ -137,6 +152,19 @@ void ManagedServiceDiscovery::Private::resolveWaiting()
     }
 }
 
+void ManagedServiceDiscovery::Private::wakeParked()
+{
+    if (parked.isEmpty())
+        return;
+    const ServiceKey next = parked.first();
+    const TrackedServices::const_iterator service = tracked.constFind(next);
+    if (service != tracked.constEnd() && !hasRoomToKeep(service.value()))
+        return;
+    parked.removeFirst();
+    if (service != tracked.constEnd())
+        enqueue(next);
+}
+
 int ManagedServiceDiscovery::Private::youngResolvers(qint64 now)
 {
     int young = 0;
@@ -149,29 +177,42 @@ int ManagedServiceDiscovery::Private::youngResolvers(qint64 now)
 
 bool ManagedServiceDiscovery::Private::makeRoom(int objects, qint64 now)
 {
-    for (int i = 0; i < oldestFirst.size() && openObjects() + objects > objectLimit;) {
+    if (now >= limitedUntil)
+        daemonLimit = std::numeric_limits<int>::max();
+    const int limit = qMin(objectLimit, daemonLimit) - objects - awaitedAddressBrowsers();
+    for (int i = 0; i < oldestFirst.size() && openObjects() > limit;) {
         const ServiceKey key = resolvers.value(oldestFirst.at(i));
         TrackedService& service = tracked[key];
         if (now - service.resolvingSince < PATIENCE_MS)
             break;
-        if (service.isLongLived) {
+        if (service.isKept) {
             ++i;
             continue;
         }
         closeResolver(service);
         enqueue(key);
     }
-    return openObjects() + objects <= objectLimit;
+    return openObjects() <= limit;
+}
+
+// Those of kept queries that are not resolved yet.
+int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
+{
+    int awaited = 0;
+    for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd(); ++service)
+        awaited += service->isKept && service->resolver && !service->addressBrowser ? 1 : 0;
+    return awaited;
 }
 
 bool ManagedServiceDiscovery::Private::hasRoomToKeep(const TrackedService& service) const
 {
-    if (service.resolver)
+    if (service.isKept)
         return true;
     int kept = 0;
     for (TrackedServices::const_iterator other = tracked.constBegin(); other != tracked.constEnd(); ++other)
-        kept += other->isLongLived && other->resolver ? 2 : 0;
-    return kept + 2 <= objectLimit - objectLimit / SHARE_OF_OTHERS;
+        kept += other->isKept ? 2 : 0;
+    const int limit = qMin(objectLimit, daemonLimit);
+    return kept + 2 <= limit - limit / SHARE_OF_OTHERS;
 }
 
 bool ManagedServiceDiscovery::Private::startResolver(const ServiceKey& key)
@@ -207,8 +248,7 @@ bool ManagedServiceDiscovery::Private::startResolver(const ServiceKey& key)
     service.isWaiting = true;
     line.prepend(key);
     if (error == AVAHI_ERR_TOO_MANY_OBJECTS) {
-        pausedUntil = clock.elapsed() + COOL_DOWN_MS;
-        scheduleResolving(COOL_DOWN_MS);
+        coolDown();
     } else {
         lostConnection();
     }
@@ -229,11 +269,15 @@ void ManagedServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int
         d->resolverFailed(key, client ? avahi_client_errno(client) : AVAHI_ERR_BAD_STATE);
         return;
     }
+    if (!isWebService(type)) {
+        d->forget(key);
+        return;
+    }
     SServiceInfo info = services.value(key.name);
     readBasicMembers(info, interface, name, type, host_name, port);
     info.serviceName = key.name;
     if (!readVendorTxtRecord(info, name, type, domain, txt)) {
-        d->forget(key);
+        d->notRecognised(key);
         return;
     }
     info.txtChecksum = checksumOfHead(txt);
@@ -251,9 +295,35 @@ void ManagedServiceDiscovery::Private::resolverFailed(const ServiceKey& key, int
     if (error == AVAHI_ERR_TIMEOUT)
         return;
     closeResolver(tracked[key]);
-    failed.append(key);
+    retryResolving(key, error);
+}
+
+void ManagedServiceDiscovery::Private::retryResolving(const ServiceKey& key, int error)
+{
+    if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
+        coolDown();
+    if (!failed.contains(key))
+        failed.append(key);
     if (!failedTimer.isActive())
         failedTimer.start(RETRY_MS);
+}
+
+// What is open now is as much as the daemon allows, for some time.
+void ManagedServiceDiscovery::Private::coolDown()
+{
+    daemonLimit = qMax(openObjects(), LEAST_OBJECTS);
+    limitedUntil = clock.elapsed() + LIMITED_MS;
+    pausedUntil = clock.elapsed() + COOL_DOWN_MS;
+    scheduleResolving(COOL_DOWN_MS);
+}
+
+// A known device stays, whatever its text lacks for once. All others are none of ours.
+void ManagedServiceDiscovery::Private::notRecognised(const ServiceKey& key)
+{
+    if (!q->services.contains(key.name))
+        forget(key);
+    else if (!tracked[key].isKept)
+        closeResolver(tracked[key]);
 }
 
 void ManagedServiceDiscovery::Private::resolveFailed()
@@ -270,7 +340,7 @@ void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SSe
                                                 const QString& address, const QByteArray& txt)
 {
     TrackedService& service = tracked[key];
-    if (!service.isLongLived)
+    if (!service.isKept)
         closeResolver(service);
     const bool isKnown = q->services.contains(key.name);
     const bool isTextChanged = isKnown && !service.txt.isNull() && service.txt != txt;
@@ -308,10 +378,7 @@ void ManagedServiceDiscovery::Private::closeResolver(TrackedService& service)
     resolvers.remove(closed);
     oldestFirst.removeOne(closed);
     avahi_service_resolver_free(closed);
-    if (!parked.isEmpty()) {
-        const ServiceKey next = parked.takeFirst();
-        enqueue(next);
-    }
+    scheduleResolving(0);
 }
 
 int ManagedServiceDiscovery::Private::openObjects() const

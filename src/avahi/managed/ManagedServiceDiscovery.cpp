@@ -4,6 +4,8 @@
 
 #include <avahi-common/domain.h>
 
+#include <limits>
+
 namespace vd {
 
 namespace {
@@ -43,7 +45,10 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , hasFailed(false)
     , hasBegun(false)
     , backoffMs(0)
+    , begunAt(0)
     , pausedUntil(0)
+    , daemonLimit(std::numeric_limits<int>::max())
+    , limitedUntil(0)
     , youngMs(0)
 {
     connectTimer.setSingleShot(true);
@@ -93,6 +98,7 @@ int ManagedServiceDiscovery::objectLimit() const
 void ManagedServiceDiscovery::setObjectLimit(int objects)
 {
     d->objectLimit = qMax(SMALLEST_OBJECT_LIMIT, objects);
+    d->scheduleResolving(0);
 }
 
 int ManagedServiceDiscovery::openObjects() const
@@ -138,7 +144,7 @@ bool ManagedServiceDiscovery::StartQueryRecords(const char* name, const char* ty
 {
     if (d->types.isEmpty() || !isQueryable(name, type))
         return false;
-    d->query(keyOf(name, type, QUERY_DOMAIN), longLiveQuery);
+    d->query(d->trackedKey(textFromBytes(name), textFromBytes(type), textFromBytes(QUERY_DOMAIN)), longLiveQuery);
     return true;
 }
 
@@ -152,9 +158,11 @@ bool ManagedServiceDiscovery::RegisterService(const char* name, const char* type
     if (!name || !type)
         return false;
     if (d->state == Running) {
-        d->isPublished = AvahiServiceDiscovery::RegisterService(name, type, info);
-        if (!d->isPublished)
+        const ManagedSession current(d.data());
+        const bool isPublished = AvahiServiceDiscovery::RegisterService(name, type, info);
+        if (current.ended() || !isPublished)
             return false;
+        d->isPublished = true;
     }
     d->publishes = true;
     d->publishedName = name;
@@ -203,7 +211,7 @@ void ManagedServiceDiscovery::endGrace()
 void ManagedServiceDiscovery::queryNextInTurn()
 {
     queryTimer.setInterval(NEXT_QUERY_MS);
-    if (recordQueue.isEmpty())
+    if (recordQueue.isEmpty() || d->state != Running)
         return;
     const QPair<QString, QString> next = recordQueue.takeFirst();
     recordQueue.append(next);

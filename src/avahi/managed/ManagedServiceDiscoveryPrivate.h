@@ -43,6 +43,7 @@ public:
     void resolveWaiting();
     void resolveFailed();
     void resolverFailed(const ServiceKey& key, int error);
+    void notRecognised(const ServiceKey& key);
     void resolved(const ServiceKey& key, const SServiceInfo& info, const QString& address, const QByteArray& txt);
     void forget(const ServiceKey& key);
 
@@ -54,6 +55,9 @@ public:
     void addressesComplete(const ServiceKey& key);
     void addressBrowserFailed(const ServiceKey& key);
 
+    ServiceKey trackedKey(const QString& name, const QString& type, const QString& domain) const;
+    void retryResolving(const ServiceKey& key, int error);
+    void scheduleResolving(int milliseconds);
     void closeResolver(TrackedService& service);
     void closeAddressBrowser(TrackedService& service);
     int openObjects() const;
@@ -98,12 +102,17 @@ private:
     void endSession();
     void retryLater();
     void begin();
-    bool hasLinklessService() const;
+    bool hasUnseenService() const;
+    void askAgain();
 
     void removeFromQueue(const ServiceKey& key);
+    void forgetName(const QString& name);
     bool hasOtherService(const ServiceKey& key, ServiceKey* other) const;
 
-    void scheduleResolving(int milliseconds);
+    void endKeeping(TrackedService& service);
+    void wakeParked();
+    void coolDown();
+    int awaitedAddressBrowsers() const;
     bool startResolver(const ServiceKey& key);
     int youngResolvers(qint64 now);
     bool makeRoom(int objects, qint64 now);
@@ -115,11 +124,16 @@ private:
     bool hasFailed;
     bool hasBegun;
     int backoffMs;
+    /** By the clock of resolving. */
+    qint64 begunAt;
     QElapsedTimer attempt;
     QElapsedTimer clock;
     /** The resolvers in order of creation. */
     QList<AvahiServiceResolver*> oldestFirst;
     qint64 pausedUntil;
+    /** What the daemon turned out to allow. */
+    int daemonLimit;
+    qint64 limitedUntil;
     /** How long a resolver counts as one that the daemon can answer at once. */
     int youngMs;
 };
@@ -133,7 +147,8 @@ public:
         : m_object(discovery->q), m_current(&discovery->session), m_session(discovery->session)
     {}
 
-    bool ended() const { return m_object.isNull() || *m_current != m_session; }
+    bool ended() const { return objectIsGone() || *m_current != m_session; }
+    bool objectIsGone() const { return m_object.isNull(); }
 
 private:
     QPointer<QObject> m_object;

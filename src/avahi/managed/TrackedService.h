@@ -39,10 +39,16 @@ inline bool operator<(const ServiceKey& a, const ServiceKey& b)
 struct TrackedService
 {
     TrackedService()
-        : resolver(nullptr), resolvingSince(0), addressBrowser(nullptr), isWaiting(false), isLongLived(false)
+        : resolver(nullptr)
+        , resolvingSince(0)
+        , addressBrowser(nullptr)
+        , wasSeen(false)
+        , isWaiting(false)
+        , isLongLived(false)
+        , isKept(false)
     {}
 
-    /** Where browsing sees it; empty for one that was known before a restart, or that only a host asked for. */
+    /** Where browsing sees it. */
     QList<Link> links;
     AvahiServiceResolver* resolver;
     /** In milliseconds of the clock of resolving. */
@@ -52,9 +58,14 @@ struct TrackedService
     QString host;
     /** What the address browser has seen, and where. */
     QMap<QString, QList<Link>> addressLinks;
+    /** Browsing has seen it, be it before a restart; otherwise somebody asked for it. */
+    bool wasSeen;
     /** Stands in line to be resolved. */
     bool isWaiting;
+    /** A query is to be kept open. */
     bool isLongLived;
+    /** It has the room to be kept open. */
+    bool isKept;
     /** Every string of the TXT record as it was resolved last; null before. */
     QByteArray txt;
 };
