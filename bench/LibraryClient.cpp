@@ -40,14 +40,16 @@ long peakMemoryKiB()
 class Heartbeat
 {
 public:
+    /** Without an object to watch it does nothing, and costs nothing that is measured. */
     explicit Heartbeat(const vd::ManagedServiceDiscovery* watched)
     {
+        if (!watched)
+            return;
         m_timer.setTimerType(Qt::PreciseTimer);
         QObject::connect(&m_timer, &QTimer::timeout, [this, watched] {
             m_longestMs = std::max(m_longestMs, double(m_sinceLast.nsecsElapsed()) / 1e6 - HEARTBEAT_MS);
             m_sinceLast.restart();
-            if (watched)
-                m_mostObjects = std::max(m_mostObjects, watched->openObjects());
+            m_mostObjects = std::max(m_mostObjects, watched->openObjects());
         });
         m_sinceLast.start();
         m_timer.start(HEARTBEAT_MS);

@@ -466,14 +466,7 @@ protected:
             cameraFound("Cam", "cam.local", "10.0.0.1");
         if (GetParam() == AddressByResolve || GetParam() == Text)
             appears("Cam");
-        forgetAll();
-        bool ran = false;
-        inNextSlot([&] {
-            ran = true;
-            action();
-        });
-        fire();
-        EXPECT_TRUE(ran);
+        runInSlotOf([this] { fire(); }, action);
     }
 
 private:

@@ -1022,14 +1022,7 @@ protected:
             resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
             record(2, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.2");
         }
-        forgetAll();
-        bool ran = false;
-        inNextSlot([&] {
-            ran = true;
-            action();
-        });
-        fire();
-        EXPECT_TRUE(ran);
+        runInSlotOf([this] { fire(); }, action);
     }
 
 private:
@@ -1118,4 +1111,6 @@ TEST_P(ManagedSlotTest, StoppingAQueryInTheSlotIsFine)
         discovery().StopQueryRecords("Cam", HTTP);
     });
     turn();
+    for (const std::string& entry : table())
+        EXPECT_EQ(entry.find("longLiveQuery"), std::string::npos) << entry;
 }

@@ -45,7 +45,7 @@ void ManagedServiceDiscovery::Private::lostConnection()
     if (hasBegun && clock.elapsed() - begunAt >= LASTING_MS)
         backoffMs = 0;
     connectTimer.start(backoffMs);
-    backoffMs = qBound(SHORTEST_RETRY_MS, 2 * backoffMs, LONGEST_RETRY_MS);
+    growBackoff();
 }
 
 void ManagedServiceDiscovery::Private::connectToDaemon()
@@ -120,9 +120,14 @@ void ManagedServiceDiscovery::Private::connectSoon()
 // The delay counts from the begin of the attempt: one that hung for long enough is repeated soon.
 void ManagedServiceDiscovery::Private::retryLater()
 {
-    backoffMs = qBound(SHORTEST_RETRY_MS, 2 * backoffMs, LONGEST_RETRY_MS);
+    growBackoff();
     const int spentMs = static_cast<int>(qMin<qint64>(attempt.elapsed(), LONGEST_RETRY_MS));
     connectTimer.start(qMax(SHORTEST_RETRY_MS, backoffMs - spentMs));
+}
+
+void ManagedServiceDiscovery::Private::growBackoff()
+{
+    backoffMs = qBound(SHORTEST_RETRY_MS, 2 * backoffMs, LONGEST_RETRY_MS);
 }
 
 // What was seen of the services stays, but not where.
@@ -175,7 +180,7 @@ void ManagedServiceDiscovery::Private::begin()
     if (!hasBegun) {
         hasBegun = true;
         begunAt = clock.elapsed();
-        if (hasUnseenService())
+        if (!unseenServices().isEmpty())
             graceTimer.start(gracePeriodMs);
         askAgain();
     }
@@ -200,14 +205,16 @@ void ManagedServiceDiscovery::Private::publish()
     retryLater();
 }
 
-bool ManagedServiceDiscovery::Private::hasUnseenService() const
+// Those that were browsed before a restart and are not back yet.
+QList<ServiceKey> ManagedServiceDiscovery::Private::unseenServices() const
 {
+    QList<ServiceKey> unseen;
     for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
          ++service) {
         if (service->wasSeen && service->links.isEmpty())
-            return true;
+            unseen.append(service.key());
     }
-    return false;
+    return unseen;
 }
 
 // What hosts asked for is not browsed, so nothing but this resolves it.
@@ -225,12 +232,7 @@ void ManagedServiceDiscovery::Private::askAgain()
 
 void ManagedServiceDiscovery::Private::endGrace()
 {
-    QList<ServiceKey> unseen;
-    for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
-         ++service) {
-        if (service->wasSeen && service->links.isEmpty())
-            unseen.append(service.key());
-    }
+    const QList<ServiceKey> unseen = unseenServices();
     const ManagedSession current(this);
     for (int i = 0; i < unseen.size() && !current.ended(); ++i) {
         // A slot may have brought it back meanwhile.

@@ -100,9 +100,10 @@ private:
     bool browse(const QByteArray& type);
     void dropClient();
     void endSession();
+    void growBackoff();
     void retryLater();
     void begin();
-    bool hasUnseenService() const;
+    QList<ServiceKey> unseenServices() const;
     void askAgain();
 
     void removeFromQueue(const ServiceKey& key);

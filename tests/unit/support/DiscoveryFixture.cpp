@@ -178,6 +178,19 @@ Lines DiscoveryFixture<Discovery>::queue()
 }
 
 template <typename Discovery>
+void DiscoveryFixture<Discovery>::runInSlotOf(const std::function<void()>& event, const std::function<void()>& action)
+{
+    forgetAll();
+    bool ran = false;
+    inNextSlot([&] {
+        ran = true;
+        action();
+    });
+    event();
+    EXPECT_TRUE(ran);
+}
+
+template <typename Discovery>
 void DiscoveryFixture<Discovery>::appears(const char* name, const char* type, int interface)
 {
     avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_NEW, interface, AVAHI_PROTO_INET, name, type, "local");

@@ -151,6 +151,9 @@ protected:
     /** Runs inside the slot of the next signal of any kind. */
     void inNextSlot(std::function<void()> action) { m_inNextSlot = std::move(action); }
 
+    /** Runs @p action inside the slot of the signal that @p event causes; fails the test when there is none. */
+    void runInSlotOf(const std::function<void()>& event, const std::function<void()>& action);
+
     // Events that a device causes. The service is resolved by the resolver that was made last unless given.
     void appears(const char* name, const char* type = "_http._tcp", int interface = 2);
     void disappears(const char* name, const char* type = "_http._tcp");
