@@ -1,0 +1,125 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "support/DiscoveryFixture.h"
+
+#include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
+#include <QtCore/QThread>
+
+const std::string SERIAL = "ser_no.vandrel.com=\x01\x02\x03";
+const char HTTP[] = "_http._tcp";
+const char HTTPS[] = "_https._tcp";
+
+// All members of a camera's record but its addresses and its text.
+inline std::string camera(const std::string& name, const std::string& host, const std::string& rest,
+                          const std::string& before = "")
+{
+    return "serviceType='_http._tcp' interfaceIndex=2 " + before + "deviceKind=1 serviceName='" + name + "' hostName='"
+           + host + "' recordHostName='" + host + "' " + rest;
+}
+
+class ManagedTest : public ManagedDiscoveryTest
+{
+protected:
+    const Txt cameraTxt = {SERIAL};
+    const std::string known
+        = "serialNumber=66051 txtChecksum=" + std::to_string(crcOf(SERIAL));
+
+    /** Runs what waits for the event loop. */
+    void turn(int milliseconds = 0)
+    {
+        QElapsedTimer waited;
+        waited.start();
+        do {
+            QCoreApplication::processEvents();
+            QCoreApplication::processEvents();
+            if (milliseconds)
+                QThread::msleep(1);
+        } while (waited.elapsed() < milliseconds);
+    }
+
+    /** A running daemon, as libavahi-client tells of it. */
+    void daemonRuns()
+    {
+        avahi.duringClientNew([this](AvahiClient*) { avahi.fireClientState(AVAHI_CLIENT_S_RUNNING, ++m_clients); });
+    }
+
+    void daemonIsAway()
+    {
+        avahi.duringClientNew([this](AvahiClient*) { avahi.fireClientState(AVAHI_CLIENT_CONNECTING, ++m_clients); });
+    }
+
+    void run(const char* type = HTTP)
+    {
+        daemonRuns();
+        startBrowsing(type);
+    }
+
+    void appearsOn(const char* name, int interface, int protocol = AVAHI_PROTO_INET, const char* type = HTTP,
+                   int browser = 1)
+    {
+        avahi.fireBrowse(avahi.browser(browser), AVAHI_BROWSER_NEW, interface, protocol, name, type, "local");
+    }
+
+    void disappearsOn(const char* name, int interface, int protocol = AVAHI_PROTO_INET, const char* type = HTTP,
+                      int browser = 1)
+    {
+        avahi.fireBrowse(avahi.browser(browser), AVAHI_BROWSER_REMOVE, interface, protocol, name, type, "local");
+    }
+
+    /** A camera found, its addresses complete, and all that was written down forgotten. */
+    void found(const char* name = "Cam", const char* host = "cam.local", const char* address = "10.0.0.1", int number = 1)
+    {
+        appears(name);
+        turn();
+        resolved(number, name, host, address, cameraTxt);
+        record(number, AVAHI_BROWSER_NEW, host, address);
+        record(number, AVAHI_BROWSER_ALL_FOR_NOW, host, nullptr);
+        forgetAll();
+    }
+
+    static std::string camName(int number) { return "Cam" + std::to_string(number); }
+
+    /** Answers every resolver that was made since the calls were asked for last; returns the names of its services. */
+    Lines answerResolvers()
+    {
+        Lines names;
+        for (const std::string& call : takeCalls()) {
+            if (call.rfind("service_resolver_new", 0) != 0)
+                continue;
+            const size_t begin = call.find('"') + 1;
+            names.push_back(call.substr(begin, call.find('"', begin) - begin));
+            resolved(std::stoi(call.substr(call.rfind("resolver") + 8)), names.back().c_str(), "cam.local", "10.0.0.1",
+                     cameraTxt);
+            const Lines live = avahi.liveHandles();
+            for (const std::string& handle : live) {
+                if (handle.rfind("recordBrowser", 0) == 0)
+                    record(std::stoi(handle.substr(13)), AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+            }
+        }
+        return names;
+    }
+
+    int liveCount(const std::string& kind) const
+    {
+        int count = 0;
+        for (const std::string& handle : avahi.liveHandles())
+            count += handle.rfind(kind, 0) == 0 ? 1 : 0;
+        return count;
+    }
+
+    int liveClient() const { return std::stoi(avahi.liveHandles().front().substr(6)); }
+
+    void failClient(int number = 1) { avahi.fireClientState(AVAHI_CLIENT_FAILURE, number); }
+
+    Lines signalsOf(const std::function<void()>& action)
+    {
+        takeSignals();
+        action();
+        return takeSignals();
+    }
+
+private:
+    int m_clients = 0;
+};
