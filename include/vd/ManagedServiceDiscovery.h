@@ -23,20 +23,35 @@ namespace vd {
  *
  * What differs from AvahiServiceDiscovery:
  *
- * - BrowseServices() and RegisterService() return true without a daemon too, and begin when there is one. After a
- *   restart everything is taken up again. Devices that came back as they were cause no signal; changed ones cause
- *   serviceAddress or serviceText; those that are not seen again within gracePeriod() cause serviceLost.
+ * - BrowseServices(), and RegisterService() after it, return true without a daemon too, and begin when there is one.
+ *   What cannot be browsed or published is refused then as ever. After a restart everything is taken up again. Devices
+ *   that came back as they were cause no signal; changed ones cause serviceAddress or serviceText; those that are not
+ *   seen again within gracePeriod() cause serviceLost.
+ * - A published service is withdrawn and published anew when the host gets another name, and tried again when the
+ *   daemon gives it up. After a collision, as another host has that name, it is published again only after a restart or
+ *   under a new host name. It is published with what RegisterService() was given, not with what UpdateTxtRecord() made
+ *   of it. A registration that fails leaves nothing behind, and TerminateBrowsing() ends IsRegistered().
  * - A device is lost when no interface, protocol, type or domain shows it any more.
  * - After the removal of an address the record holds the addresses that remain. The signal still carries the removed
- *   one alone.
+ *   one alone. An address that a look-up does not show any more is looked for once more before it counts as removed.
+ * - A web service without a maker's key is resolved again after 5 s, 10 s, and so on up to an hour, as it may get one.
  * - Every string of the TXT record counts for serviceText, also when the address changes with it.
  * - StartQueryAllRecords() queries every device in its turn.
  * - StopQueryRecords() ends the query of that service alone.
- * - Resolves are made when the event loop runs again, a few at a time: the operations return before.
+ * - Devices are resolved when the event loop runs again, a few at a time, on every interface whichever is given, and by
+ *   their IPv4 addresses: one that has none is not found before it gets one.
+ * - serviceFound has the new txtChecksum already.
  * - services holds devices only, no entries for their hosts.
  *
- * Thread: as AvahiServiceDiscovery. To keep a daemon that hangs from blocking a window, make the object in the run()
- * of a QThread and connect its signals to the window by queued connections.
+ * A bus whose socket is a file is noticed at once when it returns, another (DBUS_SYSTEM_BUS_ADDRESS with
+ * unix:abstract=, tcp:) at the next attempt, 1.5 s later at most. Attempts that fail while the bus is there, and
+ * connections that are lost again within 2 s, are repeated ever more seldom, every 8 s at last.
+ *
+ * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so the daemon is asked first, without waiting,
+ * whether it is ready for them, on a second connection to the bus. One that hangs then delays devices and holds up
+ * nothing, except the operations that call it at once: BrowseServices(), RegisterService(), TerminateRegistration(),
+ * TerminateBrowsing(), the destructor, and the call that was on its way. To keep these from blocking a window too, make
+ * the object in the run() of a QThread and connect its signals to the window by queued connections.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {
@@ -47,7 +62,7 @@ class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 public:
     enum State {
         Unavailable, ///< Nothing is browsed, or there is no bus or no daemon; it is waited for.
-        Connecting,  ///< The daemon is there, and browsing is about to begin.
+        Connecting,  ///< The daemon is there, and not every type is browsed yet.
         Running      ///< Every type is browsed.
     };
 
@@ -56,7 +71,10 @@ public:
 
     State state() const;
 
-    /** How long after Running a device known from before may take to be seen again; default 15000. */
+    /**
+     * How long after Running a device known from before may take to be seen again; default 15000. What the event loop
+     * was held up for does not count.
+     */
     int gracePeriod() const;
     void setGracePeriod(int milliseconds);
 
@@ -95,13 +113,17 @@ protected:
     void RecordBrowse(AvahiRecordBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
                       const char* name, unsigned short clazz, unsigned short type, const void* rdata,
                       unsigned long size, AvahiLookupResultFlags flags, void* userdata) override;
+    /** Logs the state, and publishes anew what the daemon gave up. A collision is left as it is. */
+    void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override;
 
 private Q_SLOTS:
     void connectToDaemon();
     void connectSoon();
-    void resolveWaiting();
-    void resolveFailed();
-    void endGrace();
+    void makeCalls();
+    void daemonAnswered();
+    void retryWaiting();
+    void publishWaiting();
+    void passGrace();
     void queryNextInTurn();
 
 private:

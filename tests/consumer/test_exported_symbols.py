@@ -71,7 +71,7 @@ def test_the_soname_has_the_abi_number_and_not_the_version(dynamic_section):
     assert re.findall(r"\(SONAME\).*\[(.*)\]", dynamic_section) == ["libvddiscovery.so.0"]
 
 
-def test_the_library_needs_qt_core_and_network_avahi_and_systemd_and_nothing_else(dynamic_section, qt_major):
+def test_the_library_needs_qt_core_and_network_avahi_dbus_and_systemd_and_nothing_else(dynamic_section, qt_major):
     toolchain = ("libc.", "libgcc_s.", "libm.", "libstdc++.")
     needed = [name for name in re.findall(r"\(NEEDED\).*\[(.*)\]", dynamic_section)
               if not name.startswith(toolchain)]
@@ -81,6 +81,7 @@ def test_the_library_needs_qt_core_and_network_avahi_and_systemd_and_nothing_els
         f"libQt{qt_major}Network.so.{qt_major}",
         "libavahi-client.so.3",
         "libavahi-common.so.3",
+        "libdbus-1.so.3",
         "libsystemd.so.0",
     ]
 

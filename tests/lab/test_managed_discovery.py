@@ -186,30 +186,3 @@ def test_the_example_of_a_worker_thread_tells_of_devices(stage):
     assert told.wait_for(lambda lines: b'found "Lobby" QList("10.77.0.101")\n' in lines)
     publisher.goodbye("Lobby")
     assert told.wait_for(lambda lines: b'lost "Lobby"\n' in lines)
-
-
-def answers(lines, command):
-    return [line for line in lines if line["event"] == "answer" and line["command"] == command]
-
-
-def test_a_daemon_that_hangs_holds_up_the_thread_of_discovery_alone(stage):
-    lab, probe, publisher = managed(stage, ["--discover-in-thread"])
-    probe.call("browse", type="_http._tcp")
-    found(probe, publisher, lab, camera())
-    lab.fault("viewer", "daemon-hang")
-    # The query is made when the event loop runs again, and what is asked of that thread afterwards has to wait.
-    assert probe.start_query("Lobby", False) is True
-    time.sleep(0.5)
-    probe.post("is-browsing")
-    slowest = 0
-    for beat in range(1, 21):
-        asked = time.monotonic()
-        probe.post("beat")
-        assert probe.said.wait_for(lambda lines, count=beat: len(answers(lines, "beat")) == count)
-        slowest = max(slowest, time.monotonic() - asked)
-        time.sleep(0.1)
-    assert answers(probe.said.all, "is-browsing") == []
-    assert slowest < 0.5
-    lab.fault("viewer", "daemon-continue")
-    assert probe.said.wait_for(lambda lines: answers(lines, "is-browsing"))
-    assert list(probe.table()) == ["Lobby"]

@@ -209,10 +209,55 @@ TEST_F(ManagedTest, AddressThatTheNetworkNoLongerHasIsRemoved)
     resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
     EXPECT_EQ(takeSignals(),
               Lines{"address " + camera("Cam", "cam.local", "addresses=[10.0.0.1,10.0.0.2] " + known)});
-    record(2, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.2");
-    record(2, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+    onlyAnswerIs(2, "10.0.0.2");
+    // An answer may have been lost for once.
+    EXPECT_EQ(takeSignals(), Lines());
+    queryAgain(3, "10.0.0.2");
     EXPECT_EQ(takeSignals(),
               Lines{"address " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known, "addressRemoved=true ")});
+}
+
+TEST_F(ManagedTest, AddressThatIsMissingInOneAnswerStays)
+{
+    run();
+    found();
+    queryAgain(2, "10.0.0.2");
+    queryAgain(3, "10.0.0.1");
+    takeSignals();
+    queryAgain(4, "10.0.0.2");
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(table(), Lines{"\"Cam\": " + camera("Cam", "cam.local", "addresses=[10.0.0.1,10.0.0.2] " + known)});
+}
+
+TEST_F(ManagedTest, AddressThatWentDuringARestartGoesThoughTheDeviceIsFollowedForLong)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    failClient();
+    turn();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.2");
+    takeSignals();
+    turn(3400);
+    resolved(3, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    onlyAnswerIs(3, "10.0.0.2");
+    EXPECT_EQ(takeSignals().size(), 1u);
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList{"10.0.0.2"});
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2", "resolver3", "recordBrowser3"}));
+}
+
+TEST_F(ManagedTest, MissingAddressIsLookedUpAgainSoon)
+{
+    run();
+    found();
+    queryAgain(2, "10.0.0.2");
+    takeCalls();
+    turn(3400);
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
+                                 "resolver3"});
 }
 
 TEST_F(ManagedTest, AnswerWithoutAnyAddressRemovesNone)
@@ -352,6 +397,7 @@ TEST_F(ManagedTest, StoppingAQueryEndsThatServicesAndNoOther)
     resolved(4, "B", "b.local", "10.0.0.2", cameraTxt);
     forgetAll();
     discovery().StopQueryRecords("A", HTTP);
+    turn();
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver3)", "record_browser_free(recordBrowser3)"}));
     EXPECT_FALSE(discovery().services.value(QStringLiteral("A")).longLiveQuery);
     EXPECT_TRUE(discovery().services.value(QStringLiteral("B")).longLiveQuery);
@@ -569,4 +615,203 @@ TEST_F(ManagedTest, LossOnOneOfTwoInterfacesResolvesAgain)
     disappearsOn("Cam", 2);
     turn();
     EXPECT_EQ(answerResolvers(), Lines{"Cam"});
+}
+
+TEST_F(ManagedTest, WebServiceThatGetsItsKeyLaterIsFound)
+{
+    run();
+    appears("Cam");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", Txt{"path=/"});
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    takeCalls();
+    turn(5400);
+    EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 1);
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    EXPECT_EQ(takeSignals().size(), 1u);
+}
+
+TEST_F(ManagedTest, WebServiceOfAnotherDoesNotHideTheLossOfADevice)
+{
+    run();
+    discovery().BrowseServices(HTTPS);
+    found();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
+    turn();
+    resolved(2, "Cam", "other.local", "10.0.0.9", Txt{"path=/"}, HTTPS, 443);
+    EXPECT_EQ(signalsOf([this] { disappears("Cam"); }).size(), 1u);
+    EXPECT_EQ(table(), Lines());
+}
+
+TEST_F(ManagedTest, WhatMightHaveBeenTheDeviceAndIsNotEndsIt)
+{
+    run();
+    discovery().BrowseServices(HTTPS);
+    found();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
+    turn();
+    EXPECT_EQ(signalsOf([this] { disappears("Cam"); }), Lines());
+    EXPECT_EQ(signalsOf([this] { resolved(3, "Cam", "other.local", "10.0.0.9", Txt{"path=/"}, HTTPS, 443); }).size(),
+              1u);
+    EXPECT_EQ(table(), Lines());
+}
+
+/** One name on two hosts: a web service on the one, a secure one on the other. */
+class ManagedTwinsTest : public ManagedTest
+{
+protected:
+    void runTwins()
+    {
+        run();
+        discovery().BrowseServices(HTTPS);
+        found("Cam", "a.local", "10.0.0.1");
+        appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
+        turn();
+        answer(2, true);
+        forgetAll();
+    }
+
+    void answer(int number, bool isSecure)
+    {
+        const char* const host = isSecure ? "b.local" : "a.local";
+        const char* const address = isSecure ? "10.0.0.2" : "10.0.0.1";
+        resolved(number, "Cam", host, address, cameraTxt, isSecure ? HTTPS : HTTP, isSecure ? 443 : 80);
+        record(number, AVAHI_BROWSER_NEW, host, address);
+        record(number, AVAHI_BROWSER_ALL_FOR_NOW, host, nullptr);
+    }
+
+    QStringList addresses() { return discovery().services.value(QStringLiteral("Cam")).addresses; }
+};
+
+TEST_F(ManagedTwinsTest, QueriesOfBothChangeNothing)
+{
+    runTwins();
+    for (int number = 3; number < 9; ++number) {
+        const bool isSecure = number % 2 == 0;
+        discovery().StartQueryRecords("Cam", isSecure ? HTTPS : HTTP, false);
+        turn();
+        answer(number, isSecure);
+    }
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(addresses(), (QStringList{"10.0.0.1", "10.0.0.2"}));
+}
+
+TEST_F(ManagedTwinsTest, WhatOnlyTheLostOneShowedGoes)
+{
+    runTwins();
+    disappears("Cam");
+    const Lines told = takeSignals();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_NE(told[0].find("addresses=[10.0.0.1]"), std::string::npos) << told[0];
+    EXPECT_EQ(addresses(), QStringList{"10.0.0.2"});
+}
+
+TEST_F(ManagedTest, QueryOfOneTypeIsKeptThoughAnotherIsResolved)
+{
+    run();
+    discovery().BrowseServices(HTTPS);
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
+    turn();
+    resolved(3, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS, 443);
+    EXPECT_TRUE(discovery().services.value(QStringLiteral("Cam")).longLiveQuery);
+}
+
+TEST_F(ManagedTest, DeviceThatReturnsWhileItsLossIsToldIsFoundAnew)
+{
+    run();
+    found();
+    inNextSlot([this] {
+        appears("Cam");
+        turn();
+        resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    });
+    disappears("Cam");
+    const Lines told = takeSignals();
+    ASSERT_EQ(told.size(), 2u);
+    EXPECT_EQ(told[0].substr(0, 5), "lost ");
+    EXPECT_EQ(told[1].substr(0, 6), "found ");
+    EXPECT_EQ(table().size(), 1u);
+}
+
+TEST_F(ManagedTest, AddressOfALostDeviceMakesNoRecord)
+{
+    run();
+    appears("Cam");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    inNextSlot([this] { disappears("Cam"); });
+    record(1, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.2");
+    EXPECT_EQ(table(), Lines());
+}
+
+TEST_F(ManagedTest, AnswerWithoutAnAddressIsAskedForAgainWhateverFailedBefore)
+{
+    run();
+    appears("Cam");
+    turn();
+    avahi.failNext("service_resolver_new", AVAHI_ERR_TIMEOUT);
+    ManagedDiscoveryTest::resolved(1, "Cam", "cam.local", nullptr, cameraTxt);
+    turn();
+    EXPECT_EQ(liveCount("resolver"), 0);
+    takeCalls();
+    turn(5400);
+    EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 1);
+}
+
+TEST_F(ManagedTest, UnansweredServicesOverTheLimitCostLittle)
+{
+    discovery().setObjectLimit(20);
+    run();
+    for (int i = 0; i < 40; ++i)
+        appears(camName(i).c_str());
+    turn(2500);
+    takeCalls();
+    turn(3000);
+    EXPECT_LE(count(takeCalls(), "service_resolver_new"), 30);
+}
+
+TEST_F(ManagedTest, RaisedLimitLetsQueriesBeKeptThatFoundNoRoom)
+{
+    discovery().setObjectLimit(8);
+    run();
+    for (int i = 0; i < 6; ++i)
+        found(camName(i).c_str(), "cam.local", "10.0.0.1", i + 1);
+    for (int i = 0; i < 6; ++i)
+        discovery().StartQueryRecords(camName(i).c_str(), HTTP, true);
+    for (int i = 0; i < 10; ++i) {
+        turn();
+        answerResolvers();
+    }
+    EXPECT_EQ(liveCount("resolver"), 3);
+    discovery().setObjectLimit(512);
+    for (int i = 0; i < 10; ++i) {
+        turn();
+        answerResolvers();
+    }
+    EXPECT_EQ(liveCount("resolver"), 6);
+}
+
+TEST_F(ManagedTest, QueriesOfAServiceWithoutRoomLeaveNothingBehind)
+{
+    discovery().setObjectLimit(8);
+    run();
+    for (int i = 0; i < 4; ++i)
+        found(camName(i).c_str(), "cam.local", "10.0.0.1", i + 1);
+    for (int i = 0; i < 4; ++i)
+        discovery().StartQueryRecords(camName(i).c_str(), HTTP, true);
+    for (int i = 0; i < 20; ++i) {
+        discovery().StartQueryRecords("Cam3", HTTP, false);
+        turn();
+        answerResolvers();
+    }
+    disappears("Cam3");
+    takeCalls();
+    discovery().StopQueryRecords("Cam0", HTTP);
+    turn(50);
+    const Lines calls = takeCalls();
+    EXPECT_EQ(count(calls, "service_resolver_new"), 0);
 }

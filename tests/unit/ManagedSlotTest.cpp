@@ -38,7 +38,8 @@ protected:
             record(2, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.1");
         if (GetParam() == AddressOutdated) {
             resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
-            record(2, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.2");
+            onlyAnswerIs(2, "10.0.0.2");
+            askAndResolve(3, "10.0.0.2");
         }
         runInSlotOf([this] { fire(); }, action);
     }
@@ -69,7 +70,7 @@ private:
             record(2, AVAHI_BROWSER_REMOVE, "cam.local", "10.0.0.1");
             break;
         case AddressOutdated:
-            record(2, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+            onlyAnswerIs(3, "10.0.0.2");
             break;
         }
     }

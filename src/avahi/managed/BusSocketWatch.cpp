@@ -3,7 +3,10 @@
 
 #include "support/QtCompat.h"
 
+#include <QtCore/QFile>
 #include <QtCore/QStringList>
+
+#include <sys/stat.h>
 
 #include <cstdlib>
 
@@ -11,43 +14,113 @@ namespace vd {
 
 namespace {
 
-const char DEFAULT_SOCKET[] = "/var/run/dbus/system_bus_socket";
-const char PATH_PREFIX[] = "unix:path=";
+const char DEFAULT_ADDRESS[] = "unix:path=/var/run/dbus/system_bus_socket";
+const char TRANSPORT[] = "unix:";
+const char PATH_KEY[] = "path=";
 
-// Of the first address that names a path, the folder; empty when there is none.
-QString folderOfSocket()
+// Empty when the address names no file.
+QString pathOfAddress(const QByteArray& address)
+{
+    if (!address.startsWith(TRANSPORT))
+        return QString();
+    const QList<QByteArray> pairs = address.mid(static_cast<int>(sizeof TRANSPORT) - 1).split(',');
+    for (int i = 0; i < pairs.size(); ++i) {
+        if (!pairs.at(i).startsWith(PATH_KEY))
+            continue;
+        const QByteArray value = pairs.at(i).mid(static_cast<int>(sizeof PATH_KEY) - 1);
+        return textFromBytes(QByteArray::fromPercentEncoding(value));
+    }
+    return QString();
+}
+
+// Of the first address that names one.
+QString pathOfSocket()
 {
     const char* const variable = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    QString path = QLatin1String(DEFAULT_SOCKET);
-    if (variable && *variable) {
-        path = textFromBytes(variable);
-        const int begin = static_cast<int>(path.indexOf(QLatin1String(PATH_PREFIX)));
-        if (begin < 0)
-            return QString();
-        path = path.mid(begin + static_cast<int>(sizeof PATH_PREFIX) - 1);
-        path = path.left(path.indexOf(QLatin1Char(';'))).split(QLatin1Char(',')).first();
+    const QList<QByteArray> addresses = QByteArray(variable && *variable ? variable : DEFAULT_ADDRESS).split(';');
+    for (int i = 0; i < addresses.size(); ++i) {
+        const QString path = pathOfAddress(addresses.at(i));
+        if (path.startsWith(QLatin1Char('/')))
+            return path;
     }
-    return path.left(path.lastIndexOf(QLatin1Char('/')));
+    return QString();
+}
+
+// The folder of the socket may come with the bus, and is awaited in the one above then.
+QString nearestFolder(const QString& path)
+{
+    QString folder = path;
+    do
+        folder = folder.left(folder.lastIndexOf(QLatin1Char('/')));
+    while (!folder.isEmpty() && !QFile::exists(folder));
+    return folder.isEmpty() ? QString(QLatin1Char('/')) : folder;
+}
+
+// A bus that was killed leaves its socket behind, and the next one makes another, perhaps with the same number.
+QByteArray identityOf(const QString& path)
+{
+    struct stat file;
+    if (path.isEmpty() || ::stat(QFile::encodeName(path).constData(), &file) != 0)
+        return QByteArray();
+    return QByteArray::number(static_cast<qulonglong>(file.st_ino)) + ' '
+           + QByteArray::number(static_cast<qlonglong>(file.st_ctim.tv_sec)) + ' '
+           + QByteArray::number(static_cast<qlonglong>(file.st_ctim.tv_nsec));
 }
 
 } // namespace
 
-BusSocketWatch::BusSocketWatch(QObject* receiver, const char* slot)
+BusSocketWatch::BusSocketWatch() : m_isOn(false)
 {
-    QObject::connect(&m_watcher, SIGNAL(directoryChanged(QString)), receiver, slot);
+    connect(&m_watcher, SIGNAL(directoryChanged(QString)), this, SLOT(look()));
 }
 
-void BusSocketWatch::turnOn()
+void BusSocketWatch::noteSocket()
 {
-    const QString folder = folderOfSocket();
-    if (!folder.isEmpty() && m_watcher.directories().isEmpty())
-        m_watcher.addPath(folder);
+    m_path = pathOfSocket();
+    m_socket = identityOf(m_path);
+}
+
+bool BusSocketWatch::turnOn()
+{
+    m_isOn = !m_path.isEmpty() && watchFolder();
+    return m_isOn;
 }
 
 void BusSocketWatch::turnOff()
 {
+    m_isOn = false;
+    leaveFolder();
+}
+
+void BusSocketWatch::leaveFolder()
+{
     if (!m_watcher.directories().isEmpty())
         m_watcher.removePaths(m_watcher.directories());
+}
+
+// A folder that is made between the choice and the watch would go unseen, so the choice is made again.
+bool BusSocketWatch::watchFolder()
+{
+    QString folder = nearestFolder(m_path);
+    while (m_watcher.directories() != QStringList(folder)) {
+        leaveFolder();
+        m_watcher.addPath(folder);
+        if (m_watcher.directories().isEmpty())
+            return false;
+        folder = nearestFolder(m_path);
+    }
+    return true;
+}
+
+void BusSocketWatch::look()
+{
+    if (m_isOn)
+        watchFolder();
+    const QByteArray socket = identityOf(m_path);
+    const bool isNew = !socket.isEmpty() && socket != m_socket;
+    m_socket = socket;
+    if (isNew)
+        Q_EMIT appeared();
 }
 
 } // namespace vd

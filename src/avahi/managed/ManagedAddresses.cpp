@@ -1,9 +1,8 @@
 // SPDX-License-Identifier: MIT
-#include "avahi/AvahiText.h"
 #include "avahi/managed/ManagedServiceDiscoveryPrivate.h"
-#include "support/LogMessage.h"
 
 #include <avahi-common/defs.h>
+#include <avahi-common/error.h>
 
 namespace vd {
 
@@ -11,11 +10,7 @@ namespace {
 
 // With more address browsers than this, one is closed when the daemon's cache is read, as many slow the daemon down.
 const int FEW_ADDRESS_BROWSERS = 32;
-
-bool isIPv4(const QString& address)
-{
-    return QHostAddress(address).protocol() == QAbstractSocket::IPv4Protocol;
-}
+const int LOOK_AGAIN_MS = 3000;
 
 } // namespace
 
@@ -47,41 +42,39 @@ void ManagedServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int inte
     }
 }
 
-void ManagedServiceDiscovery::Private::openAddressBrowser(const ServiceKey& key, const QString& host)
+// Its address browser is made when the daemon is ready for it.
+void ManagedServiceDiscovery::Private::follow(const ServiceKey& key, const QString& host)
 {
     TrackedService& service = tracked[key];
-    if (service.addressBrowser && service.host == host)
+    // One that is open says only once which addresses there are.
+    const bool isFollowed = service.addressBrowser && service.missing.isEmpty();
+    if ((isFollowed || service.isToBeFollowed) && service.host == host)
         return;
     closeAddressBrowser(service);
     service.host = host;
     service.addressLinks.clear();
-    service.addressBrowser
-        = avahi_record_browser_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, bytesFromText(host).constData(),
-                                   AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, static_cast<AvahiLookupFlags>(0),
-                                   SAvahiRecordBrowser_callback, q);
-    if (service.addressBrowser) {
-        addressBrowsers.insert(service.addressBrowser, key);
-        return;
-    }
-    logMessage(LOG_ORDINARY, [&](QTextStream& out) {
-        out << "ManagedServiceDiscovery::ServiceResolve() -> failed to create record browser "
-            << printableText(key.name) << " error: " << errorText(q->client);
-    });
-    retryResolving(key, q->client ? avahi_client_errno(q->client) : AVAHI_ERR_BAD_STATE);
+    service.isToBeFollowed = true;
+    toFollow.append(key);
+    scheduleCalls(0);
 }
 
 void ManagedServiceDiscovery::Private::addressAdded(const ServiceKey& key, const QString& address,
                                                     const Link& link)
 {
-    QList<Link>& links = tracked[key].addressLinks[address];
+    if (address.isEmpty())
+        return;
+    TrackedService& service = tracked[key];
+    QList<Link>& links = service.addressLinks[address];
     if (!links.contains(link))
         links.append(link);
-    SServiceInfo& info = q->services[key.name];
-    if (address.isEmpty() || info.addresses.contains(address))
+    if (!service.addresses.contains(address))
+        service.addresses.append(address);
+    const QMap<QString, SServiceInfo>::iterator known = q->services.find(key.name);
+    if (known == q->services.end() || known->addresses.contains(address))
         return;
-    info.addresses.append(address);
-    info.addressRemoved = false;
-    Q_EMIT q->serviceAddress(info);
+    known->addresses.append(address);
+    known->addressRemoved = false;
+    Q_EMIT q->serviceAddress(SServiceInfo(known.value()));
 }
 
 void ManagedServiceDiscovery::Private::addressRemoved(const ServiceKey& key, const QString& address,
@@ -95,11 +88,26 @@ void ManagedServiceDiscovery::Private::addressRemoved(const ServiceKey& key, con
     if (!links->isEmpty())
         return;
     seen.erase(links);
-    removeAddress(key.name, address);
+    removeAddress(key, address);
 }
 
-void ManagedServiceDiscovery::Private::removeAddress(const QString& name, const QString& address)
+void ManagedServiceDiscovery::Private::removeAddress(const ServiceKey& key, const QString& address)
 {
+    TrackedService& service = tracked[key];
+    service.addresses.removeOne(address);
+    service.missing.removeOne(address);
+    takeFromRecord(key.name, address);
+}
+
+// Unless another service of that name still shows it.
+void ManagedServiceDiscovery::Private::takeFromRecord(const QString& name, const QString& address)
+{
+    const ServiceKey from = {name, QString(), QString()};
+    for (TrackedServices::const_iterator other = tracked.lowerBound(from);
+         other != tracked.constEnd() && other.key().name == name; ++other) {
+        if (other->addresses.contains(address))
+            return;
+    }
     const QMap<QString, SServiceInfo>::iterator known = q->services.find(name);
     if (known == q->services.end() || !known->addresses.removeOne(address))
         return;
@@ -115,10 +123,9 @@ void ManagedServiceDiscovery::Private::cacheRead(const ServiceKey& key)
     TrackedService& service = tracked[key];
     if (service.isKept || service.addressLinks.isEmpty() || addressBrowsers.size() <= FEW_ADDRESS_BROWSERS)
         return;
-    const QStringList known = q->services.value(key.name).addresses;
     // An address that the cache does not have may be gone, which only the network can tell.
-    for (int i = 0; i < known.size(); ++i) {
-        if (!service.addressLinks.contains(known.at(i)))
+    for (int i = 0; i < service.addresses.size(); ++i) {
+        if (!service.addressLinks.contains(service.addresses.at(i)))
             return;
     }
     closeAddressBrowser(service);
@@ -128,15 +135,31 @@ void ManagedServiceDiscovery::Private::addressesComplete(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
     const QMap<QString, QList<Link>> seen = service.addressLinks;
-    const SServiceInfo info = q->services.value(key.name);
+    const QStringList known = service.addresses;
     if (!service.isKept)
         closeAddressBrowser(service);
-    if (seen.isEmpty() || info.recordHostName != service.host)
+    if (seen.isEmpty())
         return;
+    QStringList missing;
+    for (int i = 0; i < known.size(); ++i) {
+        if (!seen.contains(known.at(i)))
+            missing.append(known.at(i));
+    }
+    noteMissing(key, missing);
+}
+
+// An answer may have been lost or late, so an address has gone only when it is missing twice in a row.
+void ManagedServiceDiscovery::Private::noteMissing(const ServiceKey& key, const QStringList& missing)
+{
+    TrackedService& service = tracked[key];
+    const QStringList before = service.missing;
+    service.missing = missing;
+    if (!missing.isEmpty())
+        retryIn(LOOK_AGAIN_MS, key);
     const ManagedSession current(this);
-    for (int i = 0; i < info.addresses.size() && !current.ended(); ++i) {
-        if (isIPv4(info.addresses.at(i)) && !seen.contains(info.addresses.at(i)))
-            removeAddress(key.name, info.addresses.at(i));
+    for (int i = 0; i < missing.size() && !current.ended() && tracked.contains(key); ++i) {
+        if (before.contains(missing.at(i)))
+            removeAddress(key, missing.at(i));
     }
 }
 
@@ -145,18 +168,7 @@ void ManagedServiceDiscovery::Private::addressBrowserFailed(const ServiceKey& ke
     TrackedService& service = tracked[key];
     closeAddressBrowser(service);
     if (service.isLongLived)
-        retryResolving(key, AVAHI_ERR_FAILURE);
-}
-
-void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& service)
-{
-    if (!service.addressBrowser)
-        return;
-    AvahiRecordBrowser* const closed = service.addressBrowser;
-    service.addressBrowser = nullptr;
-    addressBrowsers.remove(closed);
-    avahi_record_browser_free(closed);
-    scheduleResolving(0);
+        retryFailed(key, AVAHI_ERR_FAILURE);
 }
 
 } // namespace vd

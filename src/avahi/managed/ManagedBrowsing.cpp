@@ -34,6 +34,8 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
         d->lostConnection();
         return;
     }
+    if (event == AVAHI_BROWSER_CACHE_EXHAUSTED)
+        d->cacheOfTypeRead(browser);
     if (!isWebService(type))
         return;
     const ServiceKey key = {textFromBytes(name), textFromBytes(type), textFromBytes(domain)};
@@ -43,8 +45,14 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
         d->disappeared(key, Link(interface, protocol));
 }
 
+void ManagedServiceDiscovery::Private::cacheOfTypeRead(AvahiServiceBrowser* browser)
+{
+    timing.cacheRead(static_cast<int>(q->serviceBrowsers.indexOf(browser)), clock.elapsed());
+}
+
 void ManagedServiceDiscovery::Private::appeared(const ServiceKey& key, const Link& link)
 {
+    newsFromNetwork();
     TrackedService& service = tracked[key];
     service.wasSeen = true;
     // Over the other protocol of the same interface there is nothing else to learn.
@@ -68,26 +76,54 @@ void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const 
 
 void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
 {
+    const QStringList addresses = tracked.value(key).addresses;
     forget(key);
-    const QMap<QString, SServiceInfo>::const_iterator known = q->services.constFind(key.name);
-    if (known == q->services.constEnd())
+    const QMap<QString, SServiceInfo>::iterator known = q->services.find(key.name);
+    if (known == q->services.end())
         return;
     ServiceKey other;
-    if (hasOtherService(key, &other)) {
+    if (hasOtherService(key.name, &other)) {
+        known->longLiveQuery = isAnyLongLived(key.name);
         // The record tells of one service at a time.
         if (known->serviceType == key.type)
             enqueue(other);
-        return;
+        takeOver(addresses, other);
+    } else {
+        loseDevice(key.name);
     }
-    const SServiceInfo lost = known.value();
-    forgetName(key.name);
+}
+
+// What could still have been the device has turned out not to be.
+void ManagedServiceDiscovery::Private::dropIfAllIgnored(const QString& name)
+{
+    ServiceKey other;
+    if (q->services.contains(name) && !hasOtherService(name, &other))
+        loseDevice(name);
+}
+
+void ManagedServiceDiscovery::Private::loseDevice(const QString& name)
+{
+    // A slot that runs an event loop may see it return, so it is gone before.
+    const SServiceInfo lost = q->services.take(name);
+    forgetAsked(name);
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
         out << "ManagedServiceDiscovery::ServiceBrowse() -> removing service: " << printableText(lost.serviceName);
     });
-    const ManagedSession current(this);
     Q_EMIT q->serviceLost(lost);
-    if (!current.ended())
-        q->services.remove(key.name);
+}
+
+// Of what an unresolved service has nothing is known, so it is given what the lost one had until it tells otherwise.
+void ManagedServiceDiscovery::Private::takeOver(const QStringList& addresses, const ServiceKey& heir)
+{
+    TrackedService& service = tracked[heir];
+    if (service.txt.isNull()) {
+        service.addresses = addresses;
+        return;
+    }
+    const QString name = heir.name;
+    const ManagedSession current(this);
+    for (int i = 0; i < addresses.size() && !current.ended(); ++i)
+        takeFromRecord(name, addresses.at(i));
 }
 
 void ManagedServiceDiscovery::Private::forget(const ServiceKey& key)
@@ -97,9 +133,11 @@ void ManagedServiceDiscovery::Private::forget(const ServiceKey& key)
         return;
     closeResolver(service.value());
     closeAddressBrowser(service.value());
-    tracked.erase(service);
-    line.removeOne(key);
+    leaveLine(service.value());
+    forgetRetry(key, service.value());
+    kept.removeOne(key);
     parked.removeOne(key);
+    tracked.erase(service);
     removeFromQueue(key);
 }
 
@@ -113,12 +151,12 @@ void ManagedServiceDiscovery::Private::removeFromQueue(const ServiceKey& key)
     q->recordQueue.removeOne(qMakePair(key.name, key.type));
 }
 
-bool ManagedServiceDiscovery::Private::hasOtherService(const ServiceKey& key, ServiceKey* other) const
+bool ManagedServiceDiscovery::Private::hasOtherService(const QString& name, ServiceKey* other) const
 {
-    const ServiceKey from = {key.name, QString(), QString()};
+    const ServiceKey from = {name, QString(), QString()};
     for (TrackedServices::const_iterator next = tracked.lowerBound(from);
-         next != tracked.constEnd() && next.key().name == key.name; ++next) {
-        if (next->wasSeen) {
+         next != tracked.constEnd() && next.key().name == name; ++next) {
+        if (next->wasSeen && next->timesIgnored == 0) {
             *other = next.key();
             return true;
         }
@@ -127,15 +165,17 @@ bool ManagedServiceDiscovery::Private::hasOtherService(const ServiceKey& key, Se
 }
 
 // What hosts asked for of a device ends with it.
-void ManagedServiceDiscovery::Private::forgetName(const QString& name)
+void ManagedServiceDiscovery::Private::forgetAsked(const QString& name)
 {
     const ServiceKey from = {name, QString(), QString()};
-    TrackedServices::const_iterator next = tracked.lowerBound(from);
-    while (next != tracked.constEnd() && next.key().name == name) {
-        const ServiceKey key = next.key();
-        forget(key);
-        next = tracked.lowerBound(from);
+    QList<ServiceKey> asked;
+    for (TrackedServices::const_iterator next = tracked.lowerBound(from);
+         next != tracked.constEnd() && next.key().name == name; ++next) {
+        if (!next->wasSeen)
+            asked.append(next.key());
     }
+    for (int i = 0; i < asked.size(); ++i)
+        forget(asked.at(i));
 }
 
 ServiceKey ManagedServiceDiscovery::Private::trackedKey(const QString& name, const QString& type,

@@ -7,8 +7,8 @@ namespace vd {
 
 namespace {
 
-const int SHORTEST_RETRY_MS = 250;
-const int LONGEST_RETRY_MS = 8000;
+// A bus that cannot be watched is asked more often, to be found within two seconds too.
+const int UNWATCHED_RETRY_MS = 1500;
 // A connection that was lost sooner is not tried again at once.
 const int LASTING_MS = 2000;
 
@@ -24,57 +24,83 @@ void ManagedServiceDiscovery::AvahiClientStateChanged(AvahiClient* changed, Avah
                                                       void* userdata)
 {
     AvahiServiceDiscovery::AvahiClientStateChanged(changed, changedTo, userdata);
-    d->clientChanged(changedTo);
+    d->clientChanged(changed, changedTo);
 }
 
 // Called by Avahi, inside of which nothing can be made or freed: it is done when the event loop runs again.
-void ManagedServiceDiscovery::Private::clientChanged(AvahiClientState changedTo)
+void ManagedServiceDiscovery::Private::clientChanged(AvahiClient* changed, AvahiClientState changedTo)
 {
+    // One that is being freed has nothing to tell. One that is being made is not known yet.
+    if (changed != q->client && !isConnecting)
+        return;
     clientState = changedTo;
     if (changedTo == AVAHI_CLIENT_FAILURE)
         lostConnection();
-    else if (isDaemonThere(changedTo) && !isConnecting)
+    if (!isDaemonThere(changedTo))
+        return;
+    if (!isConnecting)
         connectTimer.start(0);
+    hostChanged(changedTo);
 }
 
 void ManagedServiceDiscovery::Private::lostConnection()
 {
+    if (hasFailed)
+        return;
     hasFailed = true;
     if (isConnecting)
         return;
     if (hasBegun && clock.elapsed() - begunAt >= LASTING_MS)
-        backoffMs = 0;
-    connectTimer.start(backoffMs);
-    growBackoff();
+        backoff.reset();
+    pauseMs = backoff.milliseconds();
+    backoff.grow();
+    connectTimer.start(0);
 }
 
 void ManagedServiceDiscovery::Private::connectToDaemon()
 {
-    if (isConnecting || types.isEmpty())
+    if (types.isEmpty())
         return;
     connectTimer.stop();
-    busSocketWatch.turnOff();
-    attempt.start();
-    if (hasFailed)
-        dropClient();
-    const ManagedSession current(this);
-    if (!hasBegun)
-        setState(Connecting);
-    if (current.ended())
+    if (isConnecting) {
+        // A handler has begun anew while Avahi made the client.
+        connectTimer.start(0);
+        return;
+    }
+    if (hasFailed && !leaveClient())
         return;
 
+    attempt.start();
+    busSocketWatch.turnOff();
+    busSocketWatch.noteSocket();
+    const ManagedSession current(this);
     const bool isBrowsed = browseWantedTypes();
     if (current.ended())
         return;
-    if (isBrowsed && !hasFailed) {
+    if (isBrowsed && !hasFailed)
         begin();
-        return;
-    }
-    const bool isDaemonAwaited = q->client && clientState == AVAHI_CLIENT_CONNECTING && !hasFailed;
+    else
+        attemptFailed();
+}
+
+// The state is told before the next attempt, which may hang.
+bool ManagedServiceDiscovery::Private::leaveClient()
+{
+    const int waitMs = pauseMs;
+    dropClient();
+    if (waitMs > 0)
+        connectTimer.start(waitMs);
+    return setState(Unavailable) && waitMs == 0;
+}
+
+void ManagedServiceDiscovery::Private::attemptFailed()
+{
+    const bool isDaemonAwaited = q->client && clientState == AVAHI_CLIENT_CONNECTING;
+    const bool isBusWatched = q->client || busSocketWatch.turnOn();
     if (!isDaemonAwaited)
-        retryLater();
+        retryLater(isBusWatched ? LONGEST_RETRY_MS : UNWATCHED_RETRY_MS);
     if (!q->client)
-        busSocketWatch.turnOn();
+        busSocketWatch.look();
     setState(q->client && isDaemonThere(clientState) ? Connecting : Unavailable);
 }
 
@@ -101,51 +127,39 @@ bool ManagedServiceDiscovery::Private::browse(const QByteArray& type)
     const bool isBrowsed = q->AvahiServiceDiscovery::BrowseServices(type.constData());
     if (current.ended())
         return false;
-    if (!isBrowsed) {
-        q->services = knownServices;
-        q->recordQueue = knownQueue;
+    if (isBrowsed) {
+        timing.browserMade(clock.elapsed());
+        return true;
     }
-    return isBrowsed;
+    q->services = knownServices;
+    q->recordQueue = knownQueue;
+    return false;
 }
 
-// The bus may be back. Its socket is there a moment before it answers.
+// Its socket is there a moment before the bus answers.
 void ManagedServiceDiscovery::Private::connectSoon()
 {
-    if (!connectTimer.isActive())
-        return;
-    backoffMs = 0;
-    connectTimer.start(SHORTEST_RETRY_MS);
+    backoff.reset();
+    if (connectTimer.isActive() && connectTimer.interval() > SHORTEST_RETRY_MS)
+        connectTimer.start(SHORTEST_RETRY_MS);
 }
 
 // The delay counts from the begin of the attempt: one that hung for long enough is repeated soon.
-void ManagedServiceDiscovery::Private::retryLater()
+void ManagedServiceDiscovery::Private::retryLater(int longestMs)
 {
-    growBackoff();
+    backoff.grow();
     const int spentMs = static_cast<int>(qMin<qint64>(attempt.elapsed(), LONGEST_RETRY_MS));
-    connectTimer.start(qMax(SHORTEST_RETRY_MS, backoffMs - spentMs));
-}
-
-void ManagedServiceDiscovery::Private::growBackoff()
-{
-    backoffMs = qBound(SHORTEST_RETRY_MS, 2 * backoffMs, LONGEST_RETRY_MS);
+    connectTimer.start(qMax(SHORTEST_RETRY_MS, qMin(backoff.milliseconds(), longestMs) - spentMs));
 }
 
 // What was seen of the services stays, but not where.
 void ManagedServiceDiscovery::Private::dropClient()
 {
     endSession();
-    for (TrackedServices::iterator service = tracked.begin(); service != tracked.end(); ++service) {
-        service->links.clear();
-        service->resolver = nullptr;
-        service->addressBrowser = nullptr;
-        service->addressLinks.clear();
-        service->isWaiting = false;
-        service->isKept = false;
-    }
-
     const QMap<QString, SServiceInfo> knownServices = q->services;
     const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
     q->cleanupAvahiMembers();
+    q->entryGroup = nullptr;
     q->services = knownServices;
     q->recordQueue = knownQueue;
 }
@@ -156,65 +170,27 @@ void ManagedServiceDiscovery::Private::endSession()
     ++session;
     hasFailed = false;
     hasBegun = false;
-    isPublished = false;
+    pauseMs = 0;
+    endPublication();
     clientState = AVAHI_CLIENT_CONNECTING;
-    pausedUntil = 0;
-    daemonLimit = std::numeric_limits<int>::max();
     graceTimer.stop();
-    resolveTimer.stop();
-    failedTimer.stop();
-    resolvers.clear();
-    addressBrowsers.clear();
-    oldestFirst.clear();
-    line.clear();
-    parked.clear();
-    failed.clear();
+    forgetCalls();
 }
 
 void ManagedServiceDiscovery::Private::begin()
 {
-    const ManagedSession current(this);
-    publish();
-    if (current.ended())
+    if (!hasBegun && (!setState(Connecting) || hasFailed))
         return;
+    // A slot that ran an event loop may have let it begin.
     if (!hasBegun) {
         hasBegun = true;
         begunAt = clock.elapsed();
-        if (!unseenServices().isEmpty())
-            graceTimer.start(gracePeriodMs);
+        ping.open();
+        startGrace();
         askAgain();
     }
-    scheduleResolving(0);
+    scheduleCalls(0);
     setState(Running);
-}
-
-void ManagedServiceDiscovery::Private::publish()
-{
-    if (!publishes || isPublished || clientState != AVAHI_CLIENT_S_RUNNING)
-        return;
-    const ManagedSession current(this);
-    const bool isDone = q->AvahiServiceDiscovery::RegisterService(publishedName.constData(),
-                                                                  publishedType.constData(), publishedInfo);
-    if (current.ended())
-        return;
-    isPublished = isDone;
-    if (isPublished)
-        return;
-    // Nothing half done may stand in the way of the next attempt.
-    q->AvahiServiceDiscovery::TerminateRegistration();
-    retryLater();
-}
-
-// Those that were browsed before a restart and are not back yet.
-QList<ServiceKey> ManagedServiceDiscovery::Private::unseenServices() const
-{
-    QList<ServiceKey> unseen;
-    for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
-         ++service) {
-        if (service->wasSeen && service->links.isEmpty())
-            unseen.append(service.key());
-    }
-    return unseen;
 }
 
 // What hosts asked for is not browsed, so nothing but this resolves it.
@@ -230,24 +206,14 @@ void ManagedServiceDiscovery::Private::askAgain()
         enqueue(asked.at(i));
 }
 
-void ManagedServiceDiscovery::Private::endGrace()
-{
-    const QList<ServiceKey> unseen = unseenServices();
-    const ManagedSession current(this);
-    for (int i = 0; i < unseen.size() && !current.ended(); ++i) {
-        // A slot may have brought it back meanwhile.
-        const TrackedServices::const_iterator service = tracked.constFind(unseen.at(i));
-        if (service != tracked.constEnd() && service->links.isEmpty())
-            lose(unseen.at(i));
-    }
-}
-
-void ManagedServiceDiscovery::Private::setState(State newState)
+bool ManagedServiceDiscovery::Private::setState(State newState)
 {
     if (state == newState)
-        return;
+        return true;
+    const ManagedSession current(this);
     state = newState;
     Q_EMIT q->stateChanged(newState);
+    return !current.ended();
 }
 
 void ManagedServiceDiscovery::Private::reset()
@@ -258,7 +224,7 @@ void ManagedServiceDiscovery::Private::reset()
     types.clear();
     tracked.clear();
     publishes = false;
-    backoffMs = 0;
+    backoff.reset();
 }
 
 } // namespace vd

@@ -37,24 +37,39 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , objectLimit(DEFAULT_OBJECT_LIMIT)
     , publishes(false)
     , isPublished(false)
+    , isOutdated(false)
+    , isPublishing(false)
     , publishedInfo()
-    , busSocketWatch(discovery, SLOT(connectSoon()))
+    , connectTimer(discovery)
+    , publishTimer(discovery)
+    , callTimer(discovery)
     , session(0)
     , clientState(AVAHI_CLIENT_CONNECTING)
     , isConnecting(false)
     , hasFailed(false)
     , hasBegun(false)
-    , backoffMs(0)
+    , pauseMs(0)
     , begunAt(0)
+    , graceLeftMs(0)
+    , graceExtensions(0)
+    , lastPlace(0)
+    , firstPlace(0)
+    , lastResolver(0)
+    , settledResolver(0)
+    , lastResolverMadeAt(0)
+    , lastAnswerAt(0)
     , pausedUntil(0)
     , daemonLimit(std::numeric_limits<int>::max())
     , limitedUntil(0)
-    , youngMs(0)
 {
+    connectTimer.setObjectName(QLatin1String("connectTimer"));
     connectTimer.setSingleShot(true);
+    publishTimer.setObjectName(QLatin1String("publishTimer"));
+    publishTimer.setSingleShot(true);
     graceTimer.setSingleShot(true);
-    resolveTimer.setSingleShot(true);
-    failedTimer.setSingleShot(true);
+    callTimer.setObjectName(QLatin1String("callTimer"));
+    callTimer.setSingleShot(true);
+    retryTimer.setSingleShot(true);
     clock.start();
 }
 
@@ -62,9 +77,12 @@ ManagedServiceDiscovery::ManagedServiceDiscovery() : d(new Private(this))
 {
     qRegisterMetaType<vd::ManagedServiceDiscovery::State>("vd::ManagedServiceDiscovery::State");
     connect(&d->connectTimer, SIGNAL(timeout()), this, SLOT(connectToDaemon()));
-    connect(&d->graceTimer, SIGNAL(timeout()), this, SLOT(endGrace()));
-    connect(&d->resolveTimer, SIGNAL(timeout()), this, SLOT(resolveWaiting()));
-    connect(&d->failedTimer, SIGNAL(timeout()), this, SLOT(resolveFailed()));
+    connect(&d->busSocketWatch, SIGNAL(appeared()), this, SLOT(connectSoon()));
+    connect(&d->publishTimer, SIGNAL(timeout()), this, SLOT(publishWaiting()));
+    connect(&d->graceTimer, SIGNAL(timeout()), this, SLOT(passGrace()));
+    connect(&d->callTimer, SIGNAL(timeout()), this, SLOT(makeCalls()));
+    connect(&d->ping, SIGNAL(answered()), this, SLOT(daemonAnswered()));
+    connect(&d->retryTimer, SIGNAL(timeout()), this, SLOT(retryWaiting()));
     // In place of the base's, which reaches the first and the last of the queue only.
     queryTimer.disconnect(this);
     connect(&queryTimer, SIGNAL(timeout()), this, SLOT(queryNextInTurn()));
@@ -98,7 +116,7 @@ int ManagedServiceDiscovery::objectLimit() const
 void ManagedServiceDiscovery::setObjectLimit(int objects)
 {
     d->objectLimit = qMax(SMALLEST_OBJECT_LIMIT, objects);
-    d->scheduleResolving(0);
+    d->scheduleCalls(0);
 }
 
 int ManagedServiceDiscovery::openObjects() const
@@ -123,6 +141,7 @@ bool ManagedServiceDiscovery::TerminateBrowsing()
 {
     d->reset();
     AvahiServiceDiscovery::TerminateBrowsing();
+    entryGroup = nullptr;
     d->setState(Unavailable);
     return true;
 }
@@ -155,32 +174,17 @@ void ManagedServiceDiscovery::StopQueryRecords(const char* name, const char* typ
 
 bool ManagedServiceDiscovery::RegisterService(const char* name, const char* type, const vd::SReconfigInfo& info)
 {
-    if (!name || !type)
-        return false;
-    if (d->state == Running) {
-        const ManagedSession current(d.data());
-        const bool isPublished = AvahiServiceDiscovery::RegisterService(name, type, info);
-        if (current.ended() || !isPublished)
-            return false;
-        d->isPublished = true;
-    }
-    d->publishes = true;
-    d->publishedName = name;
-    d->publishedType = type;
-    d->publishedInfo = info;
-    return true;
+    return d->registerService(name, type, info);
 }
 
 bool ManagedServiceDiscovery::TerminateRegistration()
 {
-    d->publishes = false;
-    d->isPublished = false;
-    return AvahiServiceDiscovery::TerminateRegistration();
+    return d->terminateRegistration();
 }
 
 bool ManagedServiceDiscovery::IsRegistered()
 {
-    return d->publishes;
+    return d->isRegistered();
 }
 
 void ManagedServiceDiscovery::connectToDaemon()
@@ -193,19 +197,29 @@ void ManagedServiceDiscovery::connectSoon()
     d->connectSoon();
 }
 
-void ManagedServiceDiscovery::resolveWaiting()
+void ManagedServiceDiscovery::makeCalls()
 {
-    d->resolveWaiting();
+    d->makeCalls();
 }
 
-void ManagedServiceDiscovery::resolveFailed()
+void ManagedServiceDiscovery::daemonAnswered()
 {
-    d->resolveFailed();
+    d->daemonAnswered();
 }
 
-void ManagedServiceDiscovery::endGrace()
+void ManagedServiceDiscovery::retryWaiting()
 {
-    d->endGrace();
+    d->retryWaiting();
+}
+
+void ManagedServiceDiscovery::publishWaiting()
+{
+    d->publish();
+}
+
+void ManagedServiceDiscovery::passGrace()
+{
+    d->passGrace();
 }
 
 void ManagedServiceDiscovery::queryNextInTurn()

@@ -2,7 +2,10 @@
 #ifndef VD_AVAHI_MANAGED_MANAGEDSERVICEDISCOVERYPRIVATE_H
 #define VD_AVAHI_MANAGED_MANAGEDSERVICEDISCOVERYPRIVATE_H
 
+#include "avahi/managed/Backoff.h"
 #include "avahi/managed/BusSocketWatch.h"
+#include "avahi/managed/CallTiming.h"
+#include "avahi/managed/DaemonPing.h"
 #include "avahi/managed/TrackedService.h"
 
 #include <vd/ManagedServiceDiscovery.h>
@@ -24,31 +27,49 @@ public:
     // The connection: ManagedConnection.cpp
     void connectToDaemon();
     void connectSoon();
-    void clientChanged(AvahiClientState state);
+    void clientChanged(AvahiClient* changed, AvahiClientState changedTo);
     void lostConnection();
-    void endGrace();
-    void publish();
     void reset();
-    void setState(State newState);
+    /** @return false if a slot has ended what the caller works on. */
+    bool setState(State newState);
+
+    // What may be missing for a while after a restart: ManagedGrace.cpp
+    void startGrace();
+    void passGrace();
+
+    // The published service: ManagedPublication.cpp
+    bool registerService(const char* name, const char* type, const SReconfigInfo& info);
+    bool terminateRegistration();
+    bool isRegistered() const;
+    void publish();
+    void hostChanged(AvahiClientState changedTo);
+    void groupChanged(AvahiEntryGroupState changedTo);
 
     // What browsers see: ManagedBrowsing.cpp
+    void cacheOfTypeRead(AvahiServiceBrowser* browser);
     void appeared(const ServiceKey& key, const Link& link);
     void disappeared(const ServiceKey& key, const Link& link);
     void lose(const ServiceKey& key);
 
-    // Resolving, a few services at a time: ManagedResolution.cpp
+    // Who is resolved next: ManagedLine.cpp
     void query(const ServiceKey& key, bool longLived);
     void stopQuery(const QString& name, const QString& type);
     void enqueue(const ServiceKey& key);
-    void resolveWaiting();
-    void resolveFailed();
+    void retryWaiting();
+
+    // What is made and freed, a few at a time, when the daemon is ready for it: ManagedCalls.cpp
+    void scheduleCalls(int milliseconds);
+    void makeCalls();
+    void daemonAnswered();
+    int openObjects() const;
+
+    // What resolvers tell: ManagedResolution.cpp
     void resolverFailed(const ServiceKey& key, int error);
     void notRecognised(const ServiceKey& key);
     void resolved(const ServiceKey& key, const SServiceInfo& info, const QString& address, const QByteArray& txt);
     void forget(const ServiceKey& key);
 
     // Following addresses: ManagedAddresses.cpp
-    void openAddressBrowser(const ServiceKey& key, const QString& host);
     void addressAdded(const ServiceKey& key, const QString& address, const Link& link);
     void addressRemoved(const ServiceKey& key, const QString& address, const Link& link);
     void cacheRead(const ServiceKey& key);
@@ -56,11 +77,6 @@ public:
     void addressBrowserFailed(const ServiceKey& key);
 
     ServiceKey trackedKey(const QString& name, const QString& type, const QString& domain) const;
-    void retryResolving(const ServiceKey& key, int error);
-    void scheduleResolving(int milliseconds);
-    void closeResolver(TrackedService& service);
-    void closeAddressBrowser(TrackedService& service);
-    int openObjects() const;
 
     ManagedServiceDiscovery* const q;
 
@@ -69,8 +85,13 @@ public:
     int gracePeriodMs;
     int objectLimit;
 
+    /** A service is registered, be it published or to be so when there is a daemon. */
     bool publishes;
     bool isPublished;
+    /** What is published names the host as it was called before, or the daemon gave it up. */
+    bool isOutdated;
+    /** Avahi is at work on it. */
+    bool isPublishing;
     QByteArray publishedName;
     QByteArray publishedType;
     SReconfigInfo publishedInfo;
@@ -78,16 +99,22 @@ public:
     TrackedServices tracked;
     QHash<AvahiServiceResolver*, ServiceKey> resolvers;
     QHash<AvahiRecordBrowser*, ServiceKey> addressBrowsers;
-    QList<ServiceKey> line;
+    /** By their places. */
+    QMap<qint64, ServiceKey> line;
+    /** By the time when they are to stand in line again. */
+    QMultiMap<qint64, ServiceKey> retries;
     /** Long-lived queries that found no room. */
     QList<ServiceKey> parked;
-    /** Those that the daemon failed to resolve, to be tried again. */
-    QList<ServiceKey> failed;
+    /** Those that have it. */
+    QList<ServiceKey> kept;
 
     QTimer connectTimer;
+    QTimer publishTimer;
     QTimer graceTimer;
-    QTimer resolveTimer;
-    QTimer failedTimer;
+    QTimer callTimer;
+    QTimer retryTimer;
+    CallTiming timing;
+    DaemonPing ping;
     BusSocketWatch busSocketWatch;
 
     /** Changes whenever what a running handler works on is gone. */
@@ -98,45 +125,107 @@ private:
 
     bool browseWantedTypes();
     bool browse(const QByteArray& type);
+    void retryLater(int longestMs);
+    bool leaveClient();
+    void attemptFailed();
     void dropClient();
     void endSession();
-    void growBackoff();
-    void retryLater();
     void begin();
-    QList<ServiceKey> unseenServices() const;
     void askAgain();
 
-    void removeFromQueue(const ServiceKey& key);
-    void forgetName(const QString& name);
-    bool hasOtherService(const ServiceKey& key, ServiceKey* other) const;
+    void nextGraceStep(int milliseconds);
+    QList<ServiceKey> unseenServices() const;
+    void endGrace();
 
-    void endKeeping(TrackedService& service);
+    bool isDaemonReady() const;
+    bool isPublishable(const char* name, const char* type, const SReconfigInfo& info);
+    bool needsRenewal() const;
+    bool accept(const char* name, const char* type, const SReconfigInfo& info);
+    bool replace(const char* name, const char* type, const SReconfigInfo& info);
+    bool add(const char* name, const char* type, const SReconfigInfo& info);
+    bool withdraw();
+    void publishLater();
+    void endPublication();
+
+    void removeFromQueue(const ServiceKey& key);
+    void loseDevice(const QString& name);
+    void dropIfAllIgnored(const QString& name);
+    void forgetAsked(const QString& name);
+    bool hasOtherService(const QString& name, ServiceKey* other) const;
+
+    void enqueueFirst(const ServiceKey& key);
+    void leaveLine(TrackedService& service);
+    void retryIn(int milliseconds, const ServiceKey& key);
+    void retryFailed(const ServiceKey& key, int error);
+    void forgetRetry(const ServiceKey& key, TrackedService& service);
+    void endKeeping(const ServiceKey& key, TrackedService& service);
+    void keepIfThereIsRoom(const ServiceKey& key, TrackedService& service);
+    void keep(const ServiceKey& key, TrackedService& service);
     void wakeParked();
-    void coolDown();
+    bool hasRoomToKeep() const;
+    bool isAnyLongLived(const QString& name) const;
+
+    bool hasCallsToMake() const;
+    void newsFromNetwork();
+    bool askDaemon();
+    bool isFloodAwaited() const;
+    void makeSomeCalls();
+    bool makeNextCall();
+    bool resolveNext();
+    bool isSettled(qint64 now);
+    void makeResolver(const ServiceKey& key, TrackedService& service);
+    void resolverRefused(const ServiceKey& key, TrackedService& service);
+    void makeAddressBrowser(const ServiceKey& key);
+    bool hasRoomFor(int objects);
+    void makeRoom(int excess);
+    void giveWay(const ServiceKey& key);
+    int objectsAllowed() const;
     int awaitedAddressBrowsers() const;
-    bool startResolver(const ServiceKey& key);
-    int youngResolvers(qint64 now);
-    bool makeRoom(int objects, qint64 now);
-    bool hasRoomToKeep(const TrackedService& service) const;
-    void removeAddress(const QString& name, const QString& address);
+    void coolDown();
+    void closeResolver(TrackedService& service);
+    void closeAddressBrowser(TrackedService& service);
+    void forgetCalls();
+
+    void follow(const ServiceKey& key, const QString& host);
+    void noteMissing(const ServiceKey& key, const QStringList& missing);
+    void removeAddress(const ServiceKey& key, const QString& address);
+    void takeFromRecord(const QString& name, const QString& address);
+    void takeOver(const QStringList& addresses, const ServiceKey& heir);
+    void noteAnswer(const ServiceKey& key, TrackedService& service, const QByteArray& txt);
 
     AvahiClientState clientState;
     bool isConnecting;
     bool hasFailed;
     bool hasBegun;
-    int backoffMs;
-    /** By the clock of resolving. */
+    Backoff backoff;
+    /** How long to wait after the connection was lost. */
+    int pauseMs;
+    /** By the clock of calls. */
     qint64 begunAt;
     QElapsedTimer attempt;
+    Backoff publishBackoff;
+    int graceLeftMs;
+    /** How often more the grace period may be prolonged. */
+    int graceExtensions;
+    QElapsedTimer graceStep;
     QElapsedTimer clock;
-    /** The resolvers in order of creation. */
-    QList<AvahiServiceResolver*> oldestFirst;
+
+    qint64 lastPlace;
+    qint64 firstPlace;
+    /** Those in order of creation that are not answered yet, by their numbers. */
+    QMap<qint64, ServiceKey> unanswered;
+    qint64 lastResolver;
+    /** The daemon has had the time for all resolvers up to this one. */
+    qint64 settledResolver;
+    qint64 lastResolverMadeAt;
+    qint64 lastAnswerAt;
+    QList<AvahiServiceResolver*> closedResolvers;
+    QList<AvahiRecordBrowser*> closedAddressBrowsers;
+    QList<ServiceKey> toFollow;
     qint64 pausedUntil;
     /** What the daemon turned out to allow. */
     int daemonLimit;
     qint64 limitedUntil;
-    /** How long a resolver counts as one that the daemon can answer at once. */
-    int youngMs;
 };
 
 /** Whether what a handler works on is still there after a signal, whose slots may have done anything. */

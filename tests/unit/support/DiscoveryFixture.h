@@ -130,6 +130,7 @@ protected:
     ~DiscoveryFixture() override;
 
     Discovery& discovery() { return *m_discovery; }
+    bool hasDiscovery() const { return m_discovery != nullptr; }
     void destroyDiscovery() { m_discovery.reset(); }
     /** Another owner will delete the object. */
     Discovery* releaseDiscovery() { return m_discovery.release(); }

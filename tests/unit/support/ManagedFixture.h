@@ -6,6 +6,9 @@
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QThread>
+#include <QtCore/QTimer>
+
+#include <algorithm>
 
 const std::string SERIAL = "ser_no.vandrel.com=\x01\x02\x03";
 const char HTTP[] = "_http._tcp";
@@ -26,7 +29,7 @@ protected:
     const std::string known
         = "serialNumber=66051 txtChecksum=" + std::to_string(crcOf(SERIAL));
 
-    /** Runs what waits for the event loop. */
+    /** Runs what waits for the event loop, and the calls that wait for a quiet moment. */
     void turn(int milliseconds = 0)
     {
         QElapsedTimer waited;
@@ -34,9 +37,29 @@ protected:
         do {
             QCoreApplication::processEvents();
             QCoreApplication::processEvents();
-            if (milliseconds)
+            if (milliseconds || areCallsDue())
                 QThread::msleep(1);
-        } while (waited.elapsed() < milliseconds);
+        } while (waited.elapsed() < milliseconds || areCallsDue());
+    }
+
+    // What these events lead to is called when the event loop runs again.
+    void resolved(int resolver, const char* name, const char* host, const char* address, AvahiStringList* txt,
+                  const char* type = HTTP, uint16_t port = 80)
+    {
+        ManagedDiscoveryTest::resolved(resolver, name, host, address, txt, type, port);
+        turn();
+    }
+
+    void record(int recordBrowser, AvahiBrowserEvent event, const char* host, const char* address)
+    {
+        ManagedDiscoveryTest::record(recordBrowser, event, host, address);
+        turn();
+    }
+
+    void disappears(const char* name, const char* type = HTTP)
+    {
+        ManagedDiscoveryTest::disappears(name, type);
+        turn();
     }
 
     /** A running daemon, as libavahi-client tells of it. */
@@ -79,6 +102,26 @@ protected:
         forgetAll();
     }
 
+    /** All that address browser @p number has to tell of "Cam". */
+    void onlyAnswerIs(int number, const char* address)
+    {
+        record(number, AVAHI_BROWSER_NEW, "cam.local", address);
+        record(number, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+    }
+
+    void askAndResolve(int number, const char* address)
+    {
+        discovery().StartQueryRecords("Cam", HTTP, false);
+        turn();
+        resolved(number, "Cam", "cam.local", address, cameraTxt);
+    }
+
+    void queryAgain(int number, const char* address)
+    {
+        askAndResolve(number, address);
+        onlyAnswerIs(number, address);
+    }
+
     static std::string camName(int number) { return "Cam" + std::to_string(number); }
 
     /** Answers every resolver that was made since the calls were asked for last; returns the names of its services. */
@@ -109,6 +152,12 @@ protected:
         return count;
     }
 
+    static int count(const Lines& lines, const std::string& begin)
+    {
+        return static_cast<int>(std::count_if(lines.begin(), lines.end(),
+                                              [&](const std::string& line) { return line.rfind(begin, 0) == 0; }));
+    }
+
     int liveClient() const { return std::stoi(avahi.liveHandles().front().substr(6)); }
 
     void failClient(int number = 1) { avahi.fireClientState(AVAHI_CLIENT_FAILURE, number); }
@@ -121,5 +170,12 @@ protected:
     }
 
 private:
+    bool areCallsDue()
+    {
+        const int quietMs = 15;
+        const QTimer* const timer = hasDiscovery() ? discovery().findChild<QTimer*>("callTimer") : nullptr;
+        return timer && timer->isActive() && timer->interval() <= quietMs;
+    }
+
     int m_clients = 0;
 };

@@ -1,0 +1,360 @@
+// SPDX-License-Identifier: MIT
+#include "avahi/AvahiText.h"
+#include "avahi/managed/ManagedServiceDiscoveryPrivate.h"
+#include "support/LogMessage.h"
+
+#include <avahi-common/defs.h>
+
+#include <limits>
+
+namespace vd {
+
+namespace {
+
+// How long one turn of the event loop may be spent on calls.
+const int TURN_MS = 4;
+// So many resolvers that wait for the network are a flood to come.
+const int FLOOD = 64;
+// What the daemon can answer from its cache it answers soon, and many at a time slow it down. So no more than these are
+// made before it had the time to answer. Those that wait for the network cost it little, and hold up nobody.
+const int MOST_UNSETTLED = 16;
+// The time it has when it cannot be asked.
+const int TIME_TO_ANSWER_MS = 20;
+// When there is no room, a resolver that waits longer than this gives way to the next in line; after each time that it
+// did so in vain, for twice as long.
+const int PATIENCE_MS = 1000;
+const int LONGEST_PATIENCE_MS = 60000;
+// A daemon that answered so lately need not be asked.
+const int RECENT_MS = 10;
+const int LOOK_FOR_ROOM_MS = 100;
+const int COOL_DOWN_MS = 1000;
+const int LIMITED_MS = 60000;
+// A browser, and one service that is resolved.
+const int LEAST_OBJECTS = 3;
+
+bool isOfService(int error)
+{
+    switch (error) {
+    case AVAHI_ERR_INVALID_SERVICE_NAME:
+    case AVAHI_ERR_INVALID_SERVICE_TYPE:
+    case AVAHI_ERR_INVALID_DOMAIN_NAME:
+    case AVAHI_ERR_INVALID_ARGUMENT:
+        return true;
+    default:
+        return false;
+    }
+}
+
+int patienceMs(int timesGivenWay)
+{
+    const int doublings = qMin(timesGivenWay, 16);
+    return qMin(PATIENCE_MS << doublings, LONGEST_PATIENCE_MS);
+}
+
+} // namespace
+
+void ManagedServiceDiscovery::Private::scheduleCalls(int milliseconds)
+{
+    if (!callTimer.isActive() || callTimer.interval() > milliseconds)
+        callTimer.start(milliseconds);
+}
+
+bool ManagedServiceDiscovery::Private::hasCallsToMake() const
+{
+    return !closedResolvers.isEmpty() || !closedAddressBrowsers.isEmpty() || !toFollow.isEmpty()
+           || !line.isEmpty();
+}
+
+// A call waits for the daemon. So that it does not wait for long, the daemon is asked first whether it is ready.
+void ManagedServiceDiscovery::Private::makeCalls()
+{
+    if (!hasBegun || hasFailed || !q->client || ping.isAsked())
+        return;
+    wakeParked();
+    if (!hasCallsToMake())
+        return;
+    const qint64 now = clock.elapsed();
+    const bool isFlooded = isFloodAwaited();
+    const int waitMs
+        = qMax(timing.pauseMs(now, static_cast<int>(tracked.size())), isFlooded ? timing.answersPauseMs(now) : 0);
+    const bool isReady = !isFlooded && now - lastAnswerAt < RECENT_MS;
+    if (waitMs > 0)
+        scheduleCalls(waitMs);
+    else if (isReady || !askDaemon())
+        makeSomeCalls();
+}
+
+// So many answers may come at any time that the daemon is at work on them for long. As nothing is urgent then, calls are
+// made one at a time, each after a question.
+bool ManagedServiceDiscovery::Private::isFloodAwaited() const
+{
+    const bool isAllAsked = line.isEmpty() || openObjects() >= objectsAllowed();
+    return isAllAsked && unanswered.size() >= FLOOD
+           && unanswered.upperBound(settledResolver) == unanswered.constEnd();
+}
+
+// The daemon is reading it, and perhaps more, just now.
+void ManagedServiceDiscovery::Private::newsFromNetwork()
+{
+    const qint64 now = clock.elapsed();
+    timing.newsCame(now);
+    lastAnswerAt = now - RECENT_MS;
+}
+
+bool ManagedServiceDiscovery::Private::askDaemon()
+{
+    if (ping.isOpen())
+        ping.ask();
+    return ping.isAsked();
+}
+
+void ManagedServiceDiscovery::Private::daemonAnswered()
+{
+    settledResolver = lastResolver;
+    lastAnswerAt = clock.elapsed();
+    makeSomeCalls();
+}
+
+void ManagedServiceDiscovery::Private::makeSomeCalls()
+{
+    if (!hasBegun || !q->client)
+        return;
+    const bool isFlooded = isFloodAwaited();
+    QElapsedTimer turn;
+    turn.start();
+    while (!hasFailed && makeNextCall()) {
+        lastAnswerAt = clock.elapsed();
+        if (isFlooded || turn.elapsed() >= TURN_MS) {
+            scheduleCalls(0);
+            return;
+        }
+    }
+}
+
+bool ManagedServiceDiscovery::Private::makeNextCall()
+{
+    if (!closedResolvers.isEmpty())
+        avahi_service_resolver_free(closedResolvers.takeFirst());
+    else if (!closedAddressBrowsers.isEmpty())
+        avahi_record_browser_free(closedAddressBrowsers.takeFirst());
+    else if (!toFollow.isEmpty())
+        makeAddressBrowser(toFollow.takeFirst());
+    else
+        return resolveNext();
+    return true;
+}
+
+bool ManagedServiceDiscovery::Private::resolveNext()
+{
+    if (line.isEmpty())
+        return false;
+    const qint64 now = clock.elapsed();
+    if (now < pausedUntil) {
+        scheduleCalls(static_cast<int>(pausedUntil - now));
+        return false;
+    }
+    if (!isSettled(now)) {
+        if (!askDaemon())
+            scheduleCalls(TIME_TO_ANSWER_MS);
+        return false;
+    }
+    const ServiceKey key = line.constBegin().value();
+    TrackedService& service = tracked[key];
+    keepIfThereIsRoom(key, service);
+    if (!hasRoomFor(service.isKept ? 2 : 1)) {
+        scheduleCalls(LOOK_FOR_ROOM_MS);
+        return !closedResolvers.isEmpty();
+    }
+    leaveLine(service);
+    makeResolver(key, service);
+    return true;
+}
+
+bool ManagedServiceDiscovery::Private::isSettled(qint64 now)
+{
+    if (!ping.isOpen() && now - lastResolverMadeAt >= TIME_TO_ANSWER_MS)
+        settledResolver = lastResolver;
+    int unsettled = 0;
+    for (QMap<qint64, ServiceKey>::const_iterator next = unanswered.upperBound(settledResolver);
+         next != unanswered.constEnd(); ++next)
+        ++unsettled;
+    return unsettled < MOST_UNSETTLED;
+}
+
+void ManagedServiceDiscovery::Private::makeResolver(const ServiceKey& key, TrackedService& service)
+{
+    if (service.resolver) {
+        // The one that is open asks for what changed, but not for what it knows.
+        closeResolver(service);
+    }
+    const QByteArray name = bytesFromText(key.name), type = bytesFromText(key.type),
+                     domain = bytesFromText(key.domain);
+    service.resolver = avahi_service_resolver_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, name.constData(),
+                                                  type.constData(), domain.constData(), AVAHI_PROTO_INET,
+                                                  AVAHI_LOOKUP_USE_MULTICAST, SServiceResolve_callback, q);
+    if (!service.resolver) {
+        resolverRefused(key, service);
+        return;
+    }
+    lastResolverMadeAt = clock.elapsed();
+    service.resolvingSince = lastResolverMadeAt;
+    service.resolverNumber = ++lastResolver;
+    unanswered.insert(lastResolver, key);
+    resolvers.insert(service.resolver, key);
+}
+
+void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key, TrackedService&)
+{
+    const int error = avahi_client_errno(q->client);
+    logMessage(LOG_ORDINARY, [&](QTextStream& out) {
+        out << "ManagedServiceDiscovery::ResolveService() -> failed create AvahiServiceResolver "
+            << printableText(key.name) << " error: " << avahi_strerror(error);
+    });
+    if (isOfService(error)) {
+        forget(key);
+        return;
+    }
+    enqueueFirst(key);
+    if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
+        coolDown();
+    else
+        lostConnection();
+}
+
+void ManagedServiceDiscovery::Private::makeAddressBrowser(const ServiceKey& key)
+{
+    const TrackedServices::iterator service = tracked.find(key);
+    if (service == tracked.end() || !service->isToBeFollowed)
+        return;
+    service->isToBeFollowed = false;
+    service->addressBrowser
+        = avahi_record_browser_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
+                                   bytesFromText(service->host).constData(), AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A,
+                                   static_cast<AvahiLookupFlags>(0), SAvahiRecordBrowser_callback, q);
+    if (service->addressBrowser) {
+        addressBrowsers.insert(service->addressBrowser, key);
+        return;
+    }
+    logMessage(LOG_ORDINARY, [&](QTextStream& out) {
+        out << "ManagedServiceDiscovery::ServiceResolve() -> failed to create record browser "
+            << printableText(key.name) << " error: " << errorText(q->client);
+    });
+    retryFailed(key, avahi_client_errno(q->client));
+}
+
+bool ManagedServiceDiscovery::Private::hasRoomFor(int objects)
+{
+    const int closed = static_cast<int>(closedResolvers.size() + closedAddressBrowsers.size());
+    const int excess = openObjects() - closed + objects + awaitedAddressBrowsers() - objectsAllowed();
+    if (excess > 0)
+        makeRoom(excess);
+    return excess <= 0;
+}
+
+// Of those that wait for the network in vain, the oldest go first.
+void ManagedServiceDiscovery::Private::makeRoom(int excess)
+{
+    QList<ServiceKey> leaving;
+    const qint64 now = clock.elapsed();
+    for (QMap<qint64, ServiceKey>::const_iterator next = unanswered.constBegin();
+         next != unanswered.constEnd() && leaving.size() < excess; ++next) {
+        const TrackedService& service = tracked[next.value()];
+        if (now - service.resolvingSince < PATIENCE_MS)
+            break;
+        if (!service.isKept && now - service.resolvingSince >= patienceMs(service.timesGivenWay))
+            leaving.append(next.value());
+    }
+    for (int i = 0; i < leaving.size(); ++i)
+        giveWay(leaving.at(i));
+}
+
+void ManagedServiceDiscovery::Private::giveWay(const ServiceKey& key)
+{
+    TrackedService& service = tracked[key];
+    closeResolver(service);
+    if (service.timesGivenWay == 0)
+        enqueue(key);
+    else
+        retryIn(patienceMs(service.timesGivenWay), key);
+    ++service.timesGivenWay;
+}
+
+int ManagedServiceDiscovery::Private::objectsAllowed() const
+{
+    return clock.elapsed() < limitedUntil ? qMin(objectLimit, daemonLimit) : objectLimit;
+}
+
+// Those of kept queries, which hold two objects each once they are resolved.
+int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
+{
+    int awaited = static_cast<int>(toFollow.size());
+    for (int i = 0; i < kept.size(); ++i) {
+        const TrackedServices::const_iterator service = tracked.constFind(kept.at(i));
+        awaited += service->resolver && !service->addressBrowser && !service->isToBeFollowed ? 1 : 0;
+    }
+    return awaited;
+}
+
+// What is open now is as much as the daemon allows, for some time.
+void ManagedServiceDiscovery::Private::coolDown()
+{
+    daemonLimit = qMax(openObjects(), LEAST_OBJECTS);
+    limitedUntil = clock.elapsed() + LIMITED_MS;
+    pausedUntil = clock.elapsed() + COOL_DOWN_MS;
+    scheduleCalls(COOL_DOWN_MS);
+}
+
+void ManagedServiceDiscovery::Private::closeResolver(TrackedService& service)
+{
+    if (!service.resolver)
+        return;
+    unanswered.remove(service.resolverNumber);
+    resolvers.remove(service.resolver);
+    closedResolvers.append(service.resolver);
+    service.resolver = nullptr;
+    scheduleCalls(0);
+}
+
+void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& service)
+{
+    // The line of those to be followed skips it.
+    service.isToBeFollowed = false;
+    if (!service.addressBrowser)
+        return;
+    addressBrowsers.remove(service.addressBrowser);
+    closedAddressBrowsers.append(service.addressBrowser);
+    service.addressBrowser = nullptr;
+    scheduleCalls(0);
+}
+
+int ManagedServiceDiscovery::Private::openObjects() const
+{
+    return static_cast<int>(q->serviceBrowsers.size() + resolvers.size() + addressBrowsers.size()
+                            + closedResolvers.size() + closedAddressBrowsers.size())
+           + (q->entryGroup ? 1 : 0);
+}
+
+// They go with their client.
+void ManagedServiceDiscovery::Private::forgetCalls()
+{
+    callTimer.stop();
+    retryTimer.stop();
+    ping.close();
+    timing.reset();
+    resolvers.clear();
+    addressBrowsers.clear();
+    closedResolvers.clear();
+    closedAddressBrowsers.clear();
+    unanswered.clear();
+    toFollow.clear();
+    line.clear();
+    retries.clear();
+    parked.clear();
+    kept.clear();
+    pausedUntil = 0;
+    limitedUntil = 0;
+    for (TrackedServices::iterator service = tracked.begin(); service != tracked.end(); ++service)
+        service->forgetCalls();
+}
+
+} // namespace vd

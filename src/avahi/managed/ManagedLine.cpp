@@ -1,0 +1,165 @@
+// SPDX-License-Identifier: MIT
+#include "avahi/managed/ManagedServiceDiscoveryPrivate.h"
+
+#include <avahi-common/error.h>
+
+namespace vd {
+
+namespace {
+
+const int RETRY_MS = 5000;
+// What long-lived queries must leave to all others.
+const int SHARE_OF_OTHERS = 4;
+
+} // namespace
+
+void ManagedServiceDiscovery::Private::query(const ServiceKey& key, bool longLived)
+{
+    TrackedService& service = tracked[key];
+    if (longLived) {
+        service.isLongLived = true;
+        const QMap<QString, SServiceInfo>::iterator known = q->services.find(key.name);
+        if (known != q->services.end())
+            known->longLiveQuery = true;
+    }
+    enqueue(key);
+}
+
+void ManagedServiceDiscovery::Private::stopQuery(const QString& name, const QString& type)
+{
+    const ServiceKey from = {name, QString(), QString()};
+    for (TrackedServices::iterator service = tracked.lowerBound(from);
+         service != tracked.end() && service.key().name == name; ++service) {
+        if (type.isEmpty() || service.key().type == type)
+            endKeeping(service.key(), service.value());
+    }
+    const QMap<QString, SServiceInfo>::iterator known = q->services.find(name);
+    if (known != q->services.end())
+        known->longLiveQuery = isAnyLongLived(name);
+}
+
+bool ManagedServiceDiscovery::Private::isAnyLongLived(const QString& name) const
+{
+    const ServiceKey from = {name, QString(), QString()};
+    for (TrackedServices::const_iterator service = tracked.lowerBound(from);
+         service != tracked.constEnd() && service.key().name == name; ++service) {
+        if (service->isLongLived)
+            return true;
+    }
+    return false;
+}
+
+void ManagedServiceDiscovery::Private::endKeeping(const ServiceKey& key, TrackedService& service)
+{
+    if (!service.isLongLived)
+        return;
+    service.isLongLived = false;
+    service.isKept = false;
+    kept.removeOne(key);
+    parked.removeOne(key);
+    scheduleCalls(0);
+    // One that was never answered goes on, as any other does.
+    if (service.txt.isNull())
+        return;
+    closeResolver(service);
+    closeAddressBrowser(service);
+}
+
+void ManagedServiceDiscovery::Private::enqueue(const ServiceKey& key)
+{
+    TrackedService& service = tracked[key];
+    forgetRetry(key, service);
+    if (!service.isWaiting) {
+        service.isWaiting = true;
+        service.place = ++lastPlace;
+        line.insert(service.place, key);
+    }
+    scheduleCalls(0);
+}
+
+void ManagedServiceDiscovery::Private::enqueueFirst(const ServiceKey& key)
+{
+    TrackedService& service = tracked[key];
+    leaveLine(service);
+    service.isWaiting = true;
+    service.place = --firstPlace;
+    line.insert(service.place, key);
+}
+
+void ManagedServiceDiscovery::Private::leaveLine(TrackedService& service)
+{
+    if (service.isWaiting)
+        line.remove(service.place);
+    service.isWaiting = false;
+}
+
+void ManagedServiceDiscovery::Private::retryFailed(const ServiceKey& key, int error)
+{
+    if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
+        coolDown();
+    retryIn(RETRY_MS, key);
+}
+
+void ManagedServiceDiscovery::Private::retryIn(int milliseconds, const ServiceKey& key)
+{
+    TrackedService& service = tracked[key];
+    if (service.isWaiting || service.retryAt)
+        return;
+    service.retryAt = clock.elapsed() + milliseconds;
+    retries.insert(service.retryAt, key);
+    if (!retryTimer.isActive())
+        retryTimer.start(milliseconds);
+}
+
+void ManagedServiceDiscovery::Private::forgetRetry(const ServiceKey& key, TrackedService& service)
+{
+    if (service.retryAt)
+        retries.remove(service.retryAt, key);
+    service.retryAt = 0;
+}
+
+void ManagedServiceDiscovery::Private::retryWaiting()
+{
+    const qint64 now = clock.elapsed();
+    while (!retries.isEmpty() && retries.constBegin().key() <= now) {
+        const ServiceKey key = retries.constBegin().value();
+        enqueue(key);
+    }
+    if (!retries.isEmpty())
+        retryTimer.start(static_cast<int>(retries.constBegin().key() - now));
+}
+
+// Without the room to be kept open it is resolved as any other, and waits for that room.
+void ManagedServiceDiscovery::Private::keepIfThereIsRoom(const ServiceKey& key, TrackedService& service)
+{
+    if (!service.isLongLived || service.isKept)
+        return;
+    if (hasRoomToKeep())
+        keep(key, service);
+    else if (!parked.contains(key))
+        parked.append(key);
+}
+
+void ManagedServiceDiscovery::Private::keep(const ServiceKey& key, TrackedService& service)
+{
+    service.isKept = true;
+    kept.append(key);
+    parked.removeOne(key);
+}
+
+bool ManagedServiceDiscovery::Private::hasRoomToKeep() const
+{
+    const int limit = objectsAllowed();
+    return 2 * (static_cast<int>(kept.size()) + 1) <= limit - limit / SHARE_OF_OTHERS;
+}
+
+void ManagedServiceDiscovery::Private::wakeParked()
+{
+    while (!parked.isEmpty() && hasRoomToKeep()) {
+        const ServiceKey next = parked.first();
+        keep(next, tracked[next]);
+        enqueue(next);
+    }
+}
+
+} // namespace vd

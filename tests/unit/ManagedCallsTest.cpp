@@ -1,0 +1,597 @@
+// SPDX-License-Identifier: MIT
+#include "support/BusStandIn.h"
+#include "support/ManagedFixture.h"
+
+#include <QtCore/QIODevice>
+#include <QtCore/QTimer>
+
+#include <algorithm>
+
+/** Managed discovery with a bus, over which the daemon answers when the test says so. */
+class ManagedCallsTest : public ManagedTest
+{
+protected:
+    // Before the bus, which tells of a connection that is left open.
+    ~ManagedCallsTest() override { destroyDiscovery(); }
+
+    // These make no calls by themselves.
+    using ManagedDiscoveryTest::disappears;
+    using ManagedDiscoveryTest::resolved;
+
+    /** Runs what waits for the event loop; calls that wait for a quiet moment go on waiting. */
+    static void turn(int milliseconds = 0)
+    {
+        QElapsedTimer waited;
+        waited.start();
+        do {
+            QCoreApplication::processEvents();
+            QCoreApplication::processEvents();
+            QThread::msleep(waited.elapsed() < milliseconds ? 1 : 0);
+        } while (waited.elapsed() < milliseconds);
+    }
+
+    /** Lets so much time pass without a call that the daemon has to be asked before the next one. */
+    void letTimePass() { turn(2 * RECENT_MS); }
+
+    /** Runs the event loop until the daemon is asked; returns how often it was. */
+    size_t awaitQuestion()
+    {
+        QElapsedTimer waited;
+        waited.start();
+        Lines questions;
+        while (questions.empty() && waited.elapsed() < LONG_MS) {
+            turn();
+            questions = bus.takeQuestions();
+        }
+        return questions.size();
+    }
+
+    void answer()
+    {
+        bus.answer();
+        turn();
+    }
+
+    /** Runs the event loop until there are calls; returns them. */
+    Lines awaitCalls()
+    {
+        QElapsedTimer waited;
+        waited.start();
+        Lines calls;
+        while (calls.empty() && waited.elapsed() < LONG_MS) {
+            beforeCalls.start();
+            turn();
+            calls = takeCalls();
+        }
+        return calls;
+    }
+
+    void appear(int first, int last)
+    {
+        for (int number = first; number <= last; ++number)
+            appears(camName(number).c_str());
+    }
+
+    /** A camera found with resolver and record browser 1, both of which a query keeps open. */
+    void keepQuery()
+    {
+        run();
+        appears("Cam");
+        EXPECT_TRUE(discovery().StartQueryRecords("Cam", HTTP, true));
+        awaitQuestion();
+        answer();
+        letTimePass();
+        resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        awaitQuestion();
+        answer();
+        letTimePass();
+        EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver1", "recordBrowser1"}));
+        forgetAll();
+    }
+
+    /** Answers what @p first asks; what @p next leads to right afterwards are so many @p calls and no question. */
+    void expectNoQuestionRightAfterTheAnswerTo(const std::function<void()>& first,
+                                               const std::function<void()>& next, size_t calls)
+    {
+        qint64 between = RECENT_MS;
+        for (int attempt = 1; attempt <= ATTEMPTS && between >= RECENT_MS; ++attempt) {
+            first();
+            QElapsedTimer sinceAnswer;
+            sinceAnswer.start();
+            answer();
+            next();
+            turn();
+            between = sinceAnswer.elapsed();
+            if (between < RECENT_MS) {
+                EXPECT_EQ(takeCalls().size(), calls);
+                EXPECT_EQ(bus.takeQuestions(), Lines());
+            } else {
+                awaitQuestion();
+                answer();
+                letTimePass();
+            }
+        }
+        EXPECT_LT(between, RECENT_MS) << "the machine was never fast enough";
+    }
+
+    static std::string newResolver(const std::string& name, int number, const char* type = HTTP, int client = 1)
+    {
+        return "service_resolver_new(client" + std::to_string(client) + ", -1, -1, \"" + name + "\", \"" + type
+               + "\", \"local\", 0, 2) = resolver" + std::to_string(number);
+    }
+
+    // What the library goes by.
+    static constexpr int RECENT_MS = 10;
+    static constexpr int QUIET_MS = 15;
+    static constexpr int TIME_TO_ANSWER_MS = 20;
+    static constexpr size_t MOST_UNSETTLED = 16;
+
+    static constexpr int LONG_MS = 5000;
+    // A machine that is busy may take longer now and then than a test can bear.
+    static constexpr int ATTEMPTS = 20;
+
+    BusStandIn bus;
+    /** When the turn of the event loop began in which there were calls. */
+    QElapsedTimer beforeCalls;
+};
+
+// Asking first.
+
+TEST_F(ManagedCallsTest, DaemonIsAskedBeforeTheFirstCall)
+{
+    run();
+    appears("Cam");
+    EXPECT_EQ(awaitQuestion(), 1u);
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 1)});
+}
+
+TEST_F(ManagedCallsTest, DaemonIsNotAskedWhenThereIsNothingToCall)
+{
+    run();
+    turn(50);
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+}
+
+TEST_F(ManagedCallsTest, WhatHappensMeanwhileIsWorkedOffAfterTheAnswer)
+{
+    run();
+    appears("Cam");
+    appears("Other");
+    awaitQuestion();
+    answer();
+    EXPECT_EQ(takeCalls(), (Lines{newResolver("Cam", 1), newResolver("Other", 2)}));
+    letTimePass();
+
+    discovery().StartQueryRecords("Third", HTTP, false);
+    EXPECT_EQ(awaitQuestion(), 1u);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    resolved(2, "Other", "other.local", "10.0.0.2", cameraTxt);
+    disappears("Other");
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    appears("Fourth");
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+
+    answer();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", "service_resolver_free(resolver2)",
+                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 0) = recordBrowser1",
+                                  newResolver("Third", 3), newResolver("Cam", 4), newResolver("Fourth", 5)}));
+}
+
+TEST_F(ManagedCallsTest, ServiceThatGoesBeforeTheAnswerIsNotResolved)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    disappears("Cam");
+    answer();
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedCallsTest, CallsRightAfterAnotherNeedNoQuestion)
+{
+    run();
+    int number = 0;
+    expectNoQuestionRightAfterTheAnswerTo([&] {
+                                              appears(camName(++number).c_str());
+                                              awaitQuestion();
+                                          },
+                                          [&] {
+                                              resolved(number, camName(number).c_str(), "cam.local", "10.0.0.1",
+                                                       cameraTxt);
+                                              takeCalls();
+                                          },
+                                          2);
+}
+
+TEST_F(ManagedCallsTest, CallsRightAfterAnAnswerThatNobodyNeededNeedNoQuestion)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    letTimePass();
+    expectNoQuestionRightAfterTheAnswerTo(
+        [this] {
+            appears("Other");
+            awaitQuestion();
+            disappears("Other");
+            takeCalls();
+        },
+        [this] { discovery().StartQueryRecords("Third", HTTP, false); }, 1);
+}
+
+TEST_F(ManagedCallsTest, CallsSomeTimeAfterAnotherNeedAQuestion)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    forgetAll();
+    turn(RECENT_MS);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    turn();
+    EXPECT_EQ(bus.takeQuestions().size(), 1u);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedCallsTest, NoMoreThanSomeResolversAreUnansweredBetweenTwoAnswers)
+{
+    run();
+    appear(1, 40);
+    EXPECT_EQ(awaitQuestion(), 1u);
+    for (const size_t made : {MOST_UNSETTLED, MOST_UNSETTLED, 40 - 2 * MOST_UNSETTLED}) {
+        answer();
+        turn(50);
+        EXPECT_EQ(takeCalls().size(), made);
+        // It is asked for the next ones at once, and for nothing once all are made.
+        EXPECT_EQ(bus.takeQuestions().size(), made == MOST_UNSETTLED ? 1u : 0u);
+    }
+    EXPECT_EQ(liveCount("resolver"), 40);
+}
+
+TEST_F(ManagedCallsTest, ResolversThatAreAnsweredMakeRoomForNoneBeforeTheDaemonAnswers)
+{
+    run();
+    appear(1, 40);
+    awaitQuestion();
+    answer();
+    EXPECT_EQ(answerResolvers().size(), MOST_UNSETTLED);
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    turn(50);
+    const Lines calls = takeCalls();
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(),
+                            [](const std::string& call) { return call.rfind("service_resolver_new", 0) == 0; }),
+              int(MOST_UNSETTLED));
+}
+
+// A daemon that hangs.
+
+TEST_F(ManagedCallsTest, OperationsCallNothingOfADaemonThatHangs)
+{
+    keepQuery();
+    EXPECT_TRUE(discovery().StartQueryRecords("Cam", HTTP, true));
+    EXPECT_EQ(awaitQuestion(), 1u);
+    EXPECT_TRUE(discovery().StartQueryRecords("Other", HTTPS, false));
+    EXPECT_TRUE(discovery().ResolveService(2, "Third", HTTP, "local"));
+    discovery().StopQueryRecords("Cam", HTTP);
+    discovery().setObjectLimit(8);
+    discovery().setObjectLimit(512);
+    turn(300);
+    EXPECT_EQ(takeCalls(), Lines());
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+    EXPECT_TRUE(discovery().IsBrowsing());
+
+    answer();
+    EXPECT_EQ(takeCalls(),
+              (Lines{"service_resolver_free(resolver1)", "record_browser_free(recordBrowser1)",
+                     newResolver("Cam", 2), newResolver("Other", 3, HTTPS), newResolver("Third", 4)}));
+}
+
+TEST_F(ManagedCallsTest, OperationsCallNothingBeforeTheEventLoopRuns)
+{
+    keepQuery();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    discovery().ResolveService(2, "Other", HTTP, "local");
+    discovery().StopQueryRecords("Cam", HTTP);
+    discovery().setObjectLimit(8);
+    EXPECT_EQ(takeCalls(), Lines());
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+}
+
+TEST_F(ManagedCallsTest, DestructionWaitsForNoAnswer)
+{
+    keepQuery();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    EXPECT_EQ(awaitQuestion(), 1u);
+    destroyDiscovery();
+    EXPECT_EQ(bus.openConnections(), 0);
+}
+
+// Restarts.
+
+TEST_F(ManagedCallsTest, RestartForgetsTheQuestionAndBeginsAnew)
+{
+    run();
+    appears("Cam");
+    EXPECT_EQ(awaitQuestion(), 1u);
+    failClient();
+    turn();
+    EXPECT_EQ(bus.openConnections(), 1);
+    takeCalls();
+    letTimePass();
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    EXPECT_EQ(awaitQuestion(), 1u);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 1, HTTP, 2)});
+}
+
+TEST_F(ManagedCallsTest, RestartForgetsWhatAppearedBefore)
+{
+    run();
+    letTimePass();
+    appear(1, 4);
+    failClient();
+    turn();
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+    discovery().StartQueryRecords("Cam1", HTTP, false);
+    turn();
+    EXPECT_EQ(bus.takeQuestions().size(), 1u);
+}
+
+TEST_F(ManagedCallsTest, NothingIsAskedOrCalledBetweenTheFailureAndTheNextClient)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    avahi.failNext("client_new", AVAHI_ERR_NO_DAEMON);
+    failClient();
+    bus.answer();
+    turn(50);
+    takeCalls();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn(50);
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedCallsTest, TerminatingLeavesTheBus)
+{
+    run();
+    EXPECT_EQ(bus.openConnections(), 1);
+    discovery().TerminateBrowsing();
+    EXPECT_EQ(bus.openConnections(), 0);
+}
+
+TEST_F(ManagedCallsTest, TerminatingLeavesTheBusWhileTheDaemonIsAskedToo)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    bus.answer();
+    discovery().TerminateBrowsing();
+    EXPECT_EQ(bus.openConnections(), 0);
+    takeCalls();
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+// No connection of its own to the bus.
+
+TEST_F(ManagedCallsTest, WithoutTheBusTheDaemonIsLeftTheTimeToAnswer)
+{
+    bus.failNext("bus_get_private");
+    run();
+    appear(1, 40);
+    EXPECT_EQ(awaitCalls().size(), MOST_UNSETTLED);
+    QElapsedTimer sinceFirst = beforeCalls;
+    EXPECT_EQ(awaitCalls().size(), MOST_UNSETTLED);
+    EXPECT_GE(sinceFirst.elapsed(), TIME_TO_ANSWER_MS);
+    EXPECT_EQ(awaitCalls().size(), 40 - 2 * MOST_UNSETTLED);
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+}
+
+TEST_F(ManagedCallsTest, LossOfTheBusAloneStopsNothing)
+{
+    run();
+    bus.loseConnection();
+    turn();
+    EXPECT_EQ(bus.openConnections(), 0);
+    appear(1, 20);
+    EXPECT_EQ(awaitCalls().size(), MOST_UNSETTLED);
+    EXPECT_EQ(awaitCalls().size(), 20 - MOST_UNSETTLED);
+}
+
+TEST_F(ManagedCallsTest, LossOfTheBusWhileTheDaemonIsAskedStopsNothing)
+{
+    run();
+    appear(1, 20);
+    awaitQuestion();
+    bus.loseConnection();
+    EXPECT_EQ(awaitCalls().size(), MOST_UNSETTLED);
+    EXPECT_EQ(awaitCalls().size(), 20 - MOST_UNSETTLED);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
+TEST_F(ManagedCallsTest, QuestionThatCannotBeSentStopsNothing)
+{
+    run();
+    letTimePass();
+    bus.failNext("connection_send");
+    appear(1, 20);
+    EXPECT_EQ(awaitCalls().size(), MOST_UNSETTLED);
+    EXPECT_EQ(awaitCalls().size(), 20 - MOST_UNSETTLED);
+    EXPECT_EQ(bus.openConnections(), 0);
+}
+
+// When it waits, and for how long it works.
+
+TEST_F(ManagedCallsTest, NothingIsAskedOrCalledWhileServicesAppearOneAfterTheOther)
+{
+    run();
+    bool wasPunctual = false;
+    int number = 0;
+    for (int attempt = 1; attempt <= ATTEMPTS && !wasPunctual; ++attempt) {
+        letTimePass();
+        bus.takeQuestions();
+        wasPunctual = true;
+        QElapsedTimer sinceLast;
+        for (int i = 0; i < 60 && wasPunctual; ++i) {
+            appears(camName(++number).c_str());
+            sinceLast.start();
+            turn(2);
+            const Lines questions = bus.takeQuestions();
+            wasPunctual = sinceLast.elapsed() < QUIET_MS;
+            ASSERT_TRUE(questions.empty() || !wasPunctual);
+        }
+        const size_t questions = awaitQuestion();
+        EXPECT_TRUE(questions == 1 || !wasPunctual);
+        answer();
+        letTimePass();
+    }
+    EXPECT_TRUE(wasPunctual);
+}
+
+/** Where the refusal of a service is logged, which takes its time and makes Avahi refuse the next one too. */
+class SlowLog : public QIODevice
+{
+public:
+    SlowLog(AvahiStandIn& avahi, const QTimer& turns) : m_avahi(avahi)
+    {
+        open(QIODevice::WriteOnly);
+        m_avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
+        connect(&turns, &QTimer::timeout, this, [this] { ++m_turn; });
+    }
+
+    /** In which turns of the event loop something was logged. */
+    const std::vector<int>& turnsOfRefusals() const { return m_turnsOfRefusals; }
+
+protected:
+    qint64 readData(char*, qint64) override { return -1; }
+    qint64 writeData(const char* data, qint64 size) override
+    {
+        const QByteArray text(data, int(size));
+        for (int i = 0; i < text.count('\n'); ++i) {
+            m_turnsOfRefusals.push_back(m_turn);
+            m_avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
+            QThread::msleep(5);
+        }
+        return size;
+    }
+
+private:
+    AvahiStandIn& m_avahi;
+    int m_turn = 0;
+    std::vector<int> m_turnsOfRefusals;
+};
+
+TEST_F(ManagedCallsTest, CallsThatTakeTimeGoOnInTheNextTurn)
+{
+    run();
+    appear(1, 4);
+    awaitQuestion();
+    QTimer turns;
+    SlowLog log(avahi, turns);
+    QTextStream stream(&log);
+    vd::LogQt::setStream(&stream);
+    turns.start(0);
+    bus.answer();
+    turn(100);
+    vd::LogQt::setStream(nullptr);
+
+    std::vector<int> inTurns = log.turnsOfRefusals();
+    EXPECT_EQ(inTurns.size(), 4u);
+    EXPECT_EQ(std::unique(inTurns.begin(), inTurns.end()), inTurns.end()) << "two calls were made in one turn";
+    EXPECT_EQ(bus.takeQuestions(), Lines());
+}
+
+// A flood of answers to come.
+
+class ManagedFloodTest : public ManagedCallsTest
+{
+protected:
+    /** So many resolvers are open that the daemon had the time to answer. */
+    void awaitAnswers(int count)
+    {
+        run();
+        appear(1, count);
+        while (liveCount("resolver") < count) {
+            ASSERT_EQ(awaitQuestion(), 1u);
+            answer();
+        }
+        // The last ones are settled by one more answer.
+        appears("More");
+        ASSERT_EQ(awaitQuestion(), 1u);
+        answer();
+        letTimePass();
+        disappears("More");
+        ASSERT_EQ(awaitQuestion(), 1u);
+        answer();
+        letTimePass();
+        forgetAll();
+        bus.takeQuestions();
+    }
+
+    void resolveThree()
+    {
+        for (int number = 1; number <= 3; ++number)
+            resolved(number, camName(number).c_str(), "cam.local", "10.0.0.1", cameraTxt);
+    }
+};
+
+TEST_F(ManagedFloodTest, CallsAreMadeOneAtATime)
+{
+    awaitAnswers(80);
+    resolveThree();
+    for (int call = 0; call < 6; ++call) {
+        ASSERT_EQ(awaitQuestion(), 1u);
+        EXPECT_EQ(takeCalls(), Lines());
+        answer();
+        EXPECT_EQ(takeCalls().size(), 1u);
+    }
+}
+
+TEST_F(ManagedFloodTest, CallsWaitLongerForSilence)
+{
+    awaitAnswers(80);
+    QElapsedTimer waited;
+    waited.start();
+    resolveThree();
+    ASSERT_EQ(awaitQuestion(), 1u);
+    EXPECT_GE(waited.elapsed(), 60);
+}
+
+TEST_F(ManagedFloodTest, FewAnswersToComeAreNoFlood)
+{
+    awaitAnswers(50);
+    resolveThree();
+    ASSERT_EQ(awaitQuestion(), 1u);
+    answer();
+    EXPECT_EQ(takeCalls().size(), 6u);
+}
+
+TEST_F(ManagedCallsTest, NewsFromTheNetworkMakeTheDaemonBeAskedAgain)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    EXPECT_EQ(takeCalls().size(), 1u);
+    // Settled by the next answer, so that what comes then comes from the network.
+    appears("Other");
+    awaitQuestion();
+    answer();
+    EXPECT_EQ(takeCalls().size(), 1u);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    EXPECT_EQ(awaitQuestion(), 1u);
+    EXPECT_EQ(takeCalls(), Lines());
+}

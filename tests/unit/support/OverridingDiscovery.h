@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include <vd/ManagedServiceDiscovery.h>
+
+#include <functional>
+
+/** A host's class, which acts in the handlers after what it overrides, and may delete the object there. */
+class OverridingDiscovery : public vd::ManagedServiceDiscovery
+{
+public:
+    /** Each may return with the object gone. */
+    std::function<void(AvahiClientState)> onClientState;
+    std::function<void(AvahiEntryGroupState)> onGroupState;
+
+protected:
+    void AvahiClientStateChanged(AvahiClient* changed, AvahiClientState state, void* userdata) override
+    {
+        ManagedServiceDiscovery::AvahiClientStateChanged(changed, state, userdata);
+        act(onClientState, state);
+    }
+    void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override
+    {
+        ManagedServiceDiscovery::AvahiEntryGroupChanged(group, state, userdata);
+        act(onGroupState, state);
+    }
+
+private:
+    template <typename State>
+    static void act(std::function<void(State)>& action, State state)
+    {
+        // Once, and from a copy, as the object may take the original along.
+        const std::function<void(State)> once = std::move(action);
+        action = nullptr;
+        if (once)
+            once(state);
+    }
+};
