@@ -1,11 +1,15 @@
 # SPDX-License-Identifier: MIT
 import os
 import signal
-import socket
 import subprocess
+import sys
+from pathlib import Path
 
 import pytest
 
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
+
+from buses import silent_bus_at
 from waiting import LONGEST_RUN_S, wait_until
 
 
@@ -52,12 +56,15 @@ def tool(path, tmp_path):
     tool.end_all()
 
 
+@pytest.fixture(params=[[], ["--plain"]], ids=["managed", "plain"])
+def plain(request):
+    """The options that choose the library's managed class, and its plain one."""
+    return request.param
+
+
 @pytest.fixture
 def silent_bus(tool):
-    """A bus that takes connections and never says a word, as one that hangs does."""
-    with socket.socket(socket.AF_UNIX, socket.SOCK_STREAM) as listener:
-        listener.bind(str(tool.bus))
-        listener.listen()
+    with silent_bus_at(tool.bus) as listener:
         yield listener
 
 

@@ -11,7 +11,8 @@ import time
 
 import pytest
 
-from test_unreachable import BUS_REMEDY, DAEMON_REMEDY, HANG_REMEDY, SOON_S
+from discover_messages import BUS, DAEMON, HANG
+from test_unreachable import SOON_S
 
 PASSWORD = "Zuckerhut-4711"
 WARNING = b"vd-discover: warning: everyone on the local network can read the record"
@@ -100,7 +101,7 @@ def test_the_password_is_not_read_while_the_command_line_is_wrong(tool):
 
 
 def test_a_missing_bus_is_told_after_the_warning(tool):
-    assert tool.run("publish", "Setup", *ORDINARY) == (3, b"", WARNING + b"\n" + BUS_REMEDY + b"\n")
+    assert tool.run("publish", "Setup", *ORDINARY) == (3, b"", WARNING + b"\n" + BUS + b"\n")
 
 
 @pytest.mark.parametrize("arguments, warning", [
@@ -117,19 +118,19 @@ def test_a_missing_bus_is_told_after_the_warning(tool):
      b"no device but Snap Server storage is told of name servers, so without --kind snap the record holds none"),
 ])
 def test_what_may_not_be_meant_is_warned_of_in_one_line_and_goes_on(tool, arguments, warning):
-    errors = WARNING + b"\nvd-discover: warning: " + warning + b"\n" + BUS_REMEDY + b"\n"
+    errors = WARNING + b"\nvd-discover: warning: " + warning + b"\n" + BUS + b"\n"
     assert tool.run("publish", "Setup", *arguments) == (3, b"", errors)
 
 
 def test_a_missing_daemon_is_told_in_one_line_and_soon(tool, bare_bus):
     begin = time.monotonic()
-    assert tool.run("publish", "Setup", *ORDINARY) == (3, b"", WARNING + b"\n" + DAEMON_REMEDY + b"\n")
+    assert tool.run("publish", "Setup", *ORDINARY) == (3, b"", WARNING + b"\n" + DAEMON + b"\n")
     assert time.monotonic() - begin < SOON_S
 
 
 def test_a_bus_that_hangs_is_told_in_one_line_and_soon(tool, silent_bus):
     begin = time.monotonic()
-    assert tool.run("publish", "Setup", *ORDINARY) == (3, b"", WARNING + b"\n" + HANG_REMEDY + b"\n")
+    assert tool.run("publish", "Setup", *ORDINARY) == (3, b"", WARNING + b"\n" + HANG + b"\n")
     assert time.monotonic() - begin < SOON_S
 
 

@@ -5,10 +5,13 @@ A test takes place on the `stage` that it is given. Where several tests look at 
 they are marked `story(play)` and are given what `play(stage)` returned, as `story`.
 """
 
+import sys
 from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 import pytest
+
+sys.path.insert(0, str(Path(__file__).resolve().parents[1]))
 
 from labkit import labs, paths
 from labkit.labs import Labs

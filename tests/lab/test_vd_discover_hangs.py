@@ -6,11 +6,10 @@ import time
 
 import pytest
 
-from labkit.devices import camera, camera_record
-from labkit.discover import events
+from discover_messages import HANG
+from labkit.devices import camera
+from labkit.discover import events, with_either_class
 
-HANG = (b"vd-discover: the Avahi daemon or the system bus does not answer; restart the daemon with "
-        b'"sudo systemctl restart avahi-daemon"\n')
 # The known devices are queried for the first time after 15 s, give or take a twentieth. A query blocks for
 # much longer than this when there is no answer.
 QUERIED_AFTER_S = 17
@@ -18,34 +17,39 @@ LATEST_END_S = 2.5
 
 
 def blocked_run(stage, *options):
-    """A run that knows a camera and is blocked in a query, begun more than QUERIED_AFTER_S ago."""
+    """A run that knows a camera and is to query it while the daemon hangs, in which plain discovery is blocked."""
     lab = stage.lab()
     stage.publisher(lab).publish(camera())
-    running = stage.discover(lab, "--requery", "--verbose", *options)
-    assert running.errors.wait_for(lambda lines: any(b"ServiceResolve() -> CHECKSUM " in line for line in lines))
+    running = stage.discover(lab, "--requery", *options)
+    # One that began later has seen the camera, and so has the first.
+    stage.discover(lab, "--count", "1").wait()
+    time.sleep(0.5)
     lab.fault("viewer", "daemon-hang")
     time.sleep(QUERIED_AFTER_S)
     return lab, running
 
 
-def told_to_the_user(errors):
-    return [line for line in errors.splitlines(keepends=True) if line.startswith(b"vd-discover:")]
+def told_of_hang(plain):
+    # Managed discovery asks first whether the daemon has time for a query, and is not held up by it.
+    return HANG + b"\n" if plain else b""
 
 
-def test_the_timeout_ends_a_run_that_is_blocked_and_shows_what_was_seen(stage):
+@with_either_class
+def test_the_timeout_ends_a_run_whose_query_hangs_and_shows_what_was_seen(stage, plain):
     timeout = QUERIED_AFTER_S + 2
-    _, running = blocked_run(stage, "--timeout", str(timeout))
+    _, running = blocked_run(stage, "--timeout", str(timeout), *plain)
     status, output, errors, seconds = running.wait()
     assert (status, output.count(b"\n"), output.count(b"Lobby")) == (0, 2, 1)
-    assert told_to_the_user(errors) == [HANG]
+    assert errors == told_of_hang(plain)
     assert seconds < timeout + LATEST_END_S
 
 
+@with_either_class
 @pytest.mark.parametrize("number", [signal.SIGINT, signal.SIGTERM])
-def test_one_signal_ends_following_that_is_blocked(stage, number):
-    lab, running = blocked_run(stage, "--follow", "--format", "json")
+def test_one_signal_ends_following_whose_query_hangs(stage, number, plain):
+    _, running = blocked_run(stage, "--follow", "--format", "json", *plain)
     begin = time.monotonic()
     status, output, errors, _ = running.interrupt(number)
     assert time.monotonic() - begin < LATEST_END_S
-    assert (status, events(output)) == (0, [("found", dict(camera_record(lab)))])
-    assert told_to_the_user(errors) == [HANG]
+    assert (status, [event for event, _ in events(output)]) == (0, ["found"])
+    assert errors == told_of_hang(plain)

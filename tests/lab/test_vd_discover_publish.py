@@ -8,6 +8,7 @@ import time
 
 import pytest
 
+from discover_messages import BUS, DAEMON, ENDED, HANG, WAITING, back
 from labkit.labs import NO_DAEMON, PLAIN, TWO_DAEMONS
 from labkit.paths import VD_DISCOVER
 from labkit.reader import txt_of
@@ -37,17 +38,10 @@ BARE_TXT = [
 WARNING = b"vd-discover: warning: everyone on the local network can read the record\n"
 TAKEN = ("vd-discover: another service on the network has the name "
          f'"{NAME}"; choose another NAME\n').encode()
-HANG = (b"vd-discover: the Avahi daemon or the system bus does not answer; restart the daemon with "
-        b'"sudo systemctl restart avahi-daemon"\n')
 REMAINS = (b"vd-discover: the Avahi daemon did not confirm the withdrawal, so the record may still be readable; "
            b'restart it with "sudo systemctl restart avahi-daemon"\n')
-ENDED = (b"vd-discover: the connection to the Avahi daemon has ended; if it does not come back by itself, "
-         b'start it with "sudo systemctl start avahi-daemon"; waiting for it\n')
-DAEMON = (b"vd-discover: the Avahi daemon is not running; start it with "
-          b'"sudo systemctl start avahi-daemon", or install it with "sudo apt install avahi-daemon"')
-BUS = (b'vd-discover: the D-Bus system bus cannot be reached; start it with "sudo systemctl start dbus", '
-       b'or install it with "sudo apt install dbus"; waiting for it\n')
-BACK = b"vd-discover: the Avahi daemon answers; publishing\n"
+LOST = ENDED + WAITING + b"\n"
+BACK = back(b"publishing") + b"\n"
 
 # Far more than what is told takes, and less than the 25 s after which D-Bus itself gives up.
 SOON_S = 10
@@ -207,17 +201,25 @@ def test_a_name_that_another_service_has_is_told(stage, host, lab_options):
 def test_the_service_is_published_again_after_the_daemon_or_the_bus_died(stage, kill, returns):
     lab, running, reader = published(stage)
     lab.fault("viewer", kill)
-    assert running.wait_for_errors(2) == [WARNING, ENDED]
+    assert running.wait_for_errors(2) == [WARNING, LOST]
     for step in returns:
         lab.fault("viewer", step)
     assert words(running.wait_for_output(3)) == ["established", "lost", "established"]
     status, output, errors, _ = running.interrupt(signal.SIGINT)
     assert (status, words(output.splitlines())) == (0, ["established", "lost", "established", "withdrawn"])
     told = errors.splitlines(keepends=True)
-    assert (told[1], told[-1]) == (ENDED, BACK)
+    assert (told[1], told[-1]) == (LOST, BACK)
     # While a bus dies and comes back, what is missing at the moment may be told too, each once.
-    assert set(told[2:-1]) <= {DAEMON + b"; waiting for it\n", BUS} and len(set(told)) == len(told)
+    assert set(told[2:-1]) <= {DAEMON + WAITING + b"\n", BUS + WAITING + b"\n"} and len(set(told)) == len(told)
     assert reader.wait_for("lost", NAME)
+
+
+def test_the_service_leads_to_the_new_name_of_a_host_that_is_renamed(stage):
+    lab, running, _ = published(stage)
+    lab.run("viewer", "avahi-set-host-name", "renamed")
+    assert words(running.wait_for_output(3)) == ["established", "withdrawn", "established"]
+    # A reader that remembers nothing from before.
+    assert stage.reader(lab, TYPE).wait_for("found", NAME)["host"] == "renamed.local."
 
 
 @signals
@@ -227,7 +229,7 @@ def test_a_signal_is_obeyed_though_the_daemon_hangs(stage, number):
     begin = time.monotonic()
     status, output, errors, _ = running.interrupt(number)
     assert time.monotonic() - begin < SOON_S
-    assert (status, words(output.splitlines()), errors) == (0, ["established"], WARNING + HANG + REMAINS)
+    assert (status, words(output.splitlines()), errors) == (0, ["established"], WARNING + HANG + b"\n" + REMAINS)
     # The daemon sees that its client is gone once it goes on.
     lab.fault("viewer", "daemon-continue")
     assert reader.wait_for("lost", NAME)
@@ -244,7 +246,7 @@ def test_a_daemon_that_hangs_is_told_with_the_remedy_and_soon(stage):
     lab = stage.lab()
     lab.fault("viewer", "daemon-hang")
     status, output, errors, seconds = publish(stage, lab).wait()
-    assert (status, output, errors) == (3, b"", WARNING + HANG)
+    assert (status, output, errors) == (3, b"", WARNING + HANG + b"\n")
     assert seconds < SOON_S
 
 

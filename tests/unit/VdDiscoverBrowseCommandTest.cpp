@@ -2,20 +2,16 @@
 #include "BrowseCommand.h"
 #include "SignalWatcher.h"
 
-#include "support/DiscoveryFixture.h"
-#include "support/StandardStreamCapture.h"
+#include "support/VdDiscoverCommandFixture.h"
+#include "support/VdDiscoverMessages.h"
 
 #include <vd/LogQt.h>
 
-#include <QtCore/QCoreApplication>
-#include <QtCore/QEventLoop>
+#include <QtCore/QElapsedTimer>
 #include <QtCore/QJsonArray>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 
-#include <chrono>
+#include <algorithm>
 #include <csignal>
-#include <thread>
 
 #include <unistd.h>
 
@@ -25,18 +21,17 @@ using vd::discover::OutputFormat;
 
 namespace {
 
-const int STILL_RUNNING = -1;
-const int LONGEST_WAIT_MS = 5000;
+// Longer than it takes to tell of what stays in the way.
+const int LOOKS_AGAIN_MS = 800;
+// Longer than managed discovery takes to make a resolver.
+const int TIME_TO_RESOLVE_MS = 200;
 
-// As a call to a daemon that hangs does.
-void block()
-{
-    std::this_thread::sleep_for(std::chrono::seconds(10));
-}
+const std::string ENDED = PROGRAM + END_REMEDY + WAITING;
+const std::string RECOVERED = PROGRAM + RECOVERY + "browsing";
 
 } // namespace
 
-class VdDiscoverBrowseCommand : public testing::Test
+class VdDiscoverBrowseCommand : public VdDiscoverCommandTest<BrowseCommand, BrowseOptions>
 {
 protected:
     VdDiscoverBrowseCommand()
@@ -48,30 +43,8 @@ protected:
 
     void start(int signalDescriptor = -1)
     {
-        command.reset(new BrowseCommand(options, signalDescriptor));
-        QObject::connect(command.get(), &BrowseCommand::finished, [this](int status) { exitStatus = status; });
-        command->start();
+        VdDiscoverCommandTest::start(signalDescriptor);
         avahi.takeCalls();
-    }
-
-    static void processEvents() { QCoreApplication::processEvents(); }
-
-    /** Waits for the end of a run that ends by itself. */
-    int waitForEnd()
-    {
-        QEventLoop loop;
-        QObject::connect(command.get(), &BrowseCommand::finished, &loop, &QEventLoop::quit);
-        QTimer::singleShot(LONGEST_WAIT_MS, &loop, &QEventLoop::quit);
-        if (exitStatus == STILL_RUNNING)
-            loop.exec();
-        return exitStatus;
-    }
-
-    int end()
-    {
-        command->end();
-        processEvents();
-        return exitStatus;
     }
 
     void appears(const char* name)
@@ -79,9 +52,31 @@ protected:
         avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_NEW, 2, AVAHI_PROTO_INET, name, "_http._tcp", "local");
     }
 
-    void disappears(const char* name)
+    void disappears(const char* name, int browser = 1)
     {
-        avahi.fireBrowse(avahi.browser(), AVAHI_BROWSER_REMOVE, 2, AVAHI_PROTO_INET, name, "_http._tcp", "local");
+        avahi.fireBrowse(avahi.browser(browser), AVAHI_BROWSER_REMOVE, 2, AVAHI_PROTO_INET, name, "_http._tcp",
+                         "local");
+    }
+
+    /** Managed discovery makes it when the daemon has time for it. */
+    void waitForResolver(int number)
+    {
+        const std::string name = "resolver" + std::to_string(number);
+        const auto isThere = [&] {
+            const Lines live = avahi.liveHandles();
+            return std::find(live.begin(), live.end(), name) != live.end();
+        };
+        passTimeUntil(isThere, LONGEST_WAIT_MS);
+    }
+
+    /** The resolvers that are made, if any, within a time in which they are. */
+    Lines takeQueries()
+    {
+        passTime(TIME_TO_RESOLVE_MS);
+        Lines calls = avahi.takeCalls();
+        const auto isOther = [](const std::string& call) { return call.rfind("service_resolver_new", 0) != 0; };
+        calls.erase(std::remove_if(calls.begin(), calls.end(), isOther), calls.end());
+        return calls;
     }
 
     void resolved(int resolver, const char* name, const char* address, AvahiStringList* txt)
@@ -95,15 +90,37 @@ protected:
 
     void cameraFound(const char* name, int resolver)
     {
-        const Txt txt = {"ser_no.vandrel.com=\x01\x02\x03"};
         appears(name);
+        waitForResolver(resolver);
+        cameraResolved(name, resolver);
+    }
+
+    void cameraResolved(const char* name, int resolver)
+    {
+        const Txt txt = {"ser_no.vandrel.com=\x01\x02\x03"};
         resolved(resolver, name, "10.0.0.1", txt);
+    }
+
+    /** On the client that was made second. */
+    void reappears(const char* name)
+    {
+        avahi.fireBrowse(avahi.browser(2), AVAHI_BROWSER_NEW, 2, AVAHI_PROTO_INET, name, "_http._tcp", "local");
+        waitForResolver(2);
+        cameraResolved(name, 2);
+        processEvents();
+    }
+
+    void dies()
+    {
+        daemon.becomes(AVAHI_CLIENT_FAILURE);
+        processEvents();
     }
 
     void printerFound(const char* name, int resolver)
     {
         const Txt txt = {"note=no camera"};
         appears(name);
+        waitForResolver(resolver);
         resolved(resolver, name, "10.0.0.7", txt);
     }
 
@@ -111,11 +128,7 @@ protected:
     Lines events() const
     {
         Lines lines;
-        const auto printed = output.text().split('\n');
-        for (const QByteArray& line : printed) {
-            if (line.isEmpty())
-                continue;
-            const QJsonObject event = QJsonDocument::fromJson(line).object();
+        for (const QJsonObject& event : printedObjects()) {
             const QJsonObject service = event.value(QStringLiteral("service")).toObject();
             QStringList words = {event.value(QStringLiteral("event")).toString(),
                                  service.value(QStringLiteral("serviceName")).toString()};
@@ -126,15 +139,20 @@ protected:
         }
         return lines;
     }
-
-    AvahiStandIn avahi;
-    BrowseOptions options;
-    CapturedOutput output;
-    std::unique_ptr<BrowseCommand> command;
-    int exitStatus = STILL_RUNNING;
 };
 
-TEST_F(VdDiscoverBrowseCommand, EveryEventIsALineAsItHappens)
+/** What does not depend on the class that discovers. */
+class VdDiscoverBrowse : public VdDiscoverBrowseCommand, public testing::WithParamInterface<bool>
+{
+protected:
+    VdDiscoverBrowse() { options.plain = GetParam(); }
+};
+
+INSTANTIATE_TEST_SUITE_P(, VdDiscoverBrowse, testing::Bool(), [](const testing::TestParamInfo<bool>& isPlain) {
+    return isPlain.param ? std::string("Plain") : std::string("Managed");
+});
+
+TEST_P(VdDiscoverBrowse, EveryEventIsALineAsItHappens)
 {
     start();
     cameraFound("Gate", 1);
@@ -143,7 +161,7 @@ TEST_F(VdDiscoverBrowseCommand, EveryEventIsALineAsItHappens)
     EXPECT_EQ(events(), (Lines{"found Gate 10.0.0.1", "lost Gate 10.0.0.1"}));
 }
 
-TEST_F(VdDiscoverBrowseCommand, AServiceThatIsNoDeviceIsNeverMentioned)
+TEST_P(VdDiscoverBrowse, AServiceThatIsNoDeviceIsNeverMentioned)
 {
     start();
     printerFound("Printer", 1);
@@ -152,7 +170,7 @@ TEST_F(VdDiscoverBrowseCommand, AServiceThatIsNoDeviceIsNeverMentioned)
     EXPECT_EQ(output.text(), QByteArray());
 }
 
-TEST_F(VdDiscoverBrowseCommand, EndsWithStatusZeroWhenADeviceWasSeenThoughItIsGone)
+TEST_P(VdDiscoverBrowse, EndsWithStatusZeroWhenADeviceWasSeenThoughItIsGone)
 {
     start();
     cameraFound("Gate", 1);
@@ -160,14 +178,14 @@ TEST_F(VdDiscoverBrowseCommand, EndsWithStatusZeroWhenADeviceWasSeenThoughItIsGo
     EXPECT_EQ(end(), 0);
 }
 
-TEST_F(VdDiscoverBrowseCommand, EndsByItselfAfterTheTimeout)
+TEST_P(VdDiscoverBrowse, EndsByItselfAfterTheTimeout)
 {
     options.timeoutMs = 20;
     start();
     EXPECT_EQ(waitForEnd(), 1);
 }
 
-TEST_F(VdDiscoverBrowseCommand, PrintsTheTableAtTheEndOnly)
+TEST_P(VdDiscoverBrowse, PrintsTheTableAtTheEndOnly)
 {
     options.format = OutputFormat::Table;
     start();
@@ -178,7 +196,7 @@ TEST_F(VdDiscoverBrowseCommand, PrintsTheTableAtTheEndOnly)
                                            "Gate  Vandrel camera  10.0.0.1  80    -      -        010203\n");
 }
 
-TEST_F(VdDiscoverBrowseCommand, PrintsNoTableWithoutDevices)
+TEST_P(VdDiscoverBrowse, PrintsNoTableWithoutDevices)
 {
     options.format = OutputFormat::Table;
     start();
@@ -186,7 +204,7 @@ TEST_F(VdDiscoverBrowseCommand, PrintsNoTableWithoutDevices)
     EXPECT_EQ(output.text(), QByteArray());
 }
 
-TEST_F(VdDiscoverBrowseCommand, PrintsNoTableAfterFollowing)
+TEST_P(VdDiscoverBrowse, PrintsNoTableAfterFollowing)
 {
     options.format = OutputFormat::Table;
     options.follow = true;
@@ -197,21 +215,24 @@ TEST_F(VdDiscoverBrowseCommand, PrintsNoTableAfterFollowing)
     EXPECT_EQ(output.text().count('\n'), 1);
 }
 
-TEST_F(VdDiscoverBrowseCommand, StopsAtTheCountAndPrintsNothingThatComesLater)
+TEST_P(VdDiscoverBrowse, StopsAtTheCountAndPrintsNothingThatComesLater)
 {
     options.count = 2;
     start();
     cameraFound("Gate", 1);
     processEvents();
     EXPECT_EQ(exitStatus, STILL_RUNNING);
-    cameraFound("Yard", 2);
-    cameraFound("Attic", 3);
+    appears("Yard");
+    appears("Attic");
+    waitForResolver(3);
+    cameraResolved("Yard", 2);
+    cameraResolved("Attic", 3);
     processEvents();
     EXPECT_EQ(exitStatus, 0);
     EXPECT_EQ(events(), (Lines{"found Gate 10.0.0.1", "found Yard 10.0.0.1"}));
 }
 
-TEST_F(VdDiscoverBrowseCommand, CountsOnlyDevicesThatAreStillThere)
+TEST_P(VdDiscoverBrowse, CountsOnlyDevicesThatAreStillThere)
 {
     options.count = 2;
     start();
@@ -222,7 +243,7 @@ TEST_F(VdDiscoverBrowseCommand, CountsOnlyDevicesThatAreStillThere)
     EXPECT_EQ(exitStatus, STILL_RUNNING);
 }
 
-TEST_F(VdDiscoverBrowseCommand, FreesEverythingAtTheEnd)
+TEST_P(VdDiscoverBrowse, FreesEverythingAtTheEnd)
 {
     start();
     cameraFound("Gate", 1);
@@ -230,41 +251,37 @@ TEST_F(VdDiscoverBrowseCommand, FreesEverythingAtTheEnd)
     EXPECT_EQ(avahi.liveHandles(), Lines{});
 }
 
-TEST_F(VdDiscoverBrowseCommand, KeepsAQueryOpenForEveryDeviceFoundOnceItsSignalIsOver)
+TEST_P(VdDiscoverBrowse, KeepsAQueryOpenForEveryDeviceFoundOnceItsSignalIsOver)
 {
     options.longLived = true;
     start();
     cameraFound("Gate", 1);
     avahi.takeCalls();
-    processEvents();
-    EXPECT_EQ(
-        avahi.takeCalls(),
-        Lines{"service_resolver_new(client1, -1, -1, \"Gate\", \"_http._tcp\", \"local\", -1, 2) = resolver2"});
-    processEvents();
-    EXPECT_EQ(avahi.takeCalls(), Lines{});
+    const std::string protocol = options.plain ? "-1" : "0";
+    EXPECT_EQ(takeQueries(), Lines{"service_resolver_new(client1, -1, -1, \"Gate\", \"_http._tcp\", \"local\", "
+                                   + protocol + ", 2) = resolver2"});
+    EXPECT_EQ(takeQueries(), Lines{});
 }
 
-TEST_F(VdDiscoverBrowseCommand, OpensNoQueryForADeviceThatIsGoneAlready)
+TEST_P(VdDiscoverBrowse, OpensNoQueryForADeviceThatIsGoneAlready)
 {
     options.longLived = true;
     start();
     cameraFound("Gate", 1);
     disappears("Gate");
     avahi.takeCalls();
-    processEvents();
-    EXPECT_EQ(avahi.takeCalls(), Lines{});
+    EXPECT_EQ(takeQueries(), Lines{});
 }
 
-TEST_F(VdDiscoverBrowseCommand, WithoutTheOptionNoQueryIsKeptOpen)
+TEST_P(VdDiscoverBrowse, WithoutTheOptionNoQueryIsKeptOpen)
 {
     start();
     cameraFound("Gate", 1);
     avahi.takeCalls();
-    processEvents();
-    EXPECT_EQ(avahi.takeCalls(), Lines{});
+    EXPECT_EQ(takeQueries(), Lines{});
 }
 
-TEST_F(VdDiscoverBrowseCommand, AMissingBusIsStatusThree)
+TEST_P(VdDiscoverBrowse, AMissingBusIsStatusThree)
 {
     avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
     start();
@@ -272,7 +289,7 @@ TEST_F(VdDiscoverBrowseCommand, AMissingBusIsStatusThree)
     EXPECT_EQ(exitStatus, 3);
 }
 
-TEST_F(VdDiscoverBrowseCommand, FollowingThatNeverReachedTheDaemonIsStatusThree)
+TEST_P(VdDiscoverBrowse, FollowingThatNeverReachedTheDaemonIsStatusThree)
 {
     options.follow = true;
     avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
@@ -282,7 +299,7 @@ TEST_F(VdDiscoverBrowseCommand, FollowingThatNeverReachedTheDaemonIsStatusThree)
     EXPECT_EQ(end(), 3);
 }
 
-TEST_F(VdDiscoverBrowseCommand, AReaderThatIsGoneEndsFollowing)
+TEST_P(VdDiscoverBrowse, AReaderThatIsGoneEndsFollowing)
 {
     int ends[2];
     ASSERT_EQ(pipe(ends), 0);
@@ -294,14 +311,14 @@ TEST_F(VdDiscoverBrowseCommand, AReaderThatIsGoneEndsFollowing)
     EXPECT_EQ(waitForEnd(), 1);
 }
 
-TEST_F(VdDiscoverBrowseCommand, ATerminalShowsProgress)
+TEST_P(VdDiscoverBrowse, ATerminalShowsProgress)
 {
     TerminalAsErrors terminal;
     start();
     EXPECT_TRUE(terminal.takeText().contains("0 devices, 0.0 s of 60 s"));
 }
 
-TEST_F(VdDiscoverBrowseCommand, NoProgressStandsBetweenTheLinesOfTheLog)
+TEST_P(VdDiscoverBrowse, NoProgressStandsBetweenTheLinesOfTheLog)
 {
     TerminalAsErrors terminal;
     options.verbose = true;
@@ -313,6 +330,146 @@ TEST_F(VdDiscoverBrowseCommand, NoProgressStandsBetweenTheLinesOfTheLog)
     const QByteArray text = terminal.takeText();
     EXPECT_TRUE(text.contains("BrowseServices()"));
     EXPECT_FALSE(text.contains("of 60 s"));
+}
+
+TEST_P(VdDiscoverBrowse, WhatWasSeenBeforeTheDaemonDiedIsInTheTable)
+{
+    options.format = OutputFormat::Table;
+    options.timeoutMs = 100;
+    start();
+    cameraFound("Gate", 1);
+    dies();
+    EXPECT_EQ(waitForEnd(), 3);
+    EXPECT_EQ(output.text().count("Gate"), 1);
+}
+
+// Without the option of the plain class.
+class VdDiscoverManagedBrowse : public VdDiscoverBrowseCommand
+{
+protected:
+    void diesAndReturns()
+    {
+        const size_t toldBefore = linesOf(errors).size();
+        daemon.becomes(AVAHI_CLIENT_FAILURE);
+        daemon.state = AVAHI_CLIENT_S_RUNNING;
+        passTimeUntil([&] { return linesOf(errors).size() == toldBefore + 2; }, LONGEST_WAIT_MS);
+    }
+
+    CapturedOutput errors{STDERR_FILENO};
+};
+
+TEST_F(VdDiscoverManagedBrowse, ARestartIsToldOnceEachWayAndDevicesThatStayAreNotFoundAgain)
+{
+    options.follow = true;
+    start();
+    cameraFound("Gate", 1);
+    diesAndReturns();
+    reappears("Gate");
+    passTime(LOOKS_AGAIN_MS);
+    EXPECT_EQ(events(), Lines{"found Gate 10.0.0.1"});
+    EXPECT_EQ(linesOf(errors), (Lines{ENDED, RECOVERED}));
+}
+
+TEST_F(VdDiscoverManagedBrowse, WhatBecomesOfADeviceAfterARestartIsTold)
+{
+    options.follow = true;
+    start();
+    cameraFound("Gate", 1);
+    diesAndReturns();
+    reappears("Gate");
+    disappears("Gate", 2);
+    EXPECT_EQ(events(), (Lines{"found Gate 10.0.0.1", "lost Gate 10.0.0.1"}));
+}
+
+TEST_F(VdDiscoverManagedBrowse, EachOutageIsTold)
+{
+    options.follow = true;
+    start();
+    diesAndReturns();
+    diesAndReturns();
+    EXPECT_EQ(linesOf(errors), (Lines{ENDED, RECOVERED, ENDED, RECOVERED}));
+}
+
+TEST_F(VdDiscoverManagedBrowse, WithoutFollowingARestartIsLivedThroughToo)
+{
+    options.timeoutMs = 500;
+    start();
+    cameraFound("Gate", 1);
+    diesAndReturns();
+    EXPECT_EQ(exitStatus, STILL_RUNNING);
+    EXPECT_EQ(waitForEnd(), 0);
+    EXPECT_EQ(linesOf(errors), (Lines{ENDED, RECOVERED}));
+}
+
+TEST_F(VdDiscoverManagedBrowse, ADaemonThatDiesDoesNotEndTheRunBeforeItsTime)
+{
+    start();
+    dies();
+    passTime(LOOKS_AGAIN_MS);
+    EXPECT_EQ(exitStatus, STILL_RUNNING);
+    EXPECT_EQ(linesOf(errors), Lines{ENDED});
+}
+
+TEST_F(VdDiscoverManagedBrowse, ARestartDoesNotProlongTheRun)
+{
+    options.timeoutMs = 2000;
+    QElapsedTimer elapsed;
+    elapsed.start();
+    start();
+    passTime(1500);
+    diesAndReturns();
+    EXPECT_EQ(waitForEnd(), 1);
+    EXPECT_LT(elapsed.elapsed(), 3300);
+}
+
+TEST_F(VdDiscoverManagedBrowse, CountsADeviceOnceThoughTheDaemonWasRestarted)
+{
+    options.count = 2;
+    start();
+    cameraFound("Gate", 1);
+    diesAndReturns();
+    reappears("Gate");
+    processEvents();
+    EXPECT_EQ(exitStatus, STILL_RUNNING);
+}
+
+class VdDiscoverPlainBrowse : public VdDiscoverBrowseCommand
+{
+protected:
+    VdDiscoverPlainBrowse() { options.plain = true; }
+
+    /** The daemon is restarted once a camera is known, which it has not found again at the end. */
+    void followThroughRestart()
+    {
+        options.follow = true;
+        start();
+        cameraFound("Gate", 1);
+        dies();
+        daemon.state = AVAHI_CLIENT_S_RUNNING;
+        passTimeUntil([this] { return avahi.liveHandles().size() == 2; }, LONGEST_WAIT_MS);
+    }
+};
+
+TEST_F(VdDiscoverPlainBrowse, FollowingFindsEveryDeviceAnewAfterARestart)
+{
+    followThroughRestart();
+    reappears("Gate");
+    EXPECT_EQ(events(), (Lines{"found Gate 10.0.0.1", "found Gate 10.0.0.1"}));
+}
+
+TEST_F(VdDiscoverPlainBrowse, FollowingCountsOnlyWhatIsFoundAfterTheRestart)
+{
+    options.count = 2;
+    followThroughRestart();
+    reappears("Yard");
+    EXPECT_EQ(exitStatus, STILL_RUNNING);
+}
+
+TEST_F(VdDiscoverPlainBrowse, WithoutFollowingADaemonThatDiesEndsTheRun)
+{
+    start();
+    dies();
+    EXPECT_EQ(exitStatus, 3);
 }
 
 // Each of these runs in a process of its own, which writes to the same captured output.
@@ -343,8 +500,7 @@ protected:
         cameraFound("Gate", 1);
     }
 
-    const char* const REMEDY = "^vd-discover: the Avahi daemon or the system bus does not answer; restart the "
-                               "daemon with \"sudo systemctl restart avahi-daemon\"\n$";
+    const std::string REMEDY = "^" + PROGRAM + HANG_REMEDY + "\n$";
 };
 
 TEST_F(VdDiscoverHang, AfterTheTimeoutTheTableIsPrintedAllTheSame)

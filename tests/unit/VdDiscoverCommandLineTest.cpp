@@ -86,6 +86,7 @@ TEST(VdDiscoverCommandLine, WithoutArgumentsEveryOptionIsOff)
     EXPECT_EQ(options.count, 0);
     EXPECT_FALSE(options.requery);
     EXPECT_FALSE(options.longLived);
+    EXPECT_FALSE(options.plain);
     EXPECT_FALSE(options.verbose);
     EXPECT_EQ(options.format, OutputFormat::Table);
 }
@@ -115,11 +116,13 @@ TEST(VdDiscoverCommandLine, EveryShortOptionIsRead)
 
 TEST(VdDiscoverCommandLine, EveryLongOptionIsRead)
 {
-    const BrowseOptions options = readBrowse("--follow --count=3 --requery --long-lived --format json --verbose");
+    const BrowseOptions options
+        = readBrowse("--follow --count=3 --requery --long-lived --format json --plain --verbose");
     EXPECT_TRUE(options.follow);
     EXPECT_EQ(options.count, 3);
     EXPECT_TRUE(options.requery);
     EXPECT_TRUE(options.longLived);
+    EXPECT_TRUE(options.plain);
     EXPECT_TRUE(options.verbose);
     EXPECT_EQ(options.format, OutputFormat::Json);
 }
@@ -300,7 +303,7 @@ TEST(VdDiscoverCommandLine, TheHelpTellsOfEveryOption)
     const QByteArray help = vd::discover::browseHelp();
     for (const char* option :
          {"-f, --follow", "-t, --timeout SECONDS", "-n, --count N", "-q, --requery", "-l, --long-lived",
-          "--format FORMAT", "-v, --verbose", "-h, --help", "--version", "[TYPE...]"})
+          "--format FORMAT", "--plain", "-v, --verbose", "-h, --help", "--version", "[TYPE...]"})
         EXPECT_TRUE(help.contains(option)) << option;
 }
 

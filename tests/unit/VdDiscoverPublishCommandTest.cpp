@@ -2,19 +2,12 @@
 #include "PublishCommand.h"
 #include "SignalWatcher.h"
 
-#include "support/DaemonStandIn.h"
-#include "support/DiscoveryFixture.h"
-#include "support/StandardStreamCapture.h"
+#include "support/VdDiscoverCommandFixture.h"
+#include "support/VdDiscoverMessages.h"
 
-#include <QtCore/QCoreApplication>
-#include <QtCore/QEventLoop>
-#include <QtCore/QJsonDocument>
-#include <QtCore/QJsonObject>
 #include <QtCore/QtEndian>
 
-#include <chrono>
 #include <csignal>
-#include <thread>
 
 using vd::discover::OutputFormat;
 using vd::discover::PublishCommand;
@@ -22,26 +15,14 @@ using vd::discover::PublishOptions;
 
 namespace {
 
-const int STILL_RUNNING = -1;
-const int LONGEST_WAIT_MS = 5000;
-const int RETRY_MS = 500;
-
 const char WARNING[] = "vd-discover: warning: everyone on the local network can read the record";
 const char NAME_TAKEN[] = "vd-discover: another service on the network has the name \"Dock\"; choose another NAME";
-const char ENDED[]
-    = "vd-discover: the connection to the Avahi daemon has ended; if it does not come back by itself, "
-      "start it with \"sudo systemctl start avahi-daemon\"";
+const std::string ENDED = PROGRAM + END_REMEDY;
 
 const char REMAINS[] = "vd-discover: the Avahi daemon did not confirm the withdrawal, so the record may still be "
                        "readable; restart it with \"sudo systemctl restart avahi-daemon\"";
 const char NOT_PUBLISHED[]
     = "vd-discover: the service was not published, as the run ended before it was established";
-
-// As a call to a daemon that hangs does.
-void block()
-{
-    std::this_thread::sleep_for(std::chrono::seconds(10));
-}
 
 PublishOptions dockSetup()
 {
@@ -59,53 +40,16 @@ PublishOptions dockSetup()
 
 } // namespace
 
-class VdDiscoverPublishBase : public testing::Test
+class VdDiscoverPublishBase : public VdDiscoverCommandTest<PublishCommand, PublishOptions>
 {
 protected:
-    void start(int signalDescriptor = -1)
-    {
-        command.reset(new PublishCommand(options, signalDescriptor));
-        QObject::connect(command.get(), &PublishCommand::finished, [this](int status) { exitStatus = status; });
-        command->start();
-    }
+    VdDiscoverPublishBase() { options = dockSetup(); }
 
     void startPublished()
     {
         start();
         avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING);
         avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED);
-    }
-
-    void clientBecomes(AvahiClientState state, int client = 1)
-    {
-        daemon.state = state;
-        avahi.fireClientState(state, client);
-    }
-
-    static void processEvents() { QCoreApplication::processEvents(); }
-
-    static void passTime(int milliseconds)
-    {
-        QEventLoop loop;
-        QTimer::singleShot(milliseconds, &loop, &QEventLoop::quit);
-        loop.exec();
-    }
-
-    int waitForEnd()
-    {
-        QEventLoop loop;
-        QObject::connect(command.get(), &PublishCommand::finished, &loop, &QEventLoop::quit);
-        QTimer::singleShot(LONGEST_WAIT_MS, &loop, &QEventLoop::quit);
-        if (exitStatus == STILL_RUNNING)
-            loop.exec();
-        return exitStatus;
-    }
-
-    int end()
-    {
-        command->end();
-        processEvents();
-        return exitStatus;
     }
 
     /** The names of the functions called since this was asked last. */
@@ -121,25 +65,10 @@ protected:
     Lines events() const
     {
         Lines words;
-        const auto printed = output.text().split('\n');
-        for (const QByteArray& line : printed) {
-            if (!line.isEmpty()) {
-                words.push_back(QJsonDocument::fromJson(line)
-                                    .object()
-                                    .value(QStringLiteral("event"))
-                                    .toString()
-                                    .toStdString());
-            }
-        }
+        for (const QJsonObject& event : printedObjects())
+            words.push_back(event.value(QStringLiteral("event")).toString().toStdString());
         return words;
     }
-
-    AvahiStandIn avahi;
-    DaemonStandIn daemon;
-    PublishOptions options = dockSetup();
-    CapturedOutput output;
-    std::unique_ptr<PublishCommand> command;
-    int exitStatus = STILL_RUNNING;
 };
 
 class VdDiscoverPublishCommand : public VdDiscoverPublishBase
@@ -148,12 +77,7 @@ protected:
     /** What was said on standard error, without the warning that everything begins with. */
     Lines said() const
     {
-        Lines lines;
-        const auto all = errors.text().split('\n');
-        for (const QByteArray& line : all) {
-            if (!line.isEmpty())
-                lines.push_back(line.toStdString());
-        }
+        Lines lines = linesOf(errors);
         EXPECT_FALSE(lines.empty());
         if (!lines.empty())
             lines.erase(lines.begin());
@@ -370,14 +294,13 @@ TEST_F(VdDiscoverPublishCommand, AMissingBusIsStatusThree)
     start();
     processEvents();
     EXPECT_EQ(exitStatus, 3);
-    EXPECT_EQ(said(), Lines{"vd-discover: the D-Bus system bus cannot be reached; start it with \"sudo systemctl "
-                            "start dbus\", or install it with \"sudo apt install dbus\""});
+    EXPECT_EQ(said(), Lines{PROGRAM + BUS_REMEDY});
 }
 
 TEST_F(VdDiscoverPublishCommand, ADaemonThatDiesBeforeTheServiceIsEstablishedIsStatusThree)
 {
     start();
-    clientBecomes(AVAHI_CLIENT_FAILURE);
+    daemon.becomes(AVAHI_CLIENT_FAILURE);
     processEvents();
     processEvents();
     EXPECT_EQ(exitStatus, 3);
@@ -387,7 +310,7 @@ TEST_F(VdDiscoverPublishCommand, ADaemonThatDiesBeforeTheServiceIsEstablishedIsS
 TEST_F(VdDiscoverPublishCommand, ARegistrationThatTheDaemonDiesInIsNoRefusal)
 {
     avahi.failNext("entry_group_commit", AVAHI_ERR_DISCONNECTED);
-    avahi.duringGroupCall("entry_group_commit", [this] { clientBecomes(AVAHI_CLIENT_FAILURE); });
+    avahi.duringGroupCall("entry_group_commit", [this] { daemon.becomes(AVAHI_CLIENT_FAILURE); });
     start();
     processEvents();
     processEvents();
@@ -396,28 +319,41 @@ TEST_F(VdDiscoverPublishCommand, ARegistrationThatTheDaemonDiesInIsNoRefusal)
     EXPECT_EQ(said(), Lines{ENDED});
 }
 
-TEST_F(VdDiscoverPublishCommand, PublishesAgainAfterTheDaemonDied)
+TEST_F(VdDiscoverPublishCommand, IsPublishedAgainAfterTheDaemonDied)
 {
     startPublished();
-    clientBecomes(AVAHI_CLIENT_FAILURE);
+    daemon.becomes(AVAHI_CLIENT_FAILURE);
     processEvents();
     EXPECT_EQ(exitStatus, STILL_RUNNING);
-    EXPECT_EQ(avahi.liveHandles(), Lines{});
-    daemon.state = AVAHI_CLIENT_S_RUNNING;
-    passTime(RETRY_MS + RETRY_MS / 2);
-    EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2", "group2"}));
+    EXPECT_EQ(avahi.liveHandles(), Lines{"client2"});
     EXPECT_EQ(events(), (Lines{"established", "lost"}));
+    daemon.becomes(AVAHI_CLIENT_S_RUNNING);
+    processEvents();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client2", "browser2", "group2"}));
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING, 2);
     avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED, 2);
     EXPECT_EQ(events(), (Lines{"established", "lost", "established"}));
-    EXPECT_EQ(said(), (Lines{std::string(ENDED) + "; waiting for it",
-                             "vd-discover: the Avahi daemon answers; publishing"}));
+    EXPECT_EQ(said(), (Lines{ENDED + WAITING, PROGRAM + RECOVERY + "publishing"}));
     EXPECT_EQ(end(), 0);
+    EXPECT_EQ(events(), (Lines{"established", "lost", "established", "withdrawn"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, WhatWasPublishedAgainMayRemainWhenItsWithdrawalFails)
+{
+    startPublished();
+    daemon.becomes(AVAHI_CLIENT_FAILURE);
+    daemon.state = AVAHI_CLIENT_S_RUNNING;
+    processEvents();
+    avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING, 2);
+    avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
+    EXPECT_EQ(end(), 0);
+    EXPECT_EQ(said().back(), REMAINS);
 }
 
 TEST_F(VdDiscoverPublishCommand, EndsWhileItWaitsForTheDaemonWithoutAWithdrawal)
 {
     startPublished();
-    clientBecomes(AVAHI_CLIENT_FAILURE);
+    daemon.becomes(AVAHI_CLIENT_FAILURE);
     processEvents();
     EXPECT_EQ(end(), 0);
     EXPECT_EQ(events(), (Lines{"established", "lost"}));
@@ -428,16 +364,27 @@ TEST_F(VdDiscoverPublishCommand, WaitsForTheHostNameToBeSettled)
     daemon.state = AVAHI_CLIENT_S_REGISTERING;
     start();
     EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
-    clientBecomes(AVAHI_CLIENT_S_RUNNING);
+    daemon.becomes(AVAHI_CLIENT_S_RUNNING);
     processEvents();
     EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "group1"}));
+}
+
+TEST_F(VdDiscoverPublishCommand, ANameThatIsTakenIsToldThoughTheHostNameWasNotSettledAtFirst)
+{
+    daemon.state = AVAHI_CLIENT_S_REGISTERING;
+    start();
+    avahi.failNext("entry_group_add_service_strlst", AVAHI_ERR_COLLISION);
+    daemon.becomes(AVAHI_CLIENT_S_RUNNING);
+    processEvents();
+    EXPECT_EQ(exitStatus, 1);
+    EXPECT_EQ(said(), Lines{NAME_TAKEN});
 }
 
 TEST_F(VdDiscoverPublishCommand, RegistersOnceThoughTheDaemonSaysTwiceThatItRuns)
 {
     start();
     takeFunctions();
-    clientBecomes(AVAHI_CLIENT_S_RUNNING);
+    daemon.becomes(AVAHI_CLIENT_S_RUNNING);
     processEvents();
     EXPECT_EQ(takeFunctions(), Lines{});
 }
@@ -446,25 +393,16 @@ TEST_F(VdDiscoverPublishCommand, PublishesAnewUnderANewHostName)
 {
     startPublished();
     takeFunctions();
-    clientBecomes(AVAHI_CLIENT_S_COLLISION);
+    daemon.becomes(AVAHI_CLIENT_S_COLLISION);
     processEvents();
     EXPECT_EQ(takeFunctions(), (Lines{"entry_group_reset", "entry_group_free"}));
     EXPECT_EQ(events(), (Lines{"established", "withdrawn"}));
-    clientBecomes(AVAHI_CLIENT_S_REGISTERING);
-    clientBecomes(AVAHI_CLIENT_S_RUNNING);
+    daemon.becomes(AVAHI_CLIENT_S_REGISTERING);
+    daemon.becomes(AVAHI_CLIENT_S_RUNNING);
     processEvents();
     EXPECT_EQ(takeFunctions(), (Lines{"entry_group_new", "entry_group_add_service_strlst", "entry_group_commit"}));
     avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED, 2);
     EXPECT_EQ(events(), (Lines{"established", "withdrawn", "established"}));
-}
-
-TEST_F(VdDiscoverPublishCommand, AWithdrawalFromAnOldHostNameThatFailsIsNotTold)
-{
-    startPublished();
-    avahi.failNext("entry_group_reset", AVAHI_ERR_BAD_STATE);
-    clientBecomes(AVAHI_CLIENT_S_COLLISION);
-    processEvents();
-    EXPECT_EQ(events(), Lines{"established"});
 }
 
 TEST_F(VdDiscoverPublishCommand, ASlowReaderOfTheOutputIsNotTakenForADaemonThatHangs)
@@ -592,9 +530,7 @@ protected:
     }
 
     const std::string warning = "^" + std::string(WARNING) + ", password included\n";
-    const std::string remedy = warning
-                               + "vd-discover: the Avahi daemon or the system bus does not answer; restart the "
-                                 "daemon with \"sudo systemctl restart avahi-daemon\"\n";
+    const std::string remedy = warning + PROGRAM + HANG_REMEDY + "\n";
     const std::string remedyAndRemains = remedy + REMAINS + "\n$";
 };
 

@@ -33,12 +33,15 @@ BrowseCommand::BrowseCommand(const BrowseOptions& options, int signalDescriptor)
     // The log would be glued to the progress line.
     , m_progress(options.follow ? 0 : options.timeoutMs,
                  options.verbose ? Progress::Never : Progress::WhereRedrawable)
-    , m_link(options.types, options.follow ? DaemonLink::KeepTrying : DaemonLink::GiveUp,
-             QStringLiteral("browsing"))
+    , m_link(options.plain ? WatchedDiscovery::Plain : WatchedDiscovery::Managed, options.types,
+             options.follow ? DaemonLink::KeepTrying : DaemonLink::GiveUp, QStringLiteral("browsing"))
     , m_end(signalDescriptor, [this] { endHungProcess(); })
 {
     m_timeout.setSingleShot(true);
-    connect(&m_timeout, &QTimer::timeout, this, &BrowseCommand::end);
+    connect(&m_timeout, &QTimer::timeout, this, [this] {
+        m_isUnreachable = !m_link.isBrowsing();
+        end();
+    });
     connect(&m_output, &ResultOutput::readerLeft, this, &BrowseCommand::end);
     m_link.setOtherWork([this] { return m_output.isBusy(); });
     connectDevices();
@@ -57,7 +60,7 @@ void BrowseCommand::start()
 
 void BrowseCommand::connectDevices()
 {
-    const WatchedDiscovery* discovery = &m_link.discovery();
+    const ServiceDiscovery* discovery = &m_link.discovery();
     connect(discovery, &ServiceDiscovery::serviceFound, this,
             [this](const SServiceInfo& service) { handle(EventKind::Found, service); });
     connect(discovery, &ServiceDiscovery::serviceAddress, this,
@@ -74,8 +77,8 @@ void BrowseCommand::connectLink()
     connect(&m_link, &DaemonLink::notice, this, &BrowseCommand::say);
     connect(&m_link, &DaemonLink::broken, this, [this] {
         m_progress.hide();
-        // The table shows what was seen before; who follows is told anew once the daemon is back.
-        if (m_options.follow) {
+        // The table shows what was seen before. Who follows plain discovery is told anew once the daemon is back.
+        if (m_options.follow && m_options.plain) {
             const std::lock_guard<std::mutex> lock(m_knownMutex);
             m_known.clear();
         }
@@ -90,10 +93,13 @@ void BrowseCommand::beginCollecting()
 {
     if (m_isEnding)
         return;
-    if (!m_options.follow) {
+    if (!m_options.follow && !m_timeout.isActive()) {
         m_timeout.start(m_options.timeoutMs);
         m_end.expectAfter(std::chrono::milliseconds(m_options.timeoutMs));
     }
+    // From now on a daemon that goes is waited for, until the timeout.
+    if (!m_options.plain)
+        m_link.setPatience(DaemonLink::KeepTrying);
     if (m_options.requery)
         m_link.discovery().StartQueryAllRecords();
     m_progress.setDeviceCount(m_known.count());

@@ -40,8 +40,13 @@ QStringList readTypes(const QStringList& words)
 QList<QCommandLineOption> browseOptionList()
 {
     return {
-        flag("follow", "f"),  valued("timeout", "SECONDS", "t"), valued("count", "N", "n"),
-        flag("requery", "q"), flag("long-lived", "l"),           valued("format", "FORMAT"),
+        flag("follow", "f"),
+        valued("timeout", "SECONDS", "t"),
+        valued("count", "N", "n"),
+        flag("requery", "q"),
+        flag("long-lived", "l"),
+        valued("format", "FORMAT"),
+        flag("plain"),
         flag("verbose", "v"),
     };
 }
@@ -53,6 +58,7 @@ BrowseOptions readBrowseOptions(const QCommandLineParser& parser, const QStringL
     options.follow = parser.isSet(QStringLiteral("follow"));
     options.requery = parser.isSet(QStringLiteral("requery"));
     options.longLived = parser.isSet(QStringLiteral("long-lived"));
+    options.plain = parser.isSet(QStringLiteral("plain"));
     options.verbose = parser.isSet(QStringLiteral("verbose"));
     if (parser.isSet(QStringLiteral("timeout"))) {
         options.timeoutMs = readTimeout(parser.value(QStringLiteral("timeout")));

@@ -22,6 +22,8 @@ struct BrowseOptions
     bool requery = false;
     bool longLived = false;
     bool verbose = false;
+    /** By AvahiServiceDiscovery itself, instead of ManagedServiceDiscovery. */
+    bool plain = false;
     OutputFormat format = OutputFormat::Table;
 };
 

@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "DaemonLink.h"
 
-#include "Deadline.h"
 #include "ExitStatus.h"
 #include "StandardStreams.h"
 
@@ -50,14 +49,20 @@ QString refusalRemedy()
 
 } // namespace
 
-DaemonLink::DaemonLink(const QStringList& types, Patience patience, const QString& purpose)
-    : m_types(types), m_purpose(purpose), m_patience(patience)
+DaemonLink::DaemonLink(WatchedDiscovery::Kind kind, const QStringList& types, Patience patience,
+                       const QString& purpose)
+    : m_kind(kind)
+    , m_types(types)
+    , m_purpose(purpose)
+    , m_patience(patience)
+    , m_watched(WatchedDiscovery::make(kind))
 {
     m_retry.setSingleShot(true);
     m_retry.setInterval(RETRY_MS);
-    connect(&m_retry, &QTimer::timeout, this, &DaemonLink::tryToBrowse);
+    connect(&m_retry, &QTimer::timeout, this, &DaemonLink::look);
     // Queued, as browsing must not be ended from inside the client's own call.
-    connect(&m_discovery, &WatchedDiscovery::stateChanged, this, &DaemonLink::followState, Qt::QueuedConnection);
+    connect(m_watched.get(), &WatchedDiscovery::stateChanged, this, &DaemonLink::followState,
+            Qt::QueuedConnection);
 }
 
 void DaemonLink::open()
@@ -70,58 +75,54 @@ void DaemonLink::close()
     if (m_isClosed)
         return;
     m_isClosed = true;
-    m_retry.stop();
-    m_discovery.TerminateBrowsing();
+    stopWaiting();
+    discovery().TerminateBrowsing();
 }
 
 void DaemonLink::tryToBrowse()
 {
-    if (!browseAllTypes()) {
+    if (ask([this] { return browseAllTypes(); }))
+        begin();
+    else
         fail();
-        return;
-    }
-    m_wasReached = true;
-    tellOfRecovery();
-    Q_EMIT browsing();
 }
 
 bool DaemonLink::browseAllTypes()
 {
-    return watched([this] {
-        for (const QString& type : m_types) {
-            if (!m_discovery.BrowseServices(type.toUtf8().constData()))
-                return false;
-        }
-        return true;
-    });
+    for (const QString& type : m_types) {
+        if (!discovery().BrowseServices(type.toUtf8().constData()))
+            return false;
+    }
+    return m_watched->isBrowsing();
 }
 
-bool DaemonLink::watched(const std::function<bool()>& call)
+bool DaemonLink::ask(const std::function<bool()>& call)
 {
     m_didHang = false;
     const Deadline deadline(PATIENCE_WITH_CALLS, [this] { tellOfHang(); });
     return call();
 }
 
-bool DaemonLink::ask(const std::function<bool()>& call)
+void DaemonLink::begin()
 {
-    const bool isDone = watched(call);
-    if (isDone)
-        tellOfRecovery();
-    else if (m_didHang)
-        QMetaObject::invokeMethod(this, &DaemonLink::breakLink, Qt::QueuedConnection);
-    return isDone;
+    stopWaiting();
+    m_wasReached = true;
+    m_isBrowsing = true;
+    tellOfRecovery();
+    Q_EMIT browsing();
 }
 
 void DaemonLink::fail()
 {
-    const WatchedDiscovery::State state = m_discovery.state();
+    const WatchedDiscovery::State state = m_watched->state();
     if (m_didHang)
         tell(HangTrouble, hangRemedy());
     else if (state == WatchedDiscovery::NoClient)
         tell(BusTrouble, busRemedy());
     else if (state == WatchedDiscovery::NoDaemon)
         tell(DaemonTrouble, daemonRemedy());
+    else if (state == WatchedDiscovery::Failed)
+        tell(DaemonTrouble, endRemedy());
     else
         tell(OtherTrouble, refusalRemedy());
 
@@ -130,15 +131,52 @@ void DaemonLink::fail()
         giveUpOrRetry();
 }
 
+void DaemonLink::lose()
+{
+    if (m_isBrowsing.exchange(false))
+        Q_EMIT broken();
+    tell(DaemonTrouble, endRemedy());
+    giveUpOrRetry();
+}
+
 void DaemonLink::giveUpOrRetry()
 {
     if (m_patience == GiveUp) {
         close();
         Q_EMIT gaveUp();
     } else {
-        m_discovery.TerminateBrowsing();
-        m_retry.start();
+        if (m_kind == WatchedDiscovery::Plain)
+            discovery().TerminateBrowsing();
+        lookLater();
     }
+}
+
+void DaemonLink::lookLater()
+{
+    stopWaiting();
+    m_didHang = false;
+    // Meanwhile managed discovery asks the daemon by itself, and nothing else tells that this takes long.
+    if (m_kind == WatchedDiscovery::Managed)
+        m_wait.reset(
+            new Deadline(std::chrono::milliseconds(RETRY_MS) + PATIENCE_WITH_CALLS, [this] { tellOfHang(); }));
+    m_retry.start();
+}
+
+void DaemonLink::stopWaiting()
+{
+    m_retry.stop();
+    m_wait.reset();
+}
+
+void DaemonLink::look()
+{
+    stopWaiting();
+    if (m_kind == WatchedDiscovery::Plain)
+        tryToBrowse();
+    else if (m_watched->isBrowsing())
+        begin();
+    else
+        fail();
 }
 
 void DaemonLink::tellOfRecovery()
@@ -176,22 +214,18 @@ void DaemonLink::followState()
 {
     if (m_isClosed)
         return;
-    const WatchedDiscovery::State state = m_discovery.state();
-    if (state == WatchedDiscovery::Ready && !m_discovery.IsBrowsing()) {
+    const WatchedDiscovery::State state = m_watched->state();
+    if (m_watched->isBrowsing()) {
+        if (!m_isBrowsing)
+            begin();
+    } else if (m_isBrowsing || state == WatchedDiscovery::Failed) {
+        lose();
+    } else if (m_kind == WatchedDiscovery::Managed) {
+        // It may be about to begin. If it does not, what is in its way is to be told.
+        lookLater();
+    } else if (state == WatchedDiscovery::Ready) {
         tryToBrowse();
-    } else if (state == WatchedDiscovery::Failed) {
-        Q_EMIT broken();
-        tell(DaemonTrouble, endRemedy());
-        giveUpOrRetry();
     }
-}
-
-void DaemonLink::breakLink()
-{
-    if (m_isClosed || !m_discovery.IsBrowsing())
-        return;
-    Q_EMIT broken();
-    giveUpOrRetry();
 }
 
 } // namespace vd::discover

@@ -23,6 +23,9 @@ TYPE is a DNS-SD service type; without one, _http._tcp and _https._tcp are
 browsed. Devices are recognised by these two types only: any other one may be
 given, but nothing is reported for it.
 
+A daemon that is lost on the way is waited for, until the run ends. Devices stay
+known meanwhile; what has changed is reported once it is back.
+
 Options:
   -f, --follow           Run until interrupted (Ctrl-C or SIGTERM) and print a
                          line whenever a device is found, gains or loses an
@@ -32,10 +35,13 @@ Options:
   -n, --count N          Stop as soon as N devices are known.
   -q, --requery          Query the known devices again from time to time.
   -l, --long-lived       Keep a query open for every device found, so that
-                         changes are reported as they happen. Not to be
-                         combined with --requery for long: each time, one more
-                         query is kept for every device, and the daemon allows
-                         a program 1024 objects.
+                         changes are reported as they happen.
+      --plain            Look through the library's plain class, as programs do
+                         that use it, instead of the managed one. Then a lost
+                         daemon ends a run without --follow; with it, every
+                         device is found anew once the daemon is back. Not to
+                         be combined with --requery and --long-lived for long:
+                         queries pile up, up to the daemon's limit.
       --format FORMAT    table: for people. json: one JSON object a line, one
                          line an event, as it happens. Default: table
   -v, --verbose          Write the discovery log to standard error.

@@ -15,7 +15,8 @@ namespace vd::discover {
 PublishCommand::PublishCommand(const PublishOptions& options, int signalDescriptor)
     : m_options(options)
     // Only browsing makes the connection to the daemon that publishing uses.
-    , m_link(QStringList(options.type), DaemonLink::GiveUp, QStringLiteral("publishing"))
+    , m_link(WatchedDiscovery::Managed, QStringList(options.type), DaemonLink::GiveUp,
+             QStringLiteral("publishing"))
     , m_end(signalDescriptor, [this] { endHungProcess(); })
 {
     m_timeout.setSingleShot(true);
@@ -59,25 +60,29 @@ void PublishCommand::connectLink()
         m_isUnreachable = true;
         end();
     });
-    const WatchedDiscovery* discovery = &m_link.discovery();
-    connect(discovery, &WatchedDiscovery::publicationChanged, this, &PublishCommand::handle);
-    connect(discovery, &WatchedDiscovery::stateChanged, this, &PublishCommand::followDaemon, Qt::QueuedConnection);
+    const WatchedDiscovery* watched = &m_link.watched();
+    connect(watched, &WatchedDiscovery::publicationChanged, this, &PublishCommand::handle);
+    connect(watched, &WatchedDiscovery::stateChanged, this, &PublishCommand::followDaemon, Qt::QueuedConnection);
 }
 
 void PublishCommand::followDaemon()
 {
-    const WatchedDiscovery& discovery = m_link.discovery();
-    if (m_isEnding || !m_link.discovery().IsBrowsing() || discovery.state() != WatchedDiscovery::Ready)
+    if (m_isEnding || !m_link.isBrowsing())
         return;
     // A service leads to the host name of the moment in which it is published.
-    if (discovery.isHostNameSettled() && !m_isRegistered)
+    const bool isHostNameSettled = m_link.watched().isHostNameSettled();
+    if (isHostNameSettled && !m_isRequested) {
         publish();
-    else if (!discovery.isHostNameSettled() && m_isRegistered)
-        withdrawFromOldHostName();
+    } else if (!isHostNameSettled && m_isPublished) {
+        // It is withdrawn from the old host name now, and published under the new one.
+        m_isPublished = false;
+        tell(PublicationEvent::Withdrawn);
+    }
 }
 
 void PublishCommand::publish()
 {
+    m_isRequested = true;
     m_isRegistered = true;
     const bool isAccepted = m_link.ask([this] {
         return m_link.discovery().RegisterService(m_options.name.toUtf8().constData(),
@@ -87,26 +92,15 @@ void PublishCommand::publish()
         return;
 
     m_isRegistered = false;
-    const int error = m_link.discovery().lastError();
+    const int error = m_link.watched().lastError();
     if (error == AVAHI_ERR_COLLISION) {
         handle(AVAHI_ENTRY_GROUP_COLLISION);
-    } else if (!m_link.didHang() && m_link.discovery().state() == WatchedDiscovery::Ready) {
+    } else if (m_link.watched().state() == WatchedDiscovery::Ready) {
         fail(PublicationEvent::Failure,
              QStringLiteral("the Avahi daemon refuses to publish the service (%1); restart it with "
                             "\"sudo systemctl restart avahi-daemon\"")
                  .arg(QString::fromUtf8(avahi_strerror(error))));
     }
-}
-
-void PublishCommand::withdrawFromOldHostName()
-{
-    m_isRegistered = false;
-    // A withdrawal that fails leaves things as they are, or else breaks the link.
-    if (!m_link.ask([this] { return m_link.discovery().TerminateRegistration(); }))
-        return;
-    if (m_isPublished)
-        tell(PublicationEvent::Withdrawn);
-    m_isPublished = false;
 }
 
 void PublishCommand::lose()
@@ -123,7 +117,9 @@ void PublishCommand::handle(AvahiEntryGroupState state)
 {
     if (m_isEnding)
         return;
-    if (state == AVAHI_ENTRY_GROUP_ESTABLISHED) {
+    if (state == AVAHI_ENTRY_GROUP_REGISTERING) {
+        m_isRegistered = true;
+    } else if (state == AVAHI_ENTRY_GROUP_ESTABLISHED) {
         // It is established anew whenever the machine gets another interface or address.
         if (m_isPublished)
             return;

@@ -39,7 +39,6 @@ private:
     void warn();
     void followDaemon();
     void publish();
-    void withdrawFromOldHostName();
     void handle(AvahiEntryGroupState state);
     void fail(PublicationEvent event, const QString& message);
     void tell(PublicationEvent event);
@@ -54,6 +53,8 @@ private:
     const PublishOptions m_options;
     QTimer m_timeout;
     ResultOutput m_output;
+    /** Discovery is to publish the service, and goes on to see to it. */
+    bool m_isRequested = false;
     /** The service was handed to the daemon. */
     std::atomic<bool> m_isRegistered{false};
     /** The daemon said that it is established. */

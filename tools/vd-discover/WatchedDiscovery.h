@@ -4,26 +4,44 @@
 
 #include <vd/AvahiServiceDiscovery.h>
 
+#include <QtCore/QObject>
+
+#include <memory>
+
 namespace vd::discover {
 
-/** Discovery that tells how it stands with the daemon, which the library itself only logs. */
-class WatchedDiscovery : public AvahiServiceDiscovery
+/** A discovery object that tells how it stands with the daemon, which the library itself only logs. */
+class WatchedDiscovery : public QObject
 {
     Q_OBJECT
 
 public:
+    enum Kind {
+        /** AvahiServiceDiscovery: when the daemon goes, its user has to begin anew. */
+        Plain,
+        /** ManagedServiceDiscovery: it waits for the daemon and resumes by itself. */
+        Managed
+    };
+
     enum State {
         /** There is no client: never made, ended, or the bus cannot be reached. */
         NoClient,
         /** The bus is there, the daemon is not. */
         NoDaemon,
-        /** Browsing is possible. */
+        /** The daemon answers. */
         Ready,
-        /** The connection is gone. Nothing recovers but by TerminateBrowsing(). */
+        /** The connection is gone, and the client with it. */
         Failed
     };
 
+    static std::unique_ptr<WatchedDiscovery> make(Kind kind);
+
+    virtual ServiceDiscovery& operations() = 0;
+
     State state() const;
+
+    /** Whether every type is browsed, by a daemon that is there. */
+    virtual bool isBrowsing() = 0;
 
     /** Whether the daemon has its host name settled, which a published service is to lead to. */
     bool isHostNameSettled() const;
@@ -32,15 +50,14 @@ public:
     int lastError() const;
 
 Q_SIGNALS:
-    /** state() may have changed. Emitted from inside Avahi's calls: to be queued. */
+    /** state() or isBrowsing() may have changed. Emitted from inside Avahi's calls: to be queued. */
     void stateChanged();
 
     /** What has become of the published service. Emitted from inside Avahi's calls. */
     void publicationChanged(AvahiEntryGroupState groupState);
 
 protected:
-    void AvahiClientStateChanged(AvahiClient* avahiClient, AvahiClientState clientState, void* userdata) override;
-    void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState groupState, void* userdata) override;
+    virtual AvahiClient* currentClient() const = 0;
 };
 
 } // namespace vd::discover

@@ -5,8 +5,13 @@ import json
 import subprocess
 import time
 
+import pytest
+
 from .lines import DEADLINE_S, Lines
 from .paths import VD_DISCOVER
+
+# Of the library: the managed one, and the plain one on request.
+with_either_class = pytest.mark.parametrize("plain", [[], ["--plain"]], ids=["managed", "plain"])
 
 
 class Discover:
