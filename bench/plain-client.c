@@ -1,14 +1,16 @@
 /* SPDX-License-Identifier: MIT
  *
- * What library-client does, with nothing between it and Avahi: a resolver for every NEW at once, at its answer the
- * TXT strings are read, a record browser for the host's A records is opened and the resolver freed; the record
- * browser is freed at ALL_FOR_NOW. With --window N at most N resolvers are open at a time, one for each device, and the
- * record browser is freed at its first address. Prints what it took to resolve COUNT devices, and to have the address
- * of each, as one JSON line.
+ * What library-client does, with nothing between it and Avahi: a resolver for each device at its first NEW, at its
+ * answer the TXT strings are read, the resolver is freed and a record browser for the host's A records opened; the
+ * record browser is freed at ALL_FOR_NOW. With --window N at most N resolvers are open at a time, and the record
+ * browser is freed at its first address. A resolver that the daemon refuses, as too many objects are open, is tried
+ * again when one is freed; one that timed out is left open, as its answer may still come. Prints what it took to
+ * resolve COUNT devices, and to have the address of each, as one JSON line.
  */
 #include <avahi-client/client.h>
 #include <avahi-client/lookup.h>
 #include <avahi-common/defs.h>
+#include <avahi-common/error.h>
 #include <avahi-common/malloc.h>
 #include <avahi-common/simple-watch.h>
 
@@ -21,21 +23,25 @@
 
 enum { TIMEOUT_S = 60, NAME_SIZE = 256 };
 
+struct device {
+    char name[NAME_SIZE];
+    AvahiIfIndex interface;
+    int has_address;
+};
+
 static AvahiSimplePoll* poll_api;
 static AvahiClient* client;
 static struct timespec start;
 static int wanted;
 static int found;
-static int known;
 static int addresses;
 static int window;
 static int open_resolvers;
 static double last_found_ms;
 static double last_found_cpu_ms;
-static char (*names)[NAME_SIZE];
-/* With a window: the devices in order of their appearance, and the next to be resolved. */
-static char (*line)[NAME_SIZE];
-static int queued;
+/* In order of their appearance, with the next to be resolved. */
+static struct device* devices;
+static int seen;
 static int next_in_line;
 static const char* browsed_type;
 
@@ -56,14 +62,16 @@ static double cpu_ms(void)
            + (double)(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e3;
 }
 
-/* A device is seen over IPv4 and IPv6 and counts once. */
-static int is_new(const char* name)
+static void note_address(struct device* device)
 {
-    for (int i = 0; i < known; i++)
-        if (strcmp(names[i], name) == 0)
-            return 0;
-    snprintf(names[known++], NAME_SIZE, "%s", name);
-    return 1;
+    if (device->has_address)
+        return;
+    device->has_address = 1;
+    if (++addresses < wanted)
+        return;
+    printf("{\"found\": %d, \"lastFoundMs\": %.1f, \"lastAddressMs\": %.1f, \"cpuMs\": %.1f}\n", found,
+           last_found_ms, elapsed_ms(), last_found_cpu_ms);
+    avahi_simple_poll_quit(poll_api);
 }
 
 static void record_event(AvahiRecordBrowser* browser, AvahiIfIndex interface, AvahiProtocol protocol,
@@ -71,14 +79,13 @@ static void record_event(AvahiRecordBrowser* browser, AvahiIfIndex interface, Av
                          const void* data, size_t size, AvahiLookupResultFlags flags, void* userdata)
 {
     (void)interface, (void)protocol, (void)name, (void)clazz, (void)type, (void)data, (void)size, (void)flags;
-    if (event == AVAHI_BROWSER_NEW && !userdata && ++addresses == wanted) {
-        printf("{\"found\": %d, \"lastFoundMs\": %.1f, \"lastAddressMs\": %.1f, \"cpuMs\": %.1f}\n", found,
-               last_found_ms, elapsed_ms(), last_found_cpu_ms);
-        avahi_simple_poll_quit(poll_api);
-    }
+    if (event == AVAHI_BROWSER_NEW)
+        note_address(userdata);
     if (window ? event == AVAHI_BROWSER_NEW || event == AVAHI_BROWSER_FAILURE
-               : event != AVAHI_BROWSER_NEW && event != AVAHI_BROWSER_REMOVE)
+               : event != AVAHI_BROWSER_NEW && event != AVAHI_BROWSER_REMOVE) {
         avahi_record_browser_free(browser);
+        resolve_next();
+    }
 }
 
 static void read_txt(AvahiStringList* txt)
@@ -97,40 +104,52 @@ static void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, Ava
                      const char* host, const AvahiAddress* address, uint16_t port, AvahiStringList* txt,
                      AvahiLookupResultFlags flags, void* userdata)
 {
-    (void)type, (void)domain, (void)address, (void)port, (void)flags, (void)userdata;
-    if (event == AVAHI_RESOLVER_FOUND) {
-        static int seen_before;
-        const int counts = found < wanted && is_new(name);
-        read_txt(txt);
-        if (counts && ++found == wanted) {
-            last_found_ms = elapsed_ms();
-            last_found_cpu_ms = cpu_ms();
-        }
-        avahi_record_browser_new(client, interface, protocol, host, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, 0,
-                                 record_event, counts ? NULL : &seen_before);
+    (void)name, (void)type, (void)domain, (void)address, (void)port, (void)flags;
+    if (event != AVAHI_RESOLVER_FOUND)
+        return;
+    read_txt(txt);
+    if (++found == wanted) {
+        last_found_ms = elapsed_ms();
+        last_found_cpu_ms = cpu_ms();
     }
+    /* Before the record browser is made, so that there is room for it. */
     avahi_service_resolver_free(resolver);
     open_resolvers--;
-    if (window)
-        resolve_next();
+    if (!avahi_record_browser_new(client, interface, protocol, host, AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A, 0,
+                                  record_event, userdata)) {
+        fprintf(stderr, "plain-client: no record browser for %s: %s\n", host,
+                avahi_strerror(avahi_client_errno(client)));
+        exit(1);
+    }
+    resolve_next();
+}
+
+static int resolve(struct device* device)
+{
+    AvahiServiceResolver* const resolver = avahi_service_resolver_new(
+        client, window ? AVAHI_IF_UNSPEC : device->interface, AVAHI_PROTO_UNSPEC, device->name, browsed_type, "local",
+        window ? AVAHI_PROTO_INET : AVAHI_PROTO_UNSPEC, AVAHI_LOOKUP_USE_MULTICAST, resolved, device);
+    open_resolvers += resolver != NULL;
+    return resolver != NULL;
 }
 
 static void resolve_next(void)
 {
-    while (open_resolvers < window && next_in_line < queued) {
-        avahi_service_resolver_new(client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, line[next_in_line++], browsed_type,
-                                   "local", AVAHI_PROTO_INET, AVAHI_LOOKUP_USE_MULTICAST, resolved, NULL);
-        open_resolvers++;
-    }
+    while (next_in_line < seen && (!window || open_resolvers < window) && resolve(&devices[next_in_line]))
+        next_in_line++;
 }
 
-static void enqueue(const char* name)
+/* A device is seen over IPv4 and IPv6 and counts once. */
+static void appeared(const char* name, AvahiIfIndex interface)
 {
-    for (int i = 0; i < queued; i++)
-        if (strcmp(line[i], name) == 0)
+    for (int i = 0; i < seen; i++)
+        if (strcmp(devices[i].name, name) == 0)
             return;
-    if (queued < wanted)
-        snprintf(line[queued++], NAME_SIZE, "%s", name);
+    if (seen == wanted)
+        return;
+    struct device* const device = &devices[seen++];
+    snprintf(device->name, NAME_SIZE, "%s", name);
+    device->interface = interface;
     resolve_next();
 }
 
@@ -138,12 +157,9 @@ static void browsed(AvahiServiceBrowser* browser, AvahiIfIndex interface, AvahiP
                     AvahiBrowserEvent event, const char* name, const char* type, const char* domain,
                     AvahiLookupResultFlags flags, void* userdata)
 {
-    (void)browser, (void)protocol, (void)flags, (void)userdata;
-    if (event == AVAHI_BROWSER_NEW && window)
-        enqueue(name);
-    else if (event == AVAHI_BROWSER_NEW)
-        avahi_service_resolver_new(client, interface, AVAHI_PROTO_UNSPEC, name, type, domain, AVAHI_PROTO_UNSPEC,
-                                   AVAHI_LOOKUP_USE_MULTICAST, resolved, NULL);
+    (void)browser, (void)protocol, (void)type, (void)domain, (void)flags, (void)userdata;
+    if (event == AVAHI_BROWSER_NEW)
+        appeared(name, interface);
 }
 
 static void client_state(AvahiClient* changed, AvahiClientState state, void* userdata)
@@ -171,8 +187,7 @@ int main(int argc, char** argv)
         return 2;
     }
     browsed_type = argv[1];
-    names = calloc((size_t)wanted + 1, sizeof *names);
-    line = calloc((size_t)wanted + 1, sizeof *line);
+    devices = calloc((size_t)wanted, sizeof *devices);
     clock_gettime(CLOCK_MONOTONIC, &start);
     poll_api = avahi_simple_poll_new();
     const AvahiPoll* api = avahi_simple_poll_get(poll_api);
@@ -195,7 +210,6 @@ int main(int argc, char** argv)
     avahi_service_browser_free(browser);
     avahi_client_free(client);
     avahi_simple_poll_free(poll_api);
-    free(line);
-    free(names);
+    free(devices);
     return 0;
 }

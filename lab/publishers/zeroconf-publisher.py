@@ -11,6 +11,7 @@ import sys
 
 import zeroconf
 
+from fleet_devices import make_fleet
 from publisher_control import Control, ServiceTable, decode_entries, refuse_to_start, require_lab
 from vdsimulate.announcer import Announcer
 
@@ -22,6 +23,7 @@ class Publisher:
         self._services = ServiceTable()
         self.handlers = {
             "publish": self._publish,
+            "fleet": self._publish_fleet,
             "set-txt": self._set_txt,
             "add-address": self._add_address,
             "remove-address": self._remove_address,
@@ -31,6 +33,11 @@ class Publisher:
 
     def _publish(self, request):
         self._in_loop(self._announcer.publish(self._services.add(request.get("services"))))
+
+    def _publish_fleet(self, request):
+        services = make_fleet(request)
+        self._services.add_services(services)
+        self._in_loop(self._announcer.publish(services))
 
     def _set_txt(self, request):
         service = self._services.find(request)
