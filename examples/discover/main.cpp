@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include <vd/AvahiServiceDiscovery.h>
+#include <vd/ManagedServiceDiscovery.h>
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QDebug>
@@ -7,15 +7,15 @@
 int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
-    vd::AvahiServiceDiscovery discovery;
+    vd::ManagedServiceDiscovery discovery;
     QObject::connect(&discovery, &vd::ServiceDiscovery::serviceFound, [](const vd::SServiceInfo& device) {
         qInfo() << "found" << device.serviceName << device.modelName << device.serialNumber << device.addresses;
     });
     QObject::connect(&discovery, qOverload<vd::SServiceInfo>(&vd::ServiceDiscovery::serviceLost),
                      [](const vd::SServiceInfo& device) { qInfo() << "lost" << device.serviceName; });
-    if (!discovery.BrowseServices("_http._tcp")) {
-        qCritical("Cannot look for devices. Is avahi-daemon running? Try: systemctl start avahi-daemon");
-        return 1;
-    }
+    discovery.BrowseServices("_http._tcp");
+    discovery.BrowseServices("_https._tcp");
+    if (discovery.state() != vd::ManagedServiceDiscovery::Running)
+        qWarning("Waiting for the Avahi daemon. Does it run? Try: systemctl start avahi-daemon");
     return application.exec();
 }
