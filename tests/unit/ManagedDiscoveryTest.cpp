@@ -815,3 +815,33 @@ TEST_F(ManagedTest, QueriesOfAServiceWithoutRoomLeaveNothingBehind)
     const Lines calls = takeCalls();
     EXPECT_EQ(count(calls, "service_resolver_new"), 0);
 }
+
+TEST_F(ManagedTest, WhatIsSeenAndResolvedIsLogged)
+{
+    run();
+    takeLog();
+    appears("Cam");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    Lines told = takeLog();
+    told.erase(std::remove_if(told.begin(), told.end(),
+                              [](const std::string& line) { return line.find("Managed") == std::string::npos; }),
+               told.end());
+    EXPECT_EQ(told, (Lines{"[1] ManagedServiceDiscovery::ServiceBrowse() -> seen: Cam type: _http._tcp interface: 2",
+                           "[1] ManagedServiceDiscovery::ServiceResolve() -> resolved: Cam host: cam.local address: "
+                           "10.0.0.1"}));
+    disappears("Cam");
+    EXPECT_EQ(takeLog(),
+              (Lines{"[1] ManagedServiceDiscovery::ServiceBrowse() -> no longer seen: Cam type: _http._tcp interface: 2",
+                     "[1] ManagedServiceDiscovery::ServiceBrowse() -> removing service: Cam"}));
+}
+
+TEST_F(ManagedTest, HostileNameForgesNoLogLine)
+{
+    run();
+    takeLog();
+    appears("Cam\n[4] forged");
+    const Lines told = takeLog();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_NE(told[0].find("Cam\\x0a[4] forged"), std::string::npos) << told[0];
+}

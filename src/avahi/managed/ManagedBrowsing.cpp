@@ -26,23 +26,40 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
     // Avahi is freeing the client.
     if (!client)
         return;
-    if (event == AVAHI_BROWSER_FAILURE) {
+    switch (event) {
+    case AVAHI_BROWSER_NEW:
+    case AVAHI_BROWSER_REMOVE:
+        if (isWebService(type)) {
+            const ServiceKey key = {textFromBytes(name), textFromBytes(type), textFromBytes(domain)};
+            d->serviceChanged(key, Link(interface, protocol), event == AVAHI_BROWSER_NEW);
+        }
+        break;
+    case AVAHI_BROWSER_CACHE_EXHAUSTED:
+        d->cacheOfTypeRead(browser);
+        break;
+    case AVAHI_BROWSER_ALL_FOR_NOW:
+        logMessage(LOG_ORDINARY, "ManagedServiceDiscovery::ServiceBrowse() -> all for now");
+        break;
+    case AVAHI_BROWSER_FAILURE:
         logMessage(LOG_ORDINARY, [=](QTextStream& out) {
             out << "ManagedServiceDiscovery::ServiceBrowse() -> Avahi Browser error: "
                 << errorText(browser ? avahi_service_browser_get_client(browser) : client);
         });
         d->lostConnection();
-        return;
+        break;
     }
-    if (event == AVAHI_BROWSER_CACHE_EXHAUSTED)
-        d->cacheOfTypeRead(browser);
-    if (!isWebService(type))
-        return;
-    const ServiceKey key = {textFromBytes(name), textFromBytes(type), textFromBytes(domain)};
-    if (event == AVAHI_BROWSER_NEW)
-        d->appeared(key, Link(interface, protocol));
-    else if (event == AVAHI_BROWSER_REMOVE)
-        d->disappeared(key, Link(interface, protocol));
+}
+
+void ManagedServiceDiscovery::Private::serviceChanged(const ServiceKey& key, const Link& link, bool isThere)
+{
+    logMessage(LOG_ORDINARY, [&](QTextStream& out) {
+        out << "ManagedServiceDiscovery::ServiceBrowse() -> " << (isThere ? "seen: " : "no longer seen: ")
+            << printableText(key.name) << " type: " << printableText(key.type) << " interface: " << link.first;
+    });
+    if (isThere)
+        appeared(key, link);
+    else
+        disappeared(key, link);
 }
 
 void ManagedServiceDiscovery::Private::cacheOfTypeRead(AvahiServiceBrowser* browser)

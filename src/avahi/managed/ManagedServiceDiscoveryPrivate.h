@@ -47,8 +47,7 @@ public:
 
     // What browsers see: ManagedBrowsing.cpp
     void cacheOfTypeRead(AvahiServiceBrowser* browser);
-    void appeared(const ServiceKey& key, const Link& link);
-    void disappeared(const ServiceKey& key, const Link& link);
+    void serviceChanged(const ServiceKey& key, const Link& link, bool isThere);
     void lose(const ServiceKey& key);
 
     // Who is resolved next: ManagedLine.cpp
@@ -147,6 +146,8 @@ private:
     void publishLater();
     void endPublication();
 
+    void appeared(const ServiceKey& key, const Link& link);
+    void disappeared(const ServiceKey& key, const Link& link);
     void removeFromQueue(const ServiceKey& key);
     void loseDevice(const QString& name);
     void dropIfAllIgnored(const QString& name);
