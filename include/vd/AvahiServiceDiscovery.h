@@ -195,7 +195,7 @@ private:
     class HandlerScope;
     class EntryGroupCall;
 
-    bool makeClient(const AvahiPoll* poll);
+    bool makeClient(const AvahiPoll* poll, const HandlerScope& scope);
     void removeService(const char* name, const char* type, const char* domain);
     void removeFromQueue(const QString& name, const QString& type);
     bool isResolveFailureFinal(const char* name, const char* type, const char* domain, const char* host_name);

@@ -80,7 +80,9 @@ public:
 
     /**
      * How many Avahi objects may be open at a time: browsers, resolvers, address browsers, the published service;
-     * default 512. The daemon's own limit is 1024 a client. What has no room waits in line.
+     * default 512. The daemon's own limit is 1024 a client. What has no room waits in line, long-lived queries too, which
+     * leave a quarter to others. Another type that is browsed, or a service that is published, may be over it until others
+     * have made room.
      */
     int objectLimit() const;
     void setObjectLimit(int objects);

@@ -51,7 +51,10 @@ bool AvahiServiceDiscovery::BrowseServices(const char* type)
         SVdQtPoll_api = poll;
     }
 
-    if (!client && !makeClient(poll)) {
+    const HandlerScope scope(HandlerScope::Callback, this);
+    if (!client && !makeClient(poll, scope)) {
+        if (!scope.discovery())
+            return false;
         logMessage(LOG_ORDINARY, "AvahiServiceDiscovery::BrowseServices() ->  could not create Avahi client");
         if (!makingClient)
             cleanupAvahiMembers();
@@ -72,20 +75,21 @@ bool AvahiServiceDiscovery::BrowseServices(const char* type)
     return true;
 }
 
-bool AvahiServiceDiscovery::makeClient(const AvahiPoll* poll)
+bool AvahiServiceDiscovery::makeClient(const AvahiPoll* poll, const HandlerScope& scope)
 {
     // Avahi calls back before it returns the client. Browsing can begin only after that, and ending it must not
     // free the client under Avahi.
     if (makingClient)
         return false;
-    const HandlerScope scope(HandlerScope::Callback, this);
     makingClient = true;
     int error = 0;
     AvahiClient* const made
         = avahi_client_new(poll, AVAHI_CLIENT_NO_FAIL, SAvahiClientStateChanged_callback, this, &error);
-    makingClient = false;
-    if (made && scope.discoveryEnded()) {
-        avahi_client_free(made);
+    if (scope.discovery())
+        makingClient = false;
+    if (scope.discoveryEnded()) {
+        if (made)
+            avahi_client_free(made);
         return false;
     }
     client = made;

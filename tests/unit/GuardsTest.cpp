@@ -3,6 +3,7 @@
 // Orders of calls that would touch a freed or null Avahi object. The stand-in fails a test that does.
 
 #include "support/DiscoveryFixture.h"
+#include "support/OverridingDiscovery.h"
 
 #include <QtCore/QCoreApplication>
 
@@ -372,6 +373,15 @@ TEST_F(GuardsTest, EndingDiscoveryInsideTheCreationOfTheClientFreesItAfterwards)
     EXPECT_EQ(takeCalls(), (Lines{"client_new(poll, 2) = client1", "client_free(client1)"}));
     EXPECT_EQ(discovery().client, nullptr);
     EXPECT_FALSE(discovery().IsBrowsing());
+}
+
+TEST_F(GuardsTest, DeletingInsideTheCreationOfTheClientFreesItAfterwards)
+{
+    auto* const deleted = new Overriding<vd::AvahiServiceDiscovery>;
+    deleted->onClientState = [deleted](AvahiClientState) { delete deleted; };
+    avahi.duringClientNew([this](AvahiClient*) { avahi.fireClientState(AVAHI_CLIENT_S_RUNNING); });
+    EXPECT_FALSE(deleted->BrowseServices("_http._tcp"));
+    EXPECT_EQ(takeCalls(), (Lines{"client_new(poll, 2) = client1", "client_free(client1)"}));
 }
 
 TEST_F(GuardsTest, ResolvingInsideTheCreationOfTheClientFails)

@@ -759,7 +759,7 @@ protected:
         daemonRuns();
         if (std::string(GetParam()) == "NewClient") {
             act(action);
-            EXPECT_TRUE(host->BrowseServices(HTTP));
+            EXPECT_EQ(host->BrowseServices(HTTP), host != nullptr);
         } else {
             host->BrowseServices(HTTP);
             act(action);
@@ -823,15 +823,7 @@ TEST_P(ManagedClientHandlerTest, ServiceThatIsRegisteredIsPublishedWhenTheHostHa
     EXPECT_EQ(liveCount("group"), 1);
 }
 
-/** The same where deleting is allowed. */
-class ManagedClientDeletionTest : public ManagedClientHandlerTest
-{
-};
-
-INSTANTIATE_TEST_SUITE_P(EveryLaterChange, ManagedClientDeletionTest, testing::Values("Renamed", "Failure"),
-                         [](const testing::TestParamInfo<const char*>& change) { return std::string(change.param); });
-
-TEST_P(ManagedClientDeletionTest, DeletingIsSurvived)
+TEST_P(ManagedClientHandlerTest, DeletingIsSurvived)
 {
     cause([this] { host.reset(); });
     EXPECT_EQ(avahi.liveHandles(), Lines());

@@ -12,8 +12,8 @@ namespace vd {
 /**
  * Tells when there is a new socket of the system bus: the bus may be back then.
  *
- * The address is read as libdbus does, from DBUS_SYSTEM_BUS_ADDRESS or else its default. A bus that listens elsewhere
- * than on a file is not watched. What else happens in the folder of the socket is no news.
+ * The address is read as libdbus does, from DBUS_SYSTEM_BUS_ADDRESS or else its default. A bus that listens
+ * elsewhere than on a file is not watched. What else happens in the folder of the socket is no news.
  */
 class BusSocketWatch : public QObject
 {

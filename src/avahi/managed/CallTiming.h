@@ -9,7 +9,8 @@ namespace vd {
 /**
  * Foresees when the daemon is at work for long, so that a call made then would wait for it.
  *
- * That is while it reads what a whole network answers, when there is news straight after news; and when it repeats the question for a type together with all the answers that it has, a second, three, seven and so on
+ * That is while it reads what a whole network answers, when there is news straight after news; and when it
+ * repeats the question for a type together with all the answers that it has, a second, three, seven and so on
  * after it was asked to browse. Times are in milliseconds of any one clock.
  */
 class CallTiming

@@ -8,7 +8,8 @@ namespace vd {
 
 namespace {
 
-// With more address browsers than this, one is closed when the daemon's cache is read, as many slow the daemon down.
+// With more address browsers than this, one is closed when the daemon's cache is read, as many slow the daemon
+// down.
 const int FEW_ADDRESS_BROWSERS = 32;
 const int LOOK_AGAIN_MS = 3000;
 
@@ -69,6 +70,7 @@ void ManagedServiceDiscovery::Private::addressAdded(const ServiceKey& key, const
         links.append(link);
     if (!service.addresses.contains(address))
         service.addresses.append(address);
+    service.missing.removeOne(address);
     const QMap<QString, SServiceInfo>::iterator known = q->services.find(key.name);
     if (known == q->services.end() || known->addresses.contains(address))
         return;

@@ -23,8 +23,8 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
                                             AvahiBrowserEvent event, const char* name, const char* type,
                                             const char* domain, AvahiLookupResultFlags, void*)
 {
-    // Avahi is freeing the client.
-    if (!client)
+    // Avahi is freeing the client, or a handler that overrides this one has ended what the event is of.
+    if (!client || (browser && !serviceBrowsers.contains(browser)))
         return;
     switch (event) {
     case AVAHI_BROWSER_NEW:
@@ -129,12 +129,13 @@ void ManagedServiceDiscovery::Private::loseDevice(const QString& name)
     Q_EMIT q->serviceLost(lost);
 }
 
-// Of what an unresolved service has nothing is known, so it is given what the lost one had until it tells otherwise.
+// Of what an unresolved service has nothing is known, so it is given what the lost one had until it tells
+// otherwise.
 void ManagedServiceDiscovery::Private::takeOver(const QStringList& addresses, const ServiceKey& heir)
 {
     TrackedService& service = tracked[heir];
     if (service.txt.isNull()) {
-        service.addresses = addresses;
+        service.addresses += addresses;
         return;
     }
     const QString name = heir.name;
@@ -152,7 +153,7 @@ void ManagedServiceDiscovery::Private::forget(const ServiceKey& key)
     closeAddressBrowser(service.value());
     leaveLine(service.value());
     forgetRetry(key, service.value());
-    kept.removeOne(key);
+    unkeep(key, service.value());
     parked.removeOne(key);
     tracked.erase(service);
     removeFromQueue(key);

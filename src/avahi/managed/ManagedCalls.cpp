@@ -15,13 +15,14 @@ namespace {
 const int TURN_MS = 4;
 // So many resolvers that wait for the network are a flood to come.
 const int FLOOD = 64;
-// What the daemon can answer from its cache it answers soon, and many at a time slow it down. So no more than these are
-// made before it had the time to answer. Those that wait for the network cost it little, and hold up nobody.
+// What the daemon can answer from its cache it answers soon, and many at a time slow it down. So no more than
+// these are made before it had the time to answer. Those that wait for the network cost it little, and hold up
+// nobody.
 const int MOST_UNSETTLED = 16;
 // The time it has when it cannot be asked.
 const int TIME_TO_ANSWER_MS = 20;
-// When there is no room, a resolver that waits longer than this gives way to the next in line; after each time that it
-// did so in vain, for twice as long.
+// When there is no room, a resolver that waits longer than this gives way to the next in line; after each time
+// that it did so in vain, for twice as long.
 const int PATIENCE_MS = 1000;
 const int LONGEST_PATIENCE_MS = 60000;
 // A daemon that answered so lately need not be asked.
@@ -68,12 +69,17 @@ bool ManagedServiceDiscovery::Private::hasCallsToMake() const
 // A call waits for the daemon. So that it does not wait for long, the daemon is asked first whether it is ready.
 void ManagedServiceDiscovery::Private::makeCalls()
 {
-    if (!hasBegun || hasFailed || !q->client || ping.isAsked())
+    if (!hasBegun || hasFailed || !q->client)
         return;
-    wakeParked();
-    if (!hasCallsToMake())
-        return;
+    balanceKept();
     const qint64 now = clock.elapsed();
+    if (!hasCallsToMake()) {
+        if (!parked.isEmpty() && now < limitedUntil)
+            scheduleCalls(static_cast<int>(limitedUntil - now));
+        return;
+    }
+    if (ping.isAsked())
+        return;
     const bool isFlooded = isFloodAwaited();
     const int waitMs
         = qMax(timing.pauseMs(now, static_cast<int>(tracked.size())), isFlooded ? timing.answersPauseMs(now) : 0);
@@ -84,8 +90,8 @@ void ManagedServiceDiscovery::Private::makeCalls()
         makeSomeCalls();
 }
 
-// So many answers may come at any time that the daemon is at work on them for long. As nothing is urgent then, calls are
-// made one at a time, each after a question.
+// So many answers may come at any time that the daemon is at work on them for long. As nothing is urgent then,
+// calls are made one at a time, each after a question.
 bool ManagedServiceDiscovery::Private::isFloodAwaited() const
 {
     const bool isAllAsked = line.isEmpty() || openObjects() >= objectsAllowed();
@@ -160,8 +166,14 @@ bool ManagedServiceDiscovery::Private::resolveNext()
     }
     const ServiceKey key = line.constBegin().value();
     TrackedService& service = tracked[key];
+    if (service.resolver) {
+        // The one that is open tells what changes, but not again what it has told. Its place is free first.
+        closeResolver(service);
+        return true;
+    }
     keepIfThereIsRoom(key, service);
-    if (!hasRoomFor(service.isKept ? 2 : 1)) {
+    const bool isFollowed = service.addressBrowser || service.isToBeFollowed;
+    if (!hasRoomFor(service.isKept && !isFollowed ? 2 : 1)) {
         scheduleCalls(LOOK_FOR_ROOM_MS);
         return !closedResolvers.isEmpty();
     }
@@ -183,10 +195,6 @@ bool ManagedServiceDiscovery::Private::isSettled(qint64 now)
 
 void ManagedServiceDiscovery::Private::makeResolver(const ServiceKey& key, TrackedService& service)
 {
-    if (service.resolver) {
-        // The one that is open asks for what changed, but not for what it knows.
-        closeResolver(service);
-    }
     const QByteArray name = bytesFromText(key.name), type = bytesFromText(key.type),
                      domain = bytesFromText(key.domain);
     service.resolver = avahi_service_resolver_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, name.constData(),
@@ -245,7 +253,8 @@ void ManagedServiceDiscovery::Private::makeAddressBrowser(const ServiceKey& key)
 bool ManagedServiceDiscovery::Private::hasRoomFor(int objects)
 {
     const int closed = static_cast<int>(closedResolvers.size() + closedAddressBrowsers.size());
-    const int excess = openObjects() - closed + objects + awaitedAddressBrowsers() - objectsAllowed();
+    const int toCome = awaitedAddressBrowsers() + reservedObjects() - openReservedObjects();
+    const int excess = openObjects() - closed + objects + toCome - objectsAllowed();
     if (excess > 0)
         makeRoom(excess);
     return excess <= 0;
@@ -277,6 +286,17 @@ void ManagedServiceDiscovery::Private::giveWay(const ServiceKey& key)
     else
         retryIn(patienceMs(service.timesGivenWay), key);
     ++service.timesGivenWay;
+}
+
+// For the browsers, and for a published service.
+int ManagedServiceDiscovery::Private::reservedObjects() const
+{
+    return static_cast<int>(types.size()) + (publishes || q->entryGroup ? 1 : 0);
+}
+
+int ManagedServiceDiscovery::Private::openReservedObjects() const
+{
+    return static_cast<int>(q->serviceBrowsers.size()) + (q->entryGroup ? 1 : 0);
 }
 
 int ManagedServiceDiscovery::Private::objectsAllowed() const
@@ -329,9 +349,9 @@ void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& servi
 
 int ManagedServiceDiscovery::Private::openObjects() const
 {
-    return static_cast<int>(q->serviceBrowsers.size() + resolvers.size() + addressBrowsers.size()
-                            + closedResolvers.size() + closedAddressBrowsers.size())
-           + (q->entryGroup ? 1 : 0);
+    return static_cast<int>(resolvers.size() + addressBrowsers.size() + closedResolvers.size()
+                            + closedAddressBrowsers.size())
+           + openReservedObjects();
 }
 
 // They go with their client.

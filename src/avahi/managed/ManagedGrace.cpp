@@ -5,8 +5,8 @@ namespace vd {
 
 namespace {
 
-// What the event loop was held up for does not count, as events may have waited all that time. So the period passes in
-// steps, of which none counts for more than its length, and the last one must be punctual.
+// What the event loop was held up for does not count, as events may have waited all that time. So the period
+// passes in steps, of which none counts for more than its length, and the last one must be punctual.
 const int STEP_MS = 1000;
 const int PUNCTUAL_MS = 100;
 const int MOST_EXTENSIONS = 30;

@@ -54,14 +54,11 @@ void ManagedServiceDiscovery::Private::endKeeping(const ServiceKey& key, Tracked
     if (!service.isLongLived)
         return;
     service.isLongLived = false;
-    service.isKept = false;
-    kept.removeOne(key);
     parked.removeOne(key);
-    scheduleCalls(0);
-    // One that was never answered goes on, as any other does.
-    if (service.txt.isNull())
-        return;
-    closeResolver(service);
+    unkeep(key, service);
+    // One that is not answered yet goes on, as any other does.
+    if (!unanswered.contains(service.resolverNumber))
+        closeResolver(service);
     closeAddressBrowser(service);
 }
 
@@ -103,11 +100,13 @@ void ManagedServiceDiscovery::Private::retryFailed(const ServiceKey& key, int er
 void ManagedServiceDiscovery::Private::retryIn(int milliseconds, const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
-    if (service.isWaiting || service.retryAt)
+    const qint64 at = clock.elapsed() + milliseconds;
+    if (service.isWaiting || (service.retryAt && service.retryAt <= at))
         return;
-    service.retryAt = clock.elapsed() + milliseconds;
-    retries.insert(service.retryAt, key);
-    if (!retryTimer.isActive())
+    forgetRetry(key, service);
+    service.retryAt = at;
+    retries.insert(at, key);
+    if (!retryTimer.isActive() || retries.constBegin().key() == at)
         retryTimer.start(milliseconds);
 }
 
@@ -147,19 +146,46 @@ void ManagedServiceDiscovery::Private::keep(const ServiceKey& key, TrackedServic
     parked.removeOne(key);
 }
 
-bool ManagedServiceDiscovery::Private::hasRoomToKeep() const
+void ManagedServiceDiscovery::Private::unkeep(const ServiceKey& key, TrackedService& service)
 {
-    const int limit = objectsAllowed();
-    return 2 * (static_cast<int>(kept.size()) + 1) <= limit - limit / SHARE_OF_OTHERS;
+    if (!service.isKept)
+        return;
+    service.isKept = false;
+    kept.removeOne(key);
+    scheduleCalls(0);
 }
 
-void ManagedServiceDiscovery::Private::wakeParked()
+bool ManagedServiceDiscovery::Private::hasRoomToKeep() const
+{
+    return kept.size() < mostKept();
+}
+
+// A kept service holds two objects.
+int ManagedServiceDiscovery::Private::mostKept() const
+{
+    const int room = objectsAllowed() - reservedObjects();
+    return (room - qMax(1, room / SHARE_OF_OTHERS)) / 2;
+}
+
+void ManagedServiceDiscovery::Private::balanceKept()
 {
     while (!parked.isEmpty() && hasRoomToKeep()) {
         const ServiceKey next = parked.first();
         keep(next, tracked[next]);
         enqueue(next);
     }
+    while (!kept.isEmpty() && kept.size() > mostKept())
+        park(kept.last());
+}
+
+void ManagedServiceDiscovery::Private::park(const ServiceKey& key)
+{
+    TrackedService& service = tracked[key];
+    parked.prepend(key);
+    if (!unanswered.contains(service.resolverNumber))
+        closeResolver(service);
+    closeAddressBrowser(service);
+    unkeep(key, service);
 }
 
 } // namespace vd

@@ -70,17 +70,24 @@ void ManagedServiceDiscovery::Private::resolverFailed(const ServiceKey& key, int
         out << "ManagedServiceDiscovery::ServiceResolve() -> failed to resolve service: "
             << printableText(key.name) << " error: " << avahi_strerror(error);
     });
+    TrackedService& service = tracked[key];
+    if (error == AVAHI_ERR_TIMEOUT && service.timesIgnored > 0) {
+        ignore(key, service);
+        return;
+    }
     // One that timed out may still be answered, and is left open for that.
     if (error == AVAHI_ERR_TIMEOUT)
         return;
-    closeResolver(tracked[key]);
+    closeResolver(service);
     retryFailed(key, error);
 }
 
-// A known device stays, whatever its text lacks for once. All others are none of ours, as long as they have no key.
+// A known device stays, whatever its text lacks for once. All others are none of ours, as long as they have no
+// key.
 void ManagedServiceDiscovery::Private::notRecognised(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
+    unanswered.remove(service.resolverNumber);
     if (service.isKept && !service.txt.isNull())
         return;
     closeResolver(service);
@@ -90,9 +97,16 @@ void ManagedServiceDiscovery::Private::notRecognised(const ServiceKey& key)
         forget(key);
         return;
     }
+    ignore(key, service);
+    dropIfAllIgnored(key.name);
+}
+
+void ManagedServiceDiscovery::Private::ignore(const ServiceKey& key, TrackedService& service)
+{
+    closeResolver(service);
+    unkeep(key, service);
     ++service.timesIgnored;
     retryIn(ignoredForMs(service.timesIgnored), key);
-    dropIfAllIgnored(key.name);
 }
 
 void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SServiceInfo& info,

@@ -162,7 +162,13 @@ private:
     void endKeeping(const ServiceKey& key, TrackedService& service);
     void keepIfThereIsRoom(const ServiceKey& key, TrackedService& service);
     void keep(const ServiceKey& key, TrackedService& service);
-    void wakeParked();
+    void unkeep(const ServiceKey& key, TrackedService& service);
+    int mostKept() const;
+    void balanceKept();
+    void park(const ServiceKey& key);
+    void ignore(const ServiceKey& key, TrackedService& service);
+    int reservedObjects() const;
+    int openReservedObjects() const;
     bool hasRoomToKeep() const;
     bool isAnyLongLived(const QString& name) const;
 

@@ -6,7 +6,8 @@
 #include <functional>
 
 /** A host's class, which acts in the handlers after what it overrides, and may delete the object there. */
-class OverridingDiscovery : public vd::ManagedServiceDiscovery
+template <typename Base>
+class Overriding : public Base
 {
 public:
     /** Each may return with the object gone. */
@@ -16,12 +17,12 @@ public:
 protected:
     void AvahiClientStateChanged(AvahiClient* changed, AvahiClientState state, void* userdata) override
     {
-        ManagedServiceDiscovery::AvahiClientStateChanged(changed, state, userdata);
+        Base::AvahiClientStateChanged(changed, state, userdata);
         act(onClientState, state);
     }
     void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override
     {
-        ManagedServiceDiscovery::AvahiEntryGroupChanged(group, state, userdata);
+        Base::AvahiEntryGroupChanged(group, state, userdata);
         act(onGroupState, state);
     }
 
@@ -36,3 +37,5 @@ private:
             once(state);
     }
 };
+
+typedef Overriding<vd::ManagedServiceDiscovery> OverridingDiscovery;

@@ -1,0 +1,205 @@
+// SPDX-License-Identifier: MIT
+#include "support/ManagedFixture.h"
+
+/** Long-lived queries, and others beside them, with little room. */
+class ManagedLimitsTest : public ManagedTest
+{
+protected:
+    void keepOpen(const std::string& name, int number)
+    {
+        appears(name.c_str());
+        discovery().StartQueryRecords(name.c_str(), HTTP, true);
+        turn();
+        resolved(number, name.c_str(), "cam.local", "10.0.0.1", cameraTxt);
+        onlyAnswerIs(number, "10.0.0.1");
+    }
+
+    /** How often @p name was resolved since the calls were asked for last. */
+    int resolvesOf(const std::string& name)
+    {
+        return count(takeCalls(), "service_resolver_new(client1, -1, -1, \"" + name + "\"");
+    }
+};
+
+TEST_F(ManagedLimitsTest, TwoTypesAndLongLivedQueriesAtTheSmallestLimitLeaveRoomForAnother)
+{
+    discovery().setObjectLimit(8);
+    run();
+    discovery().BrowseServices(HTTPS);
+    turn();
+    keepOpen("A", 1);
+    keepOpen("B", 2);
+    keepOpen("C", 3);
+    EXPECT_LE(discovery().openObjects(), 8);
+    takeSignals();
+    appears("New");
+    turn(400);
+    EXPECT_GE(resolvesOf("New"), 1);
+}
+
+TEST_F(ManagedLimitsTest, LoweredLimitLeavesRoomForOthers)
+{
+    run();
+    for (int i = 1; i <= 10; ++i)
+        keepOpen(camName(i), i);
+    discovery().setObjectLimit(12);
+    turn(300);
+    EXPECT_LE(discovery().openObjects(), 12);
+    takeCalls();
+    appears("New");
+    turn(400);
+    EXPECT_GE(resolvesOf("New"), 1);
+}
+
+TEST_F(ManagedLimitsTest, DaemonThatAllowsLessLeavesRoomForOthers)
+{
+    run();
+    for (int i = 1; i <= 9; ++i)
+        keepOpen(camName(i), i);
+    // 19 of 20 are open.
+    appears("Cam10");
+    discovery().StartQueryRecords("Cam10", HTTP, true);
+    turn();
+    avahi.failNext("record_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    resolved(10, "Cam10", "cam.local", "10.0.0.1", cameraTxt);
+    EXPECT_EQ(discovery().openObjects(), 20);
+    takeCalls();
+    appears("New");
+    for (int s = 0; s < 8; ++s)
+        turn(1000);
+    EXPECT_GE(resolvesOf("New"), 1);
+}
+
+TEST_F(ManagedLimitsTest, LossOfAKeptServiceThatHoldsNothingGivesItsRoomToAParkedOne)
+{
+    discovery().setObjectLimit(8);
+    run();
+    // Kept, but ignored: holds nothing.
+    for (int i = 1; i <= 3; ++i) {
+        appears(camName(i).c_str());
+        discovery().StartQueryRecords(camName(i).c_str(), HTTP, true);
+        turn();
+        resolved(i, camName(i).c_str(), "cam.local", "10.0.0.1", Txt{"path=/"});
+    }
+    appears("Cam4");
+    discovery().StartQueryRecords("Cam4", HTTP, true);
+    turn();
+    resolved(4, "Cam4", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    EXPECT_EQ(liveCount("resolver"), 1);
+    for (int i = 1; i <= 3; ++i)
+        disappears(camName(i).c_str());
+    turn(200);
+    EXPECT_EQ(liveCount("resolver"), 1);
+}
+
+TEST_F(ManagedLimitsTest, QueryOfAKeptServiceAtTheSmallestLimitHoldsUpNobody)
+{
+    discovery().setObjectLimit(8);
+    run();
+    keepOpen("A", 1);
+    keepOpen("B", 2);
+    keepOpen("C", 3);
+    EXPECT_EQ(discovery().openObjects(), 7);
+    takeCalls();
+    discovery().StartQueryRecords("A", HTTP, false);
+    appears("New");
+    turn(3000);
+    const Lines calls = takeCalls();
+    EXPECT_GE(count(calls, "service_resolver_new(client1, -1, -1, \"A\""), 1);
+    EXPECT_GE(count(calls, "service_resolver_new(client1, -1, -1, \"New\""), 1);
+}
+
+TEST_F(ManagedLimitsTest, PublishedServiceHasItsRoomUnderTheLimit)
+{
+    discovery().setObjectLimit(8);
+    run();
+    for (int i = 1; i <= 12; ++i)
+        appears(camName(i).c_str());
+    turn();
+    EXPECT_LE(discovery().openObjects(), 8);
+    vd::SReconfigInfo info = vd::SReconfigInfo();
+    EXPECT_TRUE(discovery().RegisterService("Me", "_x._tcp", info));
+    turn(2500);
+    EXPECT_LE(discovery().openObjects(), 8);
+}
+
+TEST_F(ManagedLimitsTest, StoppedQueryDoesNotKeepARestartFromBeingNoticed)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.1");
+    failClient();
+    turn();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    discovery().StopQueryRecords("Cam", HTTP);
+    takeCalls();
+    turn(100);
+    // Somebody must still ask for what changed meanwhile.
+    EXPECT_EQ(liveCount("resolver"), 1);
+}
+
+TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpAgainSoonThoughAPrinterIsLeftAlone)
+{
+    run();
+    found();
+    appears("Printer");
+    turn();
+    resolved(2, "Printer", "printer.local", "10.0.0.7", Txt{"path=/"});
+    // 5 s for the printer
+    askAndResolve(3, "10.0.0.2");
+    onlyAnswerIs(2, "10.0.0.2");
+    takeCalls();
+    turn(3400);
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
+                                 "resolver4"});
+}
+
+TEST_F(ManagedLimitsTest, AddressSeenAfterItWasMissingIsNotTakenAwayAtTheNextMiss)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.2");                              // 10.0.0.1 is missing once
+    record(2, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.1");    // it answers late
+    takeSignals();
+    turn(3400);                                               // looked up again
+    resolved(3, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    // The browser that is open will tell when the address goes.
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "recordBrowser2", "resolver3"}));
+    EXPECT_EQ(takeSignals(), Lines());
+}
+
+TEST_F(ManagedLimitsTest, HandlerThatBeginsAnewLeavesNothingOfTheOldEvent)
+{
+    run();
+    daemonRuns();
+    discovery().inNextHandler = [this] {
+        discovery().TerminateBrowsing();
+        daemonRuns();
+        discovery().BrowseServices(HTTP);
+    };
+    appears("Cam");
+    takeCalls();
+    turn(100);
+    EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 0);
+}
+
+TEST_F(ManagedLimitsTest, IgnoredServiceThatIsNotAnsweredAgainHoldsNothing)
+{
+    run();
+    appears("Printer");
+    turn();
+    resolved(1, "Printer", "printer.local", "10.0.0.7", Txt{"path=/"});
+    turn(5600);
+    EXPECT_EQ(liveCount("resolver"), 1);
+    resolveFails(2, "Printer", AVAHI_ERR_TIMEOUT);
+    turn(500);
+    EXPECT_EQ(liveCount("resolver"), 0);
+}
