@@ -111,11 +111,7 @@ TEST_F(ManagedTest, AnotherInterfaceIsResolvedAgain)
 
 TEST_F(ManagedTest, DeviceWithTwoTypesIsLostWithTheLast)
 {
-    run();
-    discovery().BrowseServices(HTTPS);
-    found();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
-    turn();
+    foundAndSeenSecure();
     resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS, 443);
     EXPECT_EQ(signalsOf([this] { disappears("Cam"); }), Lines());
     EXPECT_EQ(queue(), Lines{"Cam, _https._tcp"});
@@ -633,11 +629,7 @@ TEST_F(ManagedTest, WebServiceThatGetsItsKeyLaterIsFound)
 
 TEST_F(ManagedTest, WebServiceOfAnotherDoesNotHideTheLossOfADevice)
 {
-    run();
-    discovery().BrowseServices(HTTPS);
-    found();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
-    turn();
+    foundAndSeenSecure();
     resolved(2, "Cam", "other.local", "10.0.0.9", Txt{"path=/"}, HTTPS, 443);
     EXPECT_EQ(signalsOf([this] { disappears("Cam"); }).size(), 1u);
     EXPECT_EQ(table(), Lines());
@@ -645,11 +637,7 @@ TEST_F(ManagedTest, WebServiceOfAnotherDoesNotHideTheLossOfADevice)
 
 TEST_F(ManagedTest, WhatMightHaveBeenTheDeviceAndIsNotEndsIt)
 {
-    run();
-    discovery().BrowseServices(HTTPS);
-    found();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
-    turn();
+    foundAndSeenSecure();
     EXPECT_EQ(signalsOf([this] { disappears("Cam"); }), Lines());
     EXPECT_EQ(signalsOf([this] { resolved(3, "Cam", "other.local", "10.0.0.9", Txt{"path=/"}, HTTPS, 443); }).size(),
               1u);

@@ -102,6 +102,16 @@ protected:
         forgetAll();
     }
 
+    /** A camera found by its web service and seen with a secure one, which resolver 2 asks for. */
+    void foundAndSeenSecure()
+    {
+        run();
+        discovery().BrowseServices(HTTPS);
+        found();
+        appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
+        turn();
+    }
+
     /** All that address browser @p number has to tell of "Cam". */
     void onlyAnswerIs(int number, const char* address)
     {
