@@ -741,7 +741,7 @@ TEST_F(ManagedTest, AnswerWithoutAnAddressIsAskedForAgainWhateverFailedBefore)
     run();
     appears("Cam");
     turn();
-    avahi.failNext("service_resolver_new", AVAHI_ERR_TIMEOUT);
+    resolveFails(1, "Cam", AVAHI_ERR_TIMEOUT);
     ManagedDiscoveryTest::resolved(1, "Cam", "cam.local", nullptr, cameraTxt);
     turn();
     EXPECT_EQ(liveCount("resolver"), 0);

@@ -201,7 +201,7 @@ void ManagedServiceDiscovery::Private::makeResolver(const ServiceKey& key, Track
                                                   type.constData(), domain.constData(), AVAHI_PROTO_INET,
                                                   AVAHI_LOOKUP_USE_MULTICAST, SServiceResolve_callback, q);
     if (!service.resolver) {
-        resolverRefused(key, service);
+        resolverRefused(key);
         return;
     }
     lastResolverMadeAt = clock.elapsed();
@@ -211,7 +211,7 @@ void ManagedServiceDiscovery::Private::makeResolver(const ServiceKey& key, Track
     resolvers.insert(service.resolver, key);
 }
 
-void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key, TrackedService&)
+void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key)
 {
     const int error = avahi_client_errno(q->client);
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {

@@ -20,6 +20,7 @@ QByteArray stringsOf(AvahiStringList* txt)
     return strings;
 }
 
+const int LATE_ANSWER_MS = 100;
 // Devices may publish their text in steps. How long one without a key is left alone, which grows to an hour.
 const int FIRST_IGNORED_MS = 5000;
 const int LONGEST_IGNORED_MS = 3600 * 1000;
@@ -149,8 +150,8 @@ void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SSe
 void ManagedServiceDiscovery::Private::noteAnswer(const ServiceKey& key, TrackedService& service,
                                                   const QByteArray& txt)
 {
-    // What the daemon knew already it would have told before.
-    if (service.resolverNumber <= settledResolver)
+    // What the daemon knew already it would have told before, however much else it had to do.
+    if (clock.elapsed() - service.resolvingSince >= LATE_ANSWER_MS)
         newsFromNetwork();
     service.txt = txt;
     service.timesGivenWay = 0;

@@ -181,7 +181,7 @@ private:
     bool resolveNext();
     bool isSettled(qint64 now);
     void makeResolver(const ServiceKey& key, TrackedService& service);
-    void resolverRefused(const ServiceKey& key, TrackedService& service);
+    void resolverRefused(const ServiceKey& key);
     void makeAddressBrowser(const ServiceKey& key);
     bool hasRoomFor(int objects);
     void makeRoom(int excess);
