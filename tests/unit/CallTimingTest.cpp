@@ -17,7 +17,12 @@ protected:
             timing.newsCame(BEGIN + time);
     }
 
-    int answersPauseAt(qint64 time) const { return timing.answersPauseMs(BEGIN + time); }
+    int floodPauseAt(qint64 time, int services = 0) const
+    {
+        return timing.floodPauseMs(BEGIN + time, services, true);
+    }
+
+    int floodPauseWithMoreToAskAt(qint64 time) const { return timing.floodPauseMs(BEGIN + time, 0, false); }
 
     void browse(qint64 made, qint64 read)
     {
@@ -222,24 +227,43 @@ TEST_F(CallTimingTest, ResetForgetsEverything)
 
 TEST_F(CallTimingTest, NoAnswersAreWaitedForAtFirst)
 {
-    EXPECT_EQ(answersPauseAt(0), 0);
-    EXPECT_EQ(timing.answersPauseMs(0), 0);
+    EXPECT_EQ(floodPauseAt(0), 0);
+    EXPECT_EQ(timing.floodPauseMs(0, MANY, true), 0);
 }
 
 TEST_F(CallTimingTest, MoreAnswersMayComeForAWhile)
 {
-    appearAt({0, 59});
-    EXPECT_EQ(answersPauseAt(59), 60);
-    EXPECT_EQ(answersPauseAt(118), 1);
-    EXPECT_EQ(answersPauseAt(119), 0);
+    appearAt({0, 99});
+    EXPECT_EQ(floodPauseAt(99), 100);
+    EXPECT_EQ(floodPauseAt(198), 1);
+    EXPECT_EQ(floodPauseAt(199), 0);
+}
+
+TEST_F(CallTimingTest, WhoHasMoreToAskWaitsLess)
+{
+    appearAt({0, 99});
+    EXPECT_EQ(floodPauseWithMoreToAskAt(99), 60);
+    EXPECT_EQ(floodPauseWithMoreToAskAt(158), 1);
+    EXPECT_EQ(floodPauseWithMoreToAskAt(159), 0);
 }
 
 TEST_F(CallTimingTest, AnswersThatComeOnAndOnAreNotWaitedFor)
 {
     for (qint64 time = 0; time <= 3000; time += 50)
         appearAt({time});
-    EXPECT_EQ(answersPauseAt(2999), 1);
-    EXPECT_EQ(answersPauseAt(3000), 0);
-    appearAt({3060});
-    EXPECT_EQ(answersPauseAt(3060), 60);
+    EXPECT_EQ(floodPauseAt(2999), 15);
+    EXPECT_EQ(floodPauseAt(3000), 15) << "the last service may be the begin of a flow";
+    EXPECT_EQ(floodPauseAt(3015), 0);
+    appearAt({3100});
+    EXPECT_EQ(floodPauseAt(3100), 100);
+}
+
+TEST_F(CallTimingTest, QuestionsMayGoOutWithOthersAtOnce)
+{
+    browse(0, 10);
+    EXPECT_EQ(floodPauseAt(989, MANY), 0);
+    EXPECT_EQ(floodPauseAt(990, MANY), 140);
+    EXPECT_EQ(floodPauseAt(1129, MANY), 1);
+    EXPECT_EQ(floodPauseAt(1130, MANY), 0);
+    EXPECT_EQ(floodPauseAt(1000, MANY - 1), 0);
 }

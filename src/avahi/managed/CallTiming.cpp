@@ -11,8 +11,9 @@ namespace {
 const int QUIET_MS = 15;
 // Fewer in that time are no flow.
 const int FLOW = 4;
-// With many answers awaited, more of them come after so short a silence.
-const int BETWEEN_ANSWERS_MS = 60;
+// With many answers awaited, more of them come after so short a silence. Who still has to ask waits less.
+const int BETWEEN_ANSWERS_MS = 100;
+const int BETWEEN_QUESTIONS_MS = 60;
 // One that goes on and on is no reason to leave the first ones alone.
 const int LONGEST_FLOW_MS = 3000;
 
@@ -65,14 +66,22 @@ void CallTiming::newsCame(qint64 now)
 
 int CallTiming::pauseMs(qint64 now, int services) const
 {
-    return qMax(flowMs(now), questionMs(now, services));
+    return qMax(flowMs(now), questionMs(now, services, EARLIER_MS));
 }
 
-int CallTiming::answersPauseMs(qint64 now) const
+int CallTiming::floodPauseMs(qint64 now, int services, bool isAllAsked) const
+{
+    // Other questions that are sent take one along that still waits.
+    const int earlierMs = QUESTION_WAITS_MS + EARLIER_MS;
+    const int quietMs = isAllAsked ? BETWEEN_ANSWERS_MS : BETWEEN_QUESTIONS_MS;
+    return qMax(qMax(flowMs(now), answersMs(now, quietMs)), questionMs(now, services, earlierMs));
+}
+
+int CallTiming::answersMs(qint64 now, int quietMs) const
 {
     if (m_news.isEmpty())
         return 0;
-    const qint64 end = qMin(m_news.last() + BETWEEN_ANSWERS_MS, m_answersBegan + LONGEST_FLOW_MS);
+    const qint64 end = qMin(m_news.last() + quietMs, m_answersBegan + LONGEST_FLOW_MS);
     return static_cast<int>(qMax<qint64>(0, end - now));
 }
 
@@ -87,13 +96,13 @@ int CallTiming::flowMs(qint64 now) const
     return static_cast<int>(qMax<qint64>(0, end - now));
 }
 
-int CallTiming::questionMs(qint64 now, int services) const
+int CallTiming::questionMs(qint64 now, int services, int earlierMs) const
 {
     if (services < MANY_SERVICES)
         return 0;
     qint64 end = now;
     for (int browser = 0; browser < m_browsers.size(); ++browser) {
-        qint64 earliest = m_browsers.at(browser).made + QUESTION_WAITS_MS - EARLIER_MS;
+        qint64 earliest = m_browsers.at(browser).made + QUESTION_WAITS_MS - earlierMs;
         qint64 latest = m_browsers.at(browser).read + QUESTION_WAITS_MS + LATER_MS;
         for (int question = 0; question < QUESTIONS; ++question) {
             if (now >= earliest && now < latest)

@@ -27,12 +27,16 @@ public:
 
     /** For how long calls had better wait, with so many services known; 0 when there is nothing to wait for. */
     int pauseMs(qint64 now, int services) const;
-    /** The same while so many answers are awaited that more may come at any time. */
-    int answersPauseMs(qint64 now) const;
+    /**
+     * The same while so many answers are awaited that more may come at any time. When @p isAllAsked, nothing is
+     * late because of a longer wait.
+     */
+    int floodPauseMs(qint64 now, int services, bool isAllAsked) const;
 
 private:
     int flowMs(qint64 now) const;
-    int questionMs(qint64 now, int services) const;
+    int answersMs(qint64 now, int quietMs) const;
+    int questionMs(qint64 now, int services, int earlierMs) const;
 
     /** When a browser was made, and when it had told what the daemon knew; in between the question is posed. */
     struct Browser

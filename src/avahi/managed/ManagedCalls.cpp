@@ -81,8 +81,9 @@ void ManagedServiceDiscovery::Private::makeCalls()
     if (ping.isAsked())
         return;
     const bool isFlooded = isFloodAwaited();
+    const int services = static_cast<int>(tracked.size());
     const int waitMs
-        = qMax(timing.pauseMs(now, static_cast<int>(tracked.size())), isFlooded ? timing.answersPauseMs(now) : 0);
+        = isFlooded ? timing.floodPauseMs(now, services, line.isEmpty()) : timing.pauseMs(now, services);
     const bool isReady = !isFlooded && now - lastAnswerAt < RECENT_MS;
     if (waitMs > 0)
         scheduleCalls(waitMs);
@@ -90,13 +91,15 @@ void ManagedServiceDiscovery::Private::makeCalls()
         makeSomeCalls();
 }
 
-// So many answers may come at any time that the daemon is at work on them for long. As nothing is urgent then,
-// calls are made one at a time, each after a question.
+// So many answers may come at any time that the daemon is at work on them for long. Then calls are made one at a
+// time, each after a question.
 bool ManagedServiceDiscovery::Private::isFloodAwaited() const
 {
-    const bool isAllAsked = line.isEmpty() || openObjects() >= objectsAllowed();
-    return isAllAsked && unanswered.size() >= FLOOD
-           && unanswered.upperBound(settledResolver) == unanswered.constEnd();
+    int settled = 0;
+    for (QMap<qint64, ServiceKey>::const_iterator next = unanswered.constBegin();
+         next != unanswered.constEnd() && next.key() <= settledResolver && settled < FLOOD; ++next)
+        ++settled;
+    return settled >= FLOOD;
 }
 
 // The daemon is reading it, and perhaps more, just now.
