@@ -251,7 +251,7 @@ TEST_F(CallTimingTest, AnswersThatComeOnAndOnAreNotWaitedFor)
 {
     for (qint64 time = 0; time <= 3000; time += 50)
         appearAt({time});
-    EXPECT_EQ(floodPauseAt(2999), 15);
+    EXPECT_EQ(floodPauseAt(2999), 16);
     EXPECT_EQ(floodPauseAt(3000), 15) << "the last service may be the begin of a flow";
     EXPECT_EQ(floodPauseAt(3015), 0);
     appearAt({3100});

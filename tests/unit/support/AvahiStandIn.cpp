@@ -85,6 +85,8 @@ AvahiStandIn::AvahiStandIn()
 AvahiStandIn::~AvahiStandIn()
 {
     theInstance = nullptr;
+    for (const std::string& handle : liveHandles())
+        ADD_FAILURE() << handle << " left open";
 }
 
 std::vector<std::string> AvahiStandIn::takeCalls()

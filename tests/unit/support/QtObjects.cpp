@@ -62,6 +62,15 @@ int QtObjects::count()
     return static_cast<int>(living().objects.size());
 }
 
+std::map<std::string, int> QtObjects::countByClass()
+{
+    const std::lock_guard<std::mutex> locker(living().mutex);
+    std::map<std::string, int> counts;
+    for (const QObject* const object : living().objects)
+        ++counts[object->metaObject()->className()];
+    return counts;
+}
+
 int QtObjects::activeTimers()
 {
     const QAbstractEventDispatcher* const dispatcher = QAbstractEventDispatcher::instance();

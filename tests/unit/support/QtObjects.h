@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include <map>
+#include <string>
+
 /**
  * All objects of Qt in this process, through the hooks that Qt has for tools.
  *
@@ -13,6 +16,9 @@ namespace QtObjects {
 bool watch();
 
 int count();
+
+/** How many there are of each class that has a meta-object of its own. No other thread may be ending one. */
+std::map<std::string, int> countByClass();
 
 /** How many timers are running in the calling thread. */
 int activeTimers();
