@@ -17,6 +17,7 @@ LINK_FAULTS = ("link-down", "link-up", "unplug", "plug", "isolate", "join")
 NAMES = [*(f"{service}-{fault}" for service in SERVICES for fault in SERVICE_FAULTS), *LINK_FAULTS, "loss"]
 
 SECONDS_TO_END = 10
+SECONDS_TO_LEAVE = 1
 
 
 def apply(lab, host, fault, percent=None, link=None):
@@ -64,7 +65,17 @@ def _await_effect(lab, host, service, action):
     wanted = {"stop": "stopped", "kill": "stopped", "hang": "hung", "continue": "running"}[action]
     _await_state(lab, host, service, wanted)
     if service == "dbus" and wanted == "stopped" and lab.service_state(host, "daemon") == "running":
-        # The daemon leaves when it loses its bus; "daemon-start" must not meet it on its way out.
+        _await_daemon_without_bus(lab, host)
+
+
+def _await_daemon_without_bus(lab, host):
+    """The daemon leaves when it loses its bus; "daemon-start" must not meet it on its way out.
+
+    One that has something to send just then stays, and tries to send it again and again (Avahi 0.8), so it is ended.
+    """
+    if not processes.wait_until(lambda: lab.service_state(host, "daemon") == "stopped", SECONDS_TO_LEAVE):
+        pid = lab.service_pid(host, "daemon")
+        processes.send_signal_if(pid, signal.SIGKILL, lambda pid: lab.is_process_of(pid, host))
         _await_state(lab, host, "daemon", "stopped")
 
 

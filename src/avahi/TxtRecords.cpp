@@ -37,6 +37,13 @@ quint32 serialFromBytes(const char* bytes, size_t size)
     return serial;
 }
 
+// Avahi frees the key by itself when it has no memory for the value, and leaves the pointer as it is.
+void readPair(AvahiStringList* entry, char** key, char** value)
+{
+    if (avahi_string_list_get_pair(entry, key, value, nullptr) != 0)
+        *key = *value = nullptr;
+}
+
 void readSerialNumber(SServiceInfo& info, AvahiStringList* list, const char* key, const char* logLabel)
 {
     AvahiStringList* entry = avahi_string_list_find(list, key);
@@ -44,7 +51,7 @@ void readSerialNumber(SServiceInfo& info, AvahiStringList* list, const char* key
         return;
     char* entryKey = nullptr;
     char* value = nullptr;
-    avahi_string_list_get_pair(entry, &entryKey, &value, nullptr);
+    readPair(entry, &entryKey, &value);
     if (value) {
         info.serialNumber = serialFromBytes(value, sizeOfValue(entry));
         logMessage(LOG_ORDINARY,
@@ -65,7 +72,7 @@ QString AvahiServiceDiscovery::getAvahiStringListValue(AvahiStringList* list, co
 
     char* entryKey = nullptr;
     char* value = nullptr;
-    avahi_string_list_get_pair(entry, &entryKey, &value, nullptr);
+    readPair(entry, &entryKey, &value);
     if (!value) {
         logMessage(LOG_ORDINARY,
                    [=](QTextStream& out) { out << "TXTRecord ERROR parsing " << printableText(key); });

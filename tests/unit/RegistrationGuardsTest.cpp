@@ -198,6 +198,14 @@ TEST_F(RegistrationGuardsTest, LongerUserNameIsRefusedAndNothingPublished)
     EXPECT_FALSE(discovery().IsRegistered());
 }
 
+TEST_F(RegistrationGuardsTest, UserNameMayBeginWithAZeroWidthNoBreakSpace)
+{
+    startBrowsing();
+    info.userName = QChar(0xfeff) + QLatin1String("root");
+    EXPECT_TRUE(registerService());
+    EXPECT_EQ(stringsOf(discovery().txtRecord).at(1), "USER.vandrel.com=\xef\xbb\xbfroot");
+}
+
 TEST_F(RegistrationGuardsTest, LongestPasswordIsPublishedWhole)
 {
     startBrowsing();

@@ -6,7 +6,10 @@
 
 #include <QtCore/QByteArray>
 
+#include <sys/eventfd.h>
 #include <unistd.h>
+
+#include <array>
 
 namespace vd::discover {
 
@@ -20,6 +23,28 @@ QString busRemedy()
 {
     return QStringLiteral("the D-Bus system bus cannot be reached; start it with "
                           "\"sudo systemctl start dbus\", or install it with \"sudo apt install dbus\"");
+}
+
+QString descriptorRemedy()
+{
+    return QStringLiteral("this process may not open enough files to reach the Avahi daemon; "
+                          "allow it more with \"ulimit -n 64\"");
+}
+
+/** Whether as many files can be opened as it takes to reach the daemon. */
+bool areDescriptorsLeft()
+{
+    std::array<int, 8> opened = {};
+    bool areLeft = true;
+    for (int& descriptor : opened) {
+        descriptor = eventfd(0, EFD_CLOEXEC);
+        areLeft = areLeft && descriptor != -1;
+    }
+    for (const int descriptor : opened) {
+        if (descriptor != -1)
+            close(descriptor);
+    }
+    return areLeft;
 }
 
 QString daemonRemedy()
@@ -118,7 +143,7 @@ void DaemonLink::fail()
     if (m_didHang)
         tell(HangTrouble, hangRemedy());
     else if (state == WatchedDiscovery::NoClient)
-        tell(BusTrouble, busRemedy());
+        tell(BusTrouble, areDescriptorsLeft() ? busRemedy() : descriptorRemedy());
     else if (state == WatchedDiscovery::NoDaemon)
         tell(DaemonTrouble, daemonRemedy());
     else if (state == WatchedDiscovery::Failed)

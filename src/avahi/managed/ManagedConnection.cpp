@@ -20,6 +20,29 @@ bool isDaemonThere(AvahiClientState state)
 
 } // namespace
 
+/** As long as this lives, browsing is about to begin. It may end by an exception, and with the object. */
+class ManagedServiceDiscovery::Private::ConnectingScope
+{
+public:
+    explicit ConnectingScope(Private* discovery) : m_current(discovery), m_isConnecting(discovery->isConnecting)
+    {
+        m_isConnecting = true;
+    }
+    ~ConnectingScope()
+    {
+        if (!objectIsGone())
+            m_isConnecting = false;
+    }
+
+    bool objectIsGone() const { return m_current.objectIsGone(); }
+
+private:
+    Q_DISABLE_COPY(ConnectingScope)
+
+    ManagedSession m_current;
+    bool& m_isConnecting;
+};
+
 void ManagedServiceDiscovery::AvahiClientStateChanged(AvahiClient* changed, AvahiClientState changedTo,
                                                       void* userdata)
 {
@@ -28,7 +51,7 @@ void ManagedServiceDiscovery::AvahiClientStateChanged(AvahiClient* changed, Avah
 }
 
 // Called by Avahi, inside of which nothing can be made or freed: it is done when the event loop runs again.
-void ManagedServiceDiscovery::Private::clientChanged(AvahiClient* changed, AvahiClientState changedTo)
+void ManagedServiceDiscovery::Private::clientChanged(const AvahiClient* changed, AvahiClientState changedTo)
 {
     // One that is being freed has nothing to tell. One that is being made is not known yet.
     if (changed != q->client && !isConnecting)
@@ -106,16 +129,12 @@ void ManagedServiceDiscovery::Private::attemptFailed()
 
 bool ManagedServiceDiscovery::Private::browseWantedTypes()
 {
-    isConnecting = true;
-    const ManagedSession current(this);
+    const ConnectingScope connecting(this);
     bool isBrowsed = true;
     // The browsers are made in the order of the types.
     while (isBrowsed && q->serviceBrowsers.size() < types.size())
         isBrowsed = browse(types.at(q->serviceBrowsers.size()));
-    if (current.objectIsGone())
-        return false;
-    isConnecting = false;
-    return isBrowsed;
+    return isBrowsed && !connecting.objectIsGone();
 }
 
 bool ManagedServiceDiscovery::Private::browse(const QByteArray& type)

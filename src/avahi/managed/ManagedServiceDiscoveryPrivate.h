@@ -27,7 +27,7 @@ public:
     // The connection: ManagedConnection.cpp
     void connectToDaemon();
     void connectSoon();
-    void clientChanged(AvahiClient* changed, AvahiClientState changedTo);
+    void clientChanged(const AvahiClient* changed, AvahiClientState changedTo);
     void lostConnection();
     void reset();
     /** @return false if a slot has ended what the caller works on. */
@@ -121,6 +121,8 @@ public:
 
 private:
     Q_DISABLE_COPY(Private)
+
+    class ConnectingScope;
 
     bool browseWantedTypes();
     bool browse(const QByteArray& type);

@@ -14,6 +14,10 @@ class Conversation:
         is_ready = self.said.wait_for(lambda lines: lines and lines[0]["event"] == "ready")
         assert is_ready, f"{process.args} is not ready"
 
+    @property
+    def pid(self):
+        return self._process.pid
+
     def request(self, command, **fields):
         """Sends a command and returns the line that answers it."""
         before = len(self.said.all)

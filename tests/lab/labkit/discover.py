@@ -15,11 +15,16 @@ with_either_class = pytest.mark.parametrize("plain", [[], ["--plain"]], ids=["ma
 
 
 class Discover:
-    def __init__(self, lab, *arguments, host="viewer"):
+    def __init__(self, lab, *arguments, host="viewer", before=()):
+        """`before` stands before the program on the command line, such as "prlimit" with something for it."""
         self._began = time.monotonic()
-        self._process = lab.start(host, VD_DISCOVER, *arguments, stdin=subprocess.DEVNULL)
+        self._process = lab.start(host, *before, VD_DISCOVER, *arguments, stdin=subprocess.DEVNULL)
         self.output = Lines(self._process.stdout)
         self.errors = Lines(self._process.stderr)
+
+    @property
+    def pid(self):
+        return self._process.pid
 
     def wait(self):
         """Waits for its end; returns the exit status, standard output, standard error and the seconds it ran."""

@@ -13,10 +13,11 @@ CACHE_EXHAUSTED = "AvahiServiceDiscovery::ServiceBrowse() -> cache exhausted - s
 
 
 class Probe(Conversation):
-    def __init__(self, lab, *options):
+    def __init__(self, lab, *options, program=(PROBE,)):
+        """`program` is another one that takes the same commands, with what stands before it on the command line."""
         self._signals_taken = 0
         self._log_taken = 0
-        super().__init__(lab.start("viewer", PROBE, *options, stderr=None))
+        super().__init__(lab.start("viewer", *program, *options, stderr=None))
 
     def is_answer(self, line):
         return line["event"] == "answer"

@@ -2,6 +2,7 @@
 """Where a test takes place: its labs, and the programs that run in them."""
 
 from .discover import Discover
+from .hostile import HostilePublisher
 from .labs import PLAIN
 from .probe import Probe
 from .publishers import ZEROCONF, Publisher
@@ -26,11 +27,14 @@ class Stage:
         self._labs.append(self._all_labs.start(options))
         return self._labs[-1]
 
-    def probe(self, lab, *options):
-        return self._add(Probe(lab, *options))
+    def probe(self, lab, *options, **program):
+        return self._add(Probe(lab, *options, **program))
 
     def publisher(self, lab, program=ZEROCONF, host="fleet"):
         return self._add(Publisher(lab, program, host))
+
+    def hostile(self, lab, host="fleet"):
+        return self._add(HostilePublisher(lab, host))
 
     def simulator(self, lab, *arguments, **options):
         return self._add(Simulator(lab, *arguments, **options))
@@ -38,8 +42,8 @@ class Stage:
     def reader(self, lab, service_type):
         return self._add(Reader(lab, service_type))
 
-    def discover(self, lab, *arguments, host="viewer"):
-        return self._add(Discover(lab, *arguments, host=host))
+    def discover(self, lab, *arguments, **options):
+        return self._add(Discover(lab, *arguments, **options))
 
     def _add(self, program):
         self._programs.append(program)

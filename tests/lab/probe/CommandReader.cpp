@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "CommandReader.h"
 
+#include "AvahiObjects.h"
 #include "JsonLines.h"
 
 #include <QtCore/QCoreApplication>
@@ -9,6 +10,8 @@
 
 #include <arpa/inet.h>
 #include <unistd.h>
+
+#include <vector>
 
 namespace {
 
@@ -33,6 +36,23 @@ vd::SReconfigInfo reconfigInfoOf(const QJsonObject& request)
     info.dns2 = addressOf(nameServers.at(1));
     info.dns3 = addressOf(nameServers.at(2));
     return info;
+}
+
+std::vector<int> takenDescriptors;
+
+/** How many could be had. */
+int takeAllDescriptors()
+{
+    for (int taken = dup(STDIN_FILENO); taken != -1; taken = dup(STDIN_FILENO))
+        takenDescriptors.push_back(taken);
+    return static_cast<int>(takenDescriptors.size());
+}
+
+void giveDescriptorsBack()
+{
+    for (const int taken : takenDescriptors)
+        close(taken);
+    takenDescriptors.clear();
 }
 
 } // namespace
@@ -117,5 +137,13 @@ QJsonValue CommandReader::carryOut(const QJsonObject& request)
         return m_discovery->IsRegistered();
     if (command == "dump")
         return m_probed->dump();
+    if (command == "count-avahi-objects")
+        return AvahiObjects::open();
+    if (command == "take-descriptors")
+        return takeAllDescriptors();
+    if (command == "give-descriptors-back") {
+        giveDescriptorsBack();
+        return true;
+    }
     return QJsonValue::Undefined;
 }

@@ -156,10 +156,10 @@ protected:
 
     int liveCount(const std::string& kind) const
     {
-        int count = 0;
+        int live = 0;
         for (const std::string& handle : avahi.liveHandles())
-            count += handle.rfind(kind, 0) == 0 ? 1 : 0;
-        return count;
+            live += handle.rfind(kind, 0) == 0 ? 1 : 0;
+        return live;
     }
 
     static int count(const Lines& lines, const std::string& begin)

@@ -1,0 +1,245 @@
+// SPDX-License-Identifier: MIT
+
+// Memory that Avahi's allocator refuses. Unless a host has given it one that may, Avahi ends the process instead.
+
+#include "support/CountedAvahi.h"
+
+#include <vd/LogQt.h>
+#include <vd/ManagedServiceDiscovery.h>
+
+#include <avahi-common/malloc.h>
+
+#include <QtCore/QCoreApplication>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <initializer_list>
+#include <memory>
+#include <string>
+
+namespace {
+
+const char CAMERA[] = "Cam";
+const char HOST[] = "cam.local";
+const char ADDRESS[] = "10.0.0.1";
+const char HTTP[] = "_http._tcp";
+const char SETUP[] = "_setup._tcp";
+
+// Which allocation is refused, counted from 1; none when it is 0.
+int refused = 0;
+int allocations = 0;
+int blocks = 0;
+
+bool isRefused()
+{
+    return ++allocations == refused;
+}
+
+void* allocate(size_t size)
+{
+    void* const block = isRefused() ? nullptr : std::malloc(size);
+    blocks += block ? 1 : 0;
+    return block;
+}
+
+void* allocateCleared(size_t number, size_t size)
+{
+    void* const block = isRefused() ? nullptr : std::calloc(number, size);
+    blocks += block ? 1 : 0;
+    return block;
+}
+
+void* reallocate(void* block, size_t size)
+{
+    if (!block)
+        return allocate(size);
+    return isRefused() ? nullptr : std::realloc(block, size);
+}
+
+void release(void* block)
+{
+    blocks -= block ? 1 : 0;
+    std::free(block);
+}
+
+const AvahiAllocator allocator = {allocate, release, reallocate, allocateCleared};
+
+/** The n-th allocation from now on fails. */
+void refuseAllocation(int number)
+{
+    refused = number;
+    allocations = 0;
+}
+
+/** A TXT record, its strings in the order of the wire. */
+class Text
+{
+public:
+    Text(std::initializer_list<const char*> strings)
+    {
+        for (auto next = strings.end(); next != strings.begin();)
+            m_list = avahi_string_list_add(m_list, *--next);
+    }
+    ~Text() { avahi_string_list_free(m_list); }
+    Text(const Text&) = delete;
+    Text& operator=(const Text&) = delete;
+
+    operator AvahiStringList*() const { return m_list; }
+
+private:
+    AvahiStringList* m_list = nullptr;
+};
+
+template <typename Base>
+class Open : public Base
+{
+public:
+    using Base::CreateTxtRecord;
+    using Base::GetSnapServerTxtRecord;
+    using Base::GetVandrelTxtRecord;
+    using Base::services;
+    using Base::txtRecord;
+};
+
+vd::SReconfigInfo wholeInfo()
+{
+    vd::SReconfigInfo info = vd::SReconfigInfo();
+    info.deviceKind = vd::DEVICE_KIND_SNAP_SERVER;
+    info.userName = QStringLiteral("admin");
+    info.password = QStringLiteral("secret");
+    info.dns1 = info.dns2 = info.dns3 = 1;
+    return info;
+}
+
+template <typename Discovery>
+class AvahiMemoryTest : public testing::Test
+{
+protected:
+    AvahiMemoryTest()
+    {
+        vd::LogQt::setStream(nullptr);
+        avahi_set_allocator(&allocator);
+        blocks = 0;
+        discovery.reset(new Open<Discovery>);
+        QObject::connect(discovery.get(), &vd::ServiceDiscovery::serviceFound,
+                         [this](const vd::SServiceInfo& info) { found.append(info); });
+    }
+    ~AvahiMemoryTest() override
+    {
+        CountedAvahi::refuse(CountedAvahi::KINDS);
+        refuseAllocation(0);
+        discovery.reset();
+        EXPECT_EQ(CountedAvahi::open(), 0);
+    }
+
+    bool publish() { return discovery->RegisterService("Setup", SETUP, wholeInfo()); }
+
+    /** Runs what managed discovery leaves to the event loop. */
+    static void turn()
+    {
+        for (int turns = 0; turns < 5; ++turns)
+            QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents, 20);
+    }
+
+    void appear(AvahiStringList* txt)
+    {
+        CountedAvahi::browsed(AVAHI_BROWSER_NEW, CAMERA);
+        while (CountedAvahi::open(CountedAvahi::Resolver) == 0)
+            turn();
+        CountedAvahi::resolved(CAMERA, HOST, ADDRESS, txt);
+    }
+
+    std::unique_ptr<Open<Discovery>> discovery;
+    QList<vd::SServiceInfo> found;
+};
+
+typedef testing::Types<vd::AvahiServiceDiscovery, vd::ManagedServiceDiscovery> Classes;
+TYPED_TEST_SUITE(AvahiMemoryTest, Classes);
+
+// From the first allocation on, until one is refused that is never made.
+template <typename Action>
+int forEachAllocation(Action action)
+{
+    for (int number = 1;; ++number) {
+        SCOPED_TRACE("allocation " + std::to_string(number));
+        refuseAllocation(number);
+        action();
+        const bool wasMade = allocations >= number;
+        refuseAllocation(0);
+        if (!wasMade || testing::Test::HasFailure())
+            return number - 1;
+    }
+}
+
+} // namespace
+
+TYPED_TEST(AvahiMemoryTest, RecordThatCannotBeBuiltWholeIsNotPublished)
+{
+    this->discovery->BrowseServices(HTTP);
+    int refusals = 0;
+    const int before = CountedAvahi::published();
+    const int made = forEachAllocation([&] {
+        if (this->publish())
+            return;
+        ++refusals;
+        EXPECT_EQ(this->discovery->txtRecord, nullptr);
+        EXPECT_FALSE(this->discovery->IsRegistered());
+    });
+    // Six keys, and three name servers.
+    EXPECT_EQ(made, 9);
+    EXPECT_EQ(refusals, made);
+    EXPECT_EQ(CountedAvahi::published() - before, 1);
+    EXPECT_TRUE(this->discovery->IsRegistered());
+    this->discovery->TerminateBrowsing();
+    EXPECT_EQ(blocks, 0) << "of the strings of half a record";
+}
+
+TYPED_TEST(AvahiMemoryTest, CameraTextThatCannotBeReadIsMissing)
+{
+    const Text txt = {"full_name.vandrel.com=Dome 4", "ser_no.vandrel.com=\x01\x02\x03", "fs_vers.vandrel.com=4.2.1"};
+    int wholly = 0;
+    const int made = forEachAllocation([&] {
+        vd::SServiceInfo info;
+        this->discovery->GetVandrelTxtRecord(info, txt);
+        const int missing = (info.serialNumber == 0) + info.modelName.isEmpty() + info.softwareVersion.isEmpty();
+        EXPECT_LE(missing, 1);
+        wholly += missing == 0 ? 1 : 0;
+        EXPECT_TRUE(info.serialNumber == 0 || info.serialNumber == 0x010203);
+        EXPECT_TRUE(info.modelName.isEmpty() || info.modelName == QLatin1String("Dome 4"));
+        EXPECT_TRUE(info.softwareVersion.isEmpty() || info.softwareVersion == QLatin1String("4.2.1"));
+    });
+    EXPECT_GE(made, 3);
+    EXPECT_EQ(wholly, 1);
+}
+
+TYPED_TEST(AvahiMemoryTest, StorageTextThatCannotBeReadIsMissing)
+{
+    const Text txt = {"model.snapserver.com=Box", "ser_no.snapserver.com=\x01\x02\x03", "freecapacity.snapserver.com=7"};
+    int wholly = 0;
+    const int made = forEachAllocation([&] {
+        vd::SServiceInfo info;
+        this->discovery->GetSnapServerTxtRecord(info, txt);
+        const int missing = (info.serialNumber == 0) + info.modelName.isEmpty() + info.freeCapacity.isEmpty();
+        EXPECT_LE(missing, 1);
+        wholly += missing == 0 ? 1 : 0;
+    });
+    EXPECT_GE(made, 3);
+    EXPECT_EQ(wholly, 1);
+}
+
+TYPED_TEST(AvahiMemoryTest, DeviceWhoseTextCannotBeReadIsFoundAllTheSame)
+{
+    const Text txt = {"ser_no.vandrel.com=\x01\x02\x03", "full_name.vandrel.com=Dome 4"};
+    const int made = forEachAllocation([&] {
+        this->discovery->TerminateBrowsing();
+        this->found.clear();
+        this->discovery->BrowseServices(HTTP);
+        this->appear(txt);
+        ASSERT_EQ(this->found.size(), 1);
+        EXPECT_EQ(this->found.first().addresses, QStringList(QLatin1String(ADDRESS)));
+    });
+    EXPECT_GE(made, 2);
+    EXPECT_EQ(this->found.first().serialNumber, 0x010203u);
+    EXPECT_EQ(this->found.first().modelName, QLatin1String("Dome 4"));
+}
