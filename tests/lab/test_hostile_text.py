@@ -4,9 +4,9 @@
 import json
 import re
 import signal
-import unicodedata
 
 from labkit.records import Device
+from labkit.terminal import LOG_LINE, whole_lines
 
 # Each begins what would be a line of its own, if a line break or a carriage return got through.
 FORGED_ROW = "FORGED               Vandrel camera       10.0.0.1  80"
@@ -38,10 +38,6 @@ NAMES = [
     'Quotes", \\x41 \\ "event":"lost"',
 ]
 
-# Of the library's own text, that alone has control characters.
-SERIAL_LINE = "\t\tser_no_vandrel.com "
-LOG_LINE = re.compile(rf"\S+Z \[1\] (AvahiServiceDiscovery::|TXTRecord parsed |{SERIAL_LINE})")
-
 
 def hostile_devices():
     texts = [*(text.encode() for text in TEXTS), *RAW_TEXTS]
@@ -55,11 +51,6 @@ def _camera(name, number, text):
                   [*txt, b"ser_no.vandrel.com=" + text[-3:]])
 
 
-def all_are_printable(text):
-    return not [character for character in text
-                if unicodedata.category(character) in ("Cc", "Cf", "Zl", "Zp", "Cs", "Co")]
-
-
 def run(stage, *options):
     """What vd-discover writes of the hostile devices, as lines; the log must already be in order."""
     lab = stage.lab()
@@ -71,11 +62,8 @@ def run(stage, *options):
     assert running.errors.wait_for(lambda lines: sum(bool(told.search(line)) for line in lines) == len(devices))
     status, output, errors, _ = running.interrupt(signal.SIGINT)
     assert status == 0
-    lines = output.decode().splitlines(keepends=True), errors.decode().splitlines(keepends=True)
-    for line in (*lines[0], *lines[1]):
-        assert line.endswith("\n") and all_are_printable(line[:-1].replace(SERIAL_LINE, "")), line
-    assert not [line for line in lines[1] if not LOG_LINE.match(line)]
-    return devices, [line[:-1] for line in lines[0]]
+    assert not [line for line in whole_lines(errors) if not LOG_LINE.match(line)]
+    return devices, whole_lines(output)
 
 
 def test_the_table_has_a_row_for_each_device_and_none_that_is_forged(stage):
