@@ -1,0 +1,38 @@
+// SPDX-License-Identifier: MIT
+#pragma once
+
+#include "model/Step.h"
+
+#include <cstddef>
+
+/** Performs steps, and those inside them when their time has come. */
+class Performer
+{
+public:
+    virtual ~Performer() = default;
+
+    void perform(const Step& step)
+    {
+        const Step* const outer = m_step;
+        const std::size_t outerSlots = m_slots;
+        m_step = &step;
+        m_slots = 0;
+        run(step);
+        m_step = outer;
+        m_slots = outerSlots;
+    }
+
+protected:
+    virtual void run(const Step& step) = 0;
+
+    /** To be called in the slot of every signal. */
+    void runInSlot()
+    {
+        if (m_step && m_slots < m_step->inSlots.size())
+            perform(m_step->inSlots[m_slots++]);
+    }
+
+private:
+    const Step* m_step = nullptr;
+    std::size_t m_slots = 0;
+};
