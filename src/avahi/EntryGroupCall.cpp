@@ -17,10 +17,10 @@ AvahiServiceDiscovery::EntryGroupCall::~EntryGroupCall()
         m_scope.discovery()->runningGroupCall = nullptr;
 }
 
-void AvahiServiceDiscovery::EntryGroupCall::takeOver(AvahiClient* client)
+void AvahiServiceDiscovery::EntryGroupCall::takeOver(AvahiClient* clientToFree)
 {
     m_scope.discovery()->runningGroupCall = nullptr;
-    m_clientToFree = client;
+    m_clientToFree = clientToFree;
 }
 
 void AvahiServiceDiscovery::EntryGroupCall::freeClient()

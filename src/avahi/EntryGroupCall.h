@@ -21,8 +21,8 @@ public:
     /** The group is as good as gone, and perhaps the object itself. */
     bool discoveryEnded() const { return m_scope.discoveryEnded(); }
 
-    /** Frees @p client when the call is over. */
-    void takeOver(AvahiClient* client);
+    /** Frees @p clientToFree when the call is over. */
+    void takeOver(AvahiClient* clientToFree);
 
 private:
     Q_DISABLE_COPY(EntryGroupCall)

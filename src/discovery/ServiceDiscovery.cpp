@@ -45,6 +45,7 @@ void ServiceDiscovery::queryNextRecord()
     StartQueryRecords(name.constData(), type.constData(), false);
 
     // An overriding StartQueryRecords() may have ended discovery.
+    // cppcheck-suppress knownConditionTrueFalse ; the pointer is cleared by the destructor
     if (!self || recordQueue.isEmpty())
         return;
 

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: MIT
 #include "responder/SystemBus.h"
 
+#include <QtCore/QByteArray>
+
 #include <cerrno>
 #include <cstdint>
-#include <cstdlib>
 #include <limits>
 #include <utility>
 
@@ -91,7 +92,7 @@ SystemBus::SystemBus(std::chrono::milliseconds time)
     , connection(nullptr, &closeConnection)
     , outcomeWithoutConnection(Outcome::Failed)
 {
-    if (!isLocalBus(std::getenv("DBUS_SYSTEM_BUS_ADDRESS")))
+    if (!isLocalBus(qgetenv("DBUS_SYSTEM_BUS_ADDRESS").constData()))
         return;
     sd_bus* opened = nullptr;
     const int result = sd_bus_open_system(&opened);

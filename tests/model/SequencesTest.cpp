@@ -24,11 +24,11 @@ std::uint64_t setting(const char* name, std::uint64_t otherwise)
     return text && *text ? std::strtoull(text, nullptr, 10) : otherwise;
 }
 
-/** Half of the parts run the same sequences every time, the others new ones, unless the seed is given. */
+/** Half of the shares run the same sequences every time, the others new ones, unless the seed is given. */
 std::uint64_t seedOf(int share)
 {
     static const std::uint64_t fresh = std::random_device()();
-    return setting("VD_MODEL_SEED", part % 4 < 2 ? FIXED_SEED : fresh);
+    return setting("VD_MODEL_SEED", share % 4 < 2 ? FIXED_SEED : fresh);
 }
 
 char running[100];

@@ -17,6 +17,7 @@
 #include <initializer_list>
 #include <memory>
 #include <string>
+#include <type_traits>
 
 namespace {
 
@@ -155,7 +156,16 @@ protected:
 };
 
 typedef testing::Types<vd::AvahiServiceDiscovery, vd::ManagedServiceDiscovery> Classes;
-TYPED_TEST_SUITE(AvahiMemoryTest, Classes);
+struct ClassNames
+{
+    template <typename Discovery>
+    static std::string GetName(int)
+    {
+        return std::is_same<Discovery, vd::AvahiServiceDiscovery>::value ? "Avahi" : "Managed";
+    }
+};
+
+TYPED_TEST_SUITE(AvahiMemoryTest, Classes, ClassNames);
 
 // From the first allocation on, until one is refused that is never made.
 template <typename Action>

@@ -22,6 +22,7 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -755,7 +756,7 @@ TEST_F(AvahiPollAdapterTimeout, NeverFiresEarly)
         timeouts.emplace_back(new Timeout(time));
         timeouts.back()->then = [&early, &fired, time] {
             const timeval now = wallTime();
-            early += timercmp(&now, &time, <) ? 1 : 0;
+            early += std::tie(now.tv_sec, now.tv_usec) < std::tie(time.tv_sec, time.tv_usec) ? 1 : 0;
             ++fired;
         };
     }

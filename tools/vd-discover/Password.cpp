@@ -11,7 +11,6 @@
 #include <array>
 #include <cerrno>
 #include <csignal>
-#include <cstring>
 
 #include <fcntl.h>
 #include <poll.h>
@@ -49,7 +48,7 @@ public:
         for (std::size_t i = 0; i < SIGNALS.size(); ++i)
             sigaction(SIGNALS[i], &m_outerActions[i], nullptr);
         if (caughtSignal != 0)
-            std::raise(caughtSignal);
+            static_cast<void>(std::raise(caughtSignal));
         pthread_sigmask(SIG_SETMASK, &m_outerMask, nullptr);
     }
 
@@ -97,7 +96,7 @@ private:
     throw UsageError{
         QStringLiteral("--password-file: %1 cannot be read: %2; give a file that can be read, or - for "
                        "standard input")
-            .arg(where, QString::fromLocal8Bit(std::strerror(error)))};
+            .arg(where, qt_error_string(error))};
 }
 
 // Whoever mistakes the option for one that takes the password itself must not see it on the screen or in a log.

@@ -6,7 +6,6 @@
 #include <QtCore/QSocketNotifier>
 
 #include <cerrno>
-#include <cstring>
 
 #include <sys/stat.h>
 #include <unistd.h>
@@ -58,7 +57,7 @@ bool ResultOutput::hasFailed() const
 
 QString ResultOutput::failureText() const
 {
-    return QStringLiteral("the results cannot be written: ") + QString::fromLocal8Bit(std::strerror(m_error))
+    return QStringLiteral("the results cannot be written: ") + qt_error_string(m_error)
            + QStringLiteral("; write them elsewhere");
 }
 

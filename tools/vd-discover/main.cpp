@@ -26,9 +26,11 @@ using namespace vd::discover;
 // What is printed is UTF-8 always; Qt would complain about any other locale, and misread the arguments.
 void useUtf8()
 {
-    std::setlocale(LC_ALL, "");
+    // NOLINTBEGIN(concurrency-mt-unsafe): no other thread runs yet.
+    static_cast<void>(std::setlocale(LC_ALL, ""));
     if (std::strcmp(nl_langinfo(CODESET), "UTF-8") != 0)
         setenv("LC_ALL", "C.UTF-8", 1);
+    // NOLINTEND(concurrency-mt-unsafe)
 }
 
 int printAndEnd(const QByteArray& text)
@@ -81,10 +83,11 @@ struct Runner
 
 } // namespace
 
+// NOLINTNEXTLINE(bugprone-exception-escape): what escapes is a lack of memory, with which nothing can be told.
 int main(int argc, char** argv)
 {
     occupyStandardDescriptors();
-    std::signal(SIGPIPE, SIG_IGN);
+    static_cast<void>(std::signal(SIGPIPE, SIG_IGN));
     useUtf8();
     QCoreApplication application(argc, argv);
 

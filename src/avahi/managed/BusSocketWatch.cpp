@@ -8,8 +8,6 @@
 
 #include <sys/stat.h>
 
-#include <cstdlib>
-
 namespace vd {
 
 namespace {
@@ -36,8 +34,8 @@ QString pathOfAddress(const QByteArray& address)
 // Of the first address that names one.
 QString pathOfSocket()
 {
-    const char* const variable = std::getenv("DBUS_SYSTEM_BUS_ADDRESS");
-    const QList<QByteArray> addresses = QByteArray(variable && *variable ? variable : DEFAULT_ADDRESS).split(';');
+    const QByteArray variable = qgetenv("DBUS_SYSTEM_BUS_ADDRESS");
+    const QList<QByteArray> addresses = (variable.isEmpty() ? QByteArray(DEFAULT_ADDRESS) : variable).split(';');
     for (int i = 0; i < addresses.size(); ++i) {
         const QString path = pathOfAddress(addresses.at(i));
         if (path.startsWith(QLatin1Char('/')))

@@ -15,6 +15,7 @@ const int SHARE_OF_OTHERS = 4;
 
 void ManagedServiceDiscovery::Private::query(const ServiceKey& key, bool longLived)
 {
+    // cppcheck-suppress variableScope ; it is tracked whether it is asked for this or not
     TrackedService& service = tracked[key];
     if (longLived) {
         service.isLongLived = true;
