@@ -133,6 +133,12 @@ bool isAnythingLeft(const Counts& before, const Counts& after)
 
 class LeakCheck : public testing::EmptyTestEventListener
 {
+    void OnTestProgramStart(const testing::UnitTest&) override
+    {
+        // With the first thread the thread sanitizer starts one of its own.
+        std::thread([] {}).join();
+    }
+
     void OnTestStart(const testing::TestInfo&) override { m_before = counts(); }
 
     void OnTestEnd(const testing::TestInfo& test) override
