@@ -391,6 +391,8 @@ TEST_F(ManagedTest, StoppingAQueryEndsThatServicesAndNoOther)
     turn();
     resolved(3, "A", "a.local", "10.0.0.1", cameraTxt);
     resolved(4, "B", "b.local", "10.0.0.2", cameraTxt);
+    onlyAnswerIs(3, "10.0.0.1");
+    onlyAnswerIs(4, "10.0.0.2");
     forgetAll();
     discovery().StopQueryRecords("A", HTTP);
     turn();

@@ -176,6 +176,120 @@ TEST_F(ManagedLimitsTest, AddressSeenAfterItWasMissingIsNotTakenAwayAtTheNextMis
     EXPECT_EQ(takeSignals(), Lines());
 }
 
+TEST_F(ManagedLimitsTest, LookAtTheAddressesGoesOnWhenItsQueryIsStopped)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    discovery().StopQueryRecords("Cam", HTTP);
+    turn();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "recordBrowser2"}));
+    onlyAnswerIs(2, "10.0.0.2");
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    turn(3400);
+    resolved(3, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    onlyAnswerIs(3, "10.0.0.2");
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList(QStringLiteral("10.0.0.2")));
+}
+
+TEST_F(ManagedLimitsTest, LookThatIsYetToBeginIsMadeThoughItsQueryIsStopped)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    ManagedDiscoveryTest::resolved(2, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    discovery().StopQueryRecords("Cam", HTTP);
+    takeCalls();
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)",
+                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 0) = recordBrowser2"}));
+}
+
+TEST_F(ManagedLimitsTest, LookAtTheAddressesGoesOnWhenItsQueryGivesUpItsRoom)
+{
+    discovery().setObjectLimit(12);
+    run();
+    for (int i = 1; i <= 4; ++i) {
+        appears(camName(i).c_str());
+        discovery().StartQueryRecords(camName(i).c_str(), HTTP, true);
+        turn();
+        resolved(i, camName(i).c_str(), "cam.local", "10.0.0.1", cameraTxt);
+    }
+    discovery().setObjectLimit(8);
+    turn();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver1", "recordBrowser1", "resolver2",
+                                          "recordBrowser2", "resolver3", "recordBrowser3", "recordBrowser4"}));
+    onlyAnswerIs(4, "10.0.0.1");
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver1", "recordBrowser1", "resolver2",
+                                          "recordBrowser2", "resolver3", "recordBrowser3"}));
+}
+
+TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpOnceMoreWhenNobodyAnswers)
+{
+    run();
+    found();
+    queryAgain(2, "10.0.0.2");
+    turn(3400);
+    resolved(3, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    record(3, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+    takeCalls();
+    turn(3400);
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
+                                 "resolver4"});
+}
+
+TEST_F(ManagedLimitsTest, LookThatNobodyAnswersIsNotRepeatedWhenNothingIsMissing)
+{
+    run();
+    found();
+    askAndResolve(2, "10.0.0.1");
+    record(2, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+    takeCalls();
+    turn(3400);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedLimitsTest, LookOfAKeptQueryThatFailsIsRepeated)
+{
+    run();
+    found();
+    keepOpen("Cam", 2);
+    record(2, AVAHI_BROWSER_FAILURE, "cam.local", nullptr);
+    takeCalls();
+    turn(5600);
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)",
+                                  "service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
+                                  "resolver3"}));
+}
+
+TEST_F(ManagedLimitsTest, LookThatFailsIsNotRepeatedWhenNothingIsMissing)
+{
+    run();
+    found();
+    askAndResolve(2, "10.0.0.1");
+    record(2, AVAHI_BROWSER_FAILURE, "cam.local", nullptr);
+    takeCalls();
+    turn(5600);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpOnceMoreWhenTheLookFails)
+{
+    run();
+    found();
+    queryAgain(2, "10.0.0.2");
+    turn(3400);
+    resolved(3, "Cam", "cam.local", "10.0.0.2", cameraTxt);
+    record(3, AVAHI_BROWSER_FAILURE, "cam.local", nullptr);
+    takeCalls();
+    turn(5600);
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
+                                 "resolver4"});
+}
+
 TEST_F(ManagedLimitsTest, HandlerThatBeginsAnewLeavesNothingOfTheOldEvent)
 {
     run();

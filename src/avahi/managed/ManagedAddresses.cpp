@@ -55,6 +55,7 @@ void ManagedServiceDiscovery::Private::follow(const ServiceKey& key, const QStri
     service.host = host;
     service.addressLinks.clear();
     service.isToBeFollowed = true;
+    service.isLookComplete = false;
     toFollow.append(key);
     scheduleCalls(0);
 }
@@ -138,10 +139,15 @@ void ManagedServiceDiscovery::Private::addressesComplete(const ServiceKey& key)
     TrackedService& service = tracked[key];
     const QMap<QString, QList<Link>> seen = service.addressLinks;
     const QStringList known = service.addresses;
+    service.isLookComplete = true;
     if (!service.isKept)
         closeAddressBrowser(service);
-    if (seen.isEmpty())
+    if (seen.isEmpty()) {
+        // Nobody has answered, so it tells nothing of those that were missing.
+        if (!service.missing.isEmpty())
+            retryIn(LOOK_AGAIN_MS, key);
         return;
+    }
     QStringList missing;
     for (int i = 0; i < known.size(); ++i) {
         if (!seen.contains(known.at(i)))
@@ -169,7 +175,7 @@ void ManagedServiceDiscovery::Private::addressBrowserFailed(const ServiceKey& ke
 {
     TrackedService& service = tracked[key];
     closeAddressBrowser(service);
-    if (service.isLongLived)
+    if (service.isLongLived || !service.missing.isEmpty())
         retryFailed(key, AVAHI_ERR_FAILURE);
 }
 

@@ -57,10 +57,16 @@ void ManagedServiceDiscovery::Private::endKeeping(const ServiceKey& key, Tracked
     service.isLongLived = false;
     parked.removeOne(key);
     unkeep(key, service);
-    // One that is not answered yet goes on, as any other does.
+    closeAnswered(service);
+}
+
+// What is not answered yet goes on, as with any other service.
+void ManagedServiceDiscovery::Private::closeAnswered(TrackedService& service)
+{
     if (!unanswered.contains(service.resolverNumber))
         closeResolver(service);
-    closeAddressBrowser(service);
+    if (service.isLookComplete)
+        closeAddressBrowser(service);
 }
 
 void ManagedServiceDiscovery::Private::enqueue(const ServiceKey& key)
@@ -183,9 +189,7 @@ void ManagedServiceDiscovery::Private::park(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
     parked.prepend(key);
-    if (!unanswered.contains(service.resolverNumber))
-        closeResolver(service);
-    closeAddressBrowser(service);
+    closeAnswered(service);
     unkeep(key, service);
 }
 

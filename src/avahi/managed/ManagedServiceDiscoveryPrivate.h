@@ -162,6 +162,7 @@ private:
     void retryFailed(const ServiceKey& key, int error);
     void forgetRetry(const ServiceKey& key, TrackedService& service);
     void endKeeping(const ServiceKey& key, TrackedService& service);
+    void closeAnswered(TrackedService& service);
     void keepIfThereIsRoom(const ServiceKey& key, TrackedService& service);
     void keep(const ServiceKey& key, TrackedService& service);
     void unkeep(const ServiceKey& key, TrackedService& service);

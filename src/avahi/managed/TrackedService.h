@@ -47,6 +47,7 @@ struct TrackedService
         , timesIgnored(0)
         , addressBrowser(nullptr)
         , isToBeFollowed(false)
+        , isLookComplete(false)
         , wasSeen(false)
         , isWaiting(false)
         , place(0)
@@ -85,6 +86,8 @@ struct TrackedService
     AvahiRecordBrowser* addressBrowser;
     /** The address browser is yet to be made. */
     bool isToBeFollowed;
+    /** The address browser has seen all there is for now. */
+    bool isLookComplete;
     /** What the address browser looks up. */
     QString host;
     /** What the address browser has seen, and where. */
