@@ -27,6 +27,7 @@ class NotedAnnouncements:
 
     def __init__(self):
         self.all = []
+        self.times_withdrawn = []
 
     async def publish(self, devices):
         self.all.append(("publish", *[(device.name, device.addresses, device.record) for device in devices]))
@@ -34,8 +35,9 @@ class NotedAnnouncements:
     async def withdraw_addresses(self, devices, addresses):
         self.all.append(("withdraw addresses", *[device.name for device in devices], addresses))
 
-    async def withdraw(self, devices, hosts_kept=(), says_it_twice=False):
+    async def withdraw(self, devices, hosts_kept=(), times=1):
         self.all.append(("withdraw", *[device.name for device in devices]))
+        self.times_withdrawn.append(times)
 
     def forget(self, devices):
         self.all.append(("forget", *[device.name for device in devices]))

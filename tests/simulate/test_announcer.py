@@ -39,7 +39,7 @@ class Link:
 @pytest.fixture
 def link(monkeypatch):
     monkeypatch.setattr(announcer, "REPEAT_AFTER_SECONDS", 0.02)
-    monkeypatch.setattr(announcer, "SECOND_GOODBYE_AFTER_SECONDS", 0.02)
+    monkeypatch.setattr(announcer, "GOODBYE_AGAIN_AFTER_SECONDS", 0.02)
     return Link()
 
 
@@ -90,16 +90,16 @@ def test_an_announcement_is_repeated_for_those_that_are_still_there(link):
     assert [len(link.of(device)) for device in fleet] == [1, 2, 2]
 
 
-def test_a_goodbye_may_be_said_twice(link):
+def test_a_goodbye_may_be_said_several_times(link):
     async def act():
         speaker, fleet = Announcer(link), devices(2)
         await speaker.publish(fleet)
         await speaker.withdraw(fleet[:1])
-        await speaker.withdraw(fleet[1:], says_it_twice=True)
+        await speaker.withdraw(fleet[1:], times=3)
         return fleet
 
     fleet = asyncio.run(act())
-    assert [link.of(device) for device in fleet] == [[4500, 0], [4500, 0, 0]]
+    assert [link.of(device) for device in fleet] == [[4500, 0], [4500, 0, 0, 0]]
 
 
 def test_the_address_of_a_host_that_others_stand_on_is_not_bidden_farewell(link):
@@ -112,12 +112,12 @@ def test_the_address_of_a_host_that_others_stand_on_is_not_bidden_farewell(link)
     assert [record.ttl for record in link.records() if isinstance(record, DNSAddress)] == [120]
 
 
-@pytest.mark.parametrize("twice", [False, True])
-def test_who_comes_back_while_goodbyes_are_said_gets_none_any_more(link, twice):
+@pytest.mark.parametrize("times", [1, 3])
+def test_who_comes_back_while_goodbyes_are_said_gets_none_any_more(link, times):
     async def act():
         speaker, fleet = Announcer(link), devices(100)
         await speaker.publish(fleet)
-        goodbyes = asyncio.create_task(speaker.withdraw(fleet, says_it_twice=twice))
+        goodbyes = asyncio.create_task(speaker.withdraw(fleet, times=times))
         await asyncio.sleep(0)
         await speaker.publish(fleet[-1:])
         await goodbyes

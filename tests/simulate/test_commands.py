@@ -70,6 +70,7 @@ def test_a_goodbye_is_said_and_a_silence_not(simulated):
     simulated.command("goodbye", device="Lobby")
     simulated.command("silence", device="Archive")
     assert simulated.announced.all == [("withdraw", "Lobby"), ("forget", "Archive")]
+    assert simulated.announced.times_withdrawn == [1]
     assert [device.presence for device in simulated.devices] == ["gone", "silent", "alive"]
 
 

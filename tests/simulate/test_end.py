@@ -64,6 +64,7 @@ def test_a_signal_ends_it_well_with_goodbyes(announced, capfd, monkeypatch, numb
     monkeypatch.setattr(Churn, "run", run)
     assert outcome(capfd) == (0, ["published", "published", "ready", "goodbye", "goodbye"], "")
     assert [what for what, *_ in announced.all] == ["publish", "withdraw"]
+    assert announced.times_withdrawn == [3]
 
 
 @pytest.mark.parametrize("error, message", [

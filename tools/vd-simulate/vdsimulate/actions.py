@@ -8,6 +8,8 @@ from .device import ALIVE, GONE, SILENT
 from .requests import RequestError
 
 MAX_RECORD = 8192
+# Daemons lose some of many packets that come at once, and nobody can repeat what they lost at the end.
+FINAL_GOODBYES = 3
 
 
 class Actions:
@@ -62,7 +64,7 @@ class Actions:
         for device in devices:
             device.presence = GONE
         self._tell_of_all("goodbye", devices, cause)
-        await self._announcer.withdraw(devices, says_it_twice=is_final)
+        await self._announcer.withdraw(devices, times=FINAL_GOODBYES if is_final else 1)
 
     async def silence(self, devices, cause):
         _require_all(devices, ALIVE)

@@ -13,7 +13,7 @@ from zeroconf import const
 from .dotted_names import DottedNames
 
 REPEAT_AFTER_SECONDS = 1.0
-SECOND_GOODBYE_AFTER_SECONDS = 0.2
+GOODBYE_AGAIN_AFTER_SECONDS = 0.2
 
 # So many packets are sent at once: more would overrun the receive buffer of a daemon that listens.
 BURST = 4
@@ -49,16 +49,15 @@ class Announcer:
                    for address in addresses]
         await self._send([records])
 
-    async def withdraw(self, services, hosts_kept=(), says_it_twice=False):
+    async def withdraw(self, services, hosts_kept=(), times=1):
         """Says goodbye for services, as far as they are published, but not for the addresses of these hosts."""
         goodbyes = {_full_name(service): service.host not in hosts_kept for service in services}
         goodbyes = {name: _records(self._infos[name], 0, with_addresses)
                     for name, with_addresses in goodbyes.items() if name in self._infos}
         self.forget(services)
         await self._say(goodbyes)
-        if says_it_twice:
-            # Daemons lose some of many packets that come at once.
-            await asyncio.sleep(SECOND_GOODBYE_AFTER_SECONDS)
+        for _ in range(times - 1):
+            await asyncio.sleep(GOODBYE_AGAIN_AFTER_SECONDS)
             await self._say(goodbyes)
 
     def forget(self, services):
