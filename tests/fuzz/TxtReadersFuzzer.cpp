@@ -10,6 +10,7 @@
 #include <strings.h>
 
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -142,47 +143,62 @@ void expectWholeLines(const QString& log, int lines)
     VD_EXPECT(bytes.empty() || bytes.back() == '\n');
 }
 
-int linesOf(const Strings& strings, const std::string& serialKey, const std::vector<std::string>& textKeys)
+typedef QString vd::SServiceInfo::*Member;
+
+/** A maker's reader, and what it reads of a record. */
+struct Maker
 {
-    int lines = find(strings, serialKey).value ? 1 : 0;
-    for (const std::string& key : textKeys)
-        lines += find(strings, key).isThere ? 1 : 0;
+    void (Discovery::*read)(vd::SServiceInfo& info, AvahiStringList* txt);
+    std::string serialKey;
+    std::vector<std::pair<std::string, Member>> texts;
+};
+
+vd::SServiceInfo readBy(const Maker& maker, Discovery& discovery, const Strings& strings)
+{
+    vd::SServiceInfo info = someRecord();
+    (discovery.*maker.read)(info, Txt(strings));
+    VD_EXPECT(info.serialNumber == serialOf(find(strings, maker.serialKey), 7));
+    for (const auto& [key, member] : maker.texts)
+        expectText(info.*member, find(strings, key));
+    VD_EXPECT(info.serviceName == QStringLiteral("name"));
+    return info;
+}
+
+int linesLoggedBy(const Maker& maker, const Strings& strings)
+{
+    int lines = find(strings, maker.serialKey).value ? 1 : 0;
+    for (const auto& text : maker.texts)
+        lines += find(strings, text.first).isThere ? 1 : 0;
     return lines;
 }
 
 void readVandrel(Discovery& discovery, Log& log, const Strings& strings)
 {
-    const std::string serialKey = "ser_no.vandrel.com";
-    vd::SServiceInfo info = someRecord();
-    discovery.GetVandrelTxtRecord(info, Txt(strings));
-    VD_EXPECT(info.serialNumber == serialOf(find(strings, serialKey), 7));
-    expectText(info.modelName, find(strings, "full_name.vandrel.com"));
-    expectText(info.softwareVersion, find(strings, "fs_vers.vandrel.com"));
-    expectText(info.errorText, find(strings, "error.vandrel.com"));
-    expectText(info.userdataOwner, find(strings, "userdata_owner.vandrel.com"));
-    VD_EXPECT(info.privacyMode == (textOf(find(strings, "privacy_mode.vandrel.com")) == QStringLiteral("T")));
-    VD_EXPECT(info.serviceName == QStringLiteral("name") && info.totalCapacity == QStringLiteral("before"));
-    expectWholeLines(log.take(), linesOf(strings, serialKey,
-                                         {"full_name.vandrel.com", "fs_vers.vandrel.com", "error.vandrel.com",
-                                          "userdata_owner.vandrel.com", "privacy_mode.vandrel.com"}));
+    static const Maker vandrel = {&Discovery::GetVandrelTxtRecord,
+                                  "ser_no.vandrel.com",
+                                  {{"full_name.vandrel.com", &vd::SServiceInfo::modelName},
+                                   {"fs_vers.vandrel.com", &vd::SServiceInfo::softwareVersion},
+                                   {"error.vandrel.com", &vd::SServiceInfo::errorText},
+                                   {"userdata_owner.vandrel.com", &vd::SServiceInfo::userdataOwner}}};
+    const Found privacyMode = find(strings, "privacy_mode.vandrel.com");
+    const vd::SServiceInfo info = readBy(vandrel, discovery, strings);
+    VD_EXPECT(info.privacyMode == (textOf(privacyMode) == QStringLiteral("T")));
+    VD_EXPECT(info.totalCapacity == QStringLiteral("before"));
+    expectWholeLines(log.take(), linesLoggedBy(vandrel, strings) + (privacyMode.isThere ? 1 : 0));
 }
 
 void readSnapServer(Discovery& discovery, Log& log, const Strings& strings)
 {
-    const std::string serialKey = "ser_no.snapserver.com";
-    vd::SServiceInfo info = someRecord();
-    discovery.GetSnapServerTxtRecord(info, Txt(strings));
-    VD_EXPECT(info.serialNumber == serialOf(find(strings, serialKey), 7));
-    expectText(info.modelName, find(strings, "model.snapserver.com"));
-    expectText(info.softwareVersion, find(strings, "sw_version.snapserver.com"));
-    expectText(info.errorText, find(strings, "error.snapserver.com"));
-    expectText(info.totalCapacity, find(strings, "totalcapacity.snapserver.com"));
-    expectText(info.freeCapacity, find(strings, "freecapacity.snapserver.com"));
+    static const Maker snapServer = {&Discovery::GetSnapServerTxtRecord,
+                                     "ser_no.snapserver.com",
+                                     {{"model.snapserver.com", &vd::SServiceInfo::modelName},
+                                      {"sw_version.snapserver.com", &vd::SServiceInfo::softwareVersion},
+                                      {"error.snapserver.com", &vd::SServiceInfo::errorText},
+                                      {"totalcapacity.snapserver.com", &vd::SServiceInfo::totalCapacity},
+                                      {"freecapacity.snapserver.com", &vd::SServiceInfo::freeCapacity}}};
+    const vd::SServiceInfo info = readBy(snapServer, discovery, strings);
     VD_EXPECT(info.privacyMode && info.userdataOwner == QStringLiteral("before"));
-    expectWholeLines(log.take(), linesOf(strings, serialKey,
-                                         {"model.snapserver.com", "sw_version.snapserver.com",
-                                          "error.snapserver.com", "totalcapacity.snapserver.com",
-                                          "freecapacity.snapserver.com"}));
+    expectWholeLines(log.take(), linesLoggedBy(snapServer, strings));
 }
 
 void recogniseVendor(Discovery& discovery, Log& log, const Strings& strings)

@@ -147,18 +147,6 @@ State Library::state() const
     return state;
 }
 
-void Library::run(const Step& step)
-{
-    if (!m_discovery)
-        return;
-    if (step.kind < Step::ClientState)
-        runOperation(step);
-    else if (step.kind <= Step::GroupState)
-        runEvent(step);
-    else
-        runSetting(step);
-}
-
 void Library::runOperation(const Step& step)
 {
     OpenDiscovery& d = *m_discovery;

@@ -32,16 +32,13 @@ public:
 
     void startAnew();
     void destroy() { m_discovery.reset(); }
-    bool isDestroyed() const { return !m_discovery; }
+    bool isDestroyed() const override { return !m_discovery; }
     std::vector<std::string> liveHandles() const { return m_avahi.liveHandles(); }
 
-protected:
-    void run(const Step& step) override;
-
 private:
-    void runOperation(const Step& step);
-    void runEvent(const Step& step);
-    void runSetting(const Step& step);
+    void runOperation(const Step& step) override;
+    void runEvent(const Step& step) override;
+    void runSetting(const Step& step) override;
     void fireResolve(int resolver, const Step& step);
     /** The state of the object that the call is about is told while it runs. */
     void fireInsideNextCall(const Step& step);

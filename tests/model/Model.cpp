@@ -159,18 +159,6 @@ void Model::destroy()
     m_destroyed = true;
 }
 
-void Model::run(const Step& step)
-{
-    if (m_destroyed)
-        return;
-    if (step.kind < Step::ClientState)
-        runOperation(step);
-    else if (step.kind <= Step::GroupState)
-        runEvent(step);
-    else
-        runSetting(step);
-}
-
 void Model::runOperation(const Step& step)
 {
     const auto returns = [this](bool result) { seen.results.push_back(result); };

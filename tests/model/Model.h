@@ -32,15 +32,12 @@ public:
     /** The object is deleted, and a new one takes its place. */
     void startAnew();
     void destroy();
-    bool isDestroyed() const { return m_destroyed; }
-
-protected:
-    void run(const Step& step) override;
+    bool isDestroyed() const override { return m_destroyed; }
 
 private:
-    void runOperation(const Step& step);
-    void runEvent(const Step& step);
-    void runSetting(const Step& step);
+    void runOperation(const Step& step) override;
+    void runEvent(const Step& step) override;
+    void runSetting(const Step& step) override;
 
     bool browseServices(const char* type);
     bool makeClient();

@@ -22,8 +22,12 @@ public:
         m_slots = outerSlots;
     }
 
+    virtual bool isDestroyed() const = 0;
+
 protected:
-    virtual void run(const Step& step) = 0;
+    virtual void runOperation(const Step& step) = 0;
+    virtual void runEvent(const Step& step) = 0;
+    virtual void runSetting(const Step& step) = 0;
 
     /** To be called in the slot of every signal. */
     void runInSlot()
@@ -33,6 +37,18 @@ protected:
     }
 
 private:
+    void run(const Step& step)
+    {
+        if (isDestroyed())
+            return;
+        if (step.kind < Step::ClientState)
+            runOperation(step);
+        else if (step.kind <= Step::GroupState)
+            runEvent(step);
+        else
+            runSetting(step);
+    }
+
     const Step* m_step = nullptr;
     std::size_t m_slots = 0;
 };

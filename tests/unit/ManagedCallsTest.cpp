@@ -6,6 +6,7 @@
 #include <QtCore/QTimer>
 
 #include <algorithm>
+#include <array>
 
 /** Managed discovery with a bus, over which the daemon answers when the test says so. */
 class ManagedCallsTest : public ManagedTest
@@ -44,6 +45,15 @@ protected:
             questions = bus.takeQuestions();
         }
         return questions.size();
+    }
+
+    /** Answers what is asked until there is nothing left to be done. */
+    void answerAllQuestions()
+    {
+        do {
+            answer();
+            letTimePass();
+        } while (!bus.takeQuestions().empty());
     }
 
     void answer()
@@ -114,16 +124,11 @@ protected:
         EXPECT_LT(between, RECENT_MS) << "the machine was never fast enough";
     }
 
-    static std::string newResolver(const std::string& name, int number, const char* type = HTTP, int client = 1)
-    {
-        return "service_resolver_new(client" + std::to_string(client) + ", -1, -1, \"" + name + "\", \"" + type
-               + "\", \"local\", 0, 2) = resolver" + std::to_string(number);
-    }
-
     // What the library goes by.
     static constexpr int RECENT_MS = 10;
     static constexpr int LATE_ANSWER_MS = 110;
     static constexpr int QUIET_MS = 15;
+    static constexpr int FLOW = 4;
     static constexpr int TIME_TO_ANSWER_MS = 20;
     static constexpr size_t MOST_UNSETTLED = 16;
 
@@ -442,22 +447,23 @@ TEST_F(ManagedCallsTest, NothingIsAskedOrCalledWhileServicesAppearOneAfterTheOth
     bool wasPunctual = false;
     int number = 0;
     for (int attempt = 1; attempt <= ATTEMPTS && !wasPunctual; ++attempt) {
-        letTimePass();
-        bus.takeQuestions();
+        answerAllQuestions();
         wasPunctual = true;
-        QElapsedTimer sinceLast;
+        std::array<QElapsedTimer, FLOW> sinceLast;
+        for (QElapsedTimer& since : sinceLast)
+            since.start();
         for (int i = 0; i < 60 && wasPunctual; ++i) {
             appears(camName(++number).c_str());
-            sinceLast.start();
+            sinceLast[i % FLOW].start();
             turn(2);
             const Lines questions = bus.takeQuestions();
-            wasPunctual = sinceLast.elapsed() < QUIET_MS;
+            const QElapsedTimer& sinceFirst = sinceLast[(i + 1) % FLOW];
+            wasPunctual = sinceFirst.elapsed() < QUIET_MS;
             ASSERT_TRUE(questions.empty() || !wasPunctual);
         }
-        const size_t questions = awaitQuestion();
-        EXPECT_TRUE(questions == 1 || !wasPunctual);
-        answer();
-        letTimePass();
+        if (wasPunctual) {
+            EXPECT_EQ(awaitQuestion(), 1u);
+        }
     }
     EXPECT_TRUE(wasPunctual);
 }

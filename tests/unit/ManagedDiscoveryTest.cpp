@@ -11,8 +11,7 @@ TEST_F(ManagedTest, FoundDeviceIsSignalledAndHoldsNothingOpen)
     appears("Cam");
     EXPECT_EQ(takeCalls(), Lines());
     turn();
-    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
-                                 "resolver1"});
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 1)});
     resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
     EXPECT_EQ(takeSignals(), Lines{"found " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known)});
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)",
@@ -133,7 +132,7 @@ TEST_F(ManagedTest, LossOfTheTypeThatTheRecordTellsOfResolvesTheOther)
     disappears("Cam");
     turn();
     EXPECT_EQ(takeCalls().back(),
-              "service_resolver_new(client1, -1, -1, \"Cam\", \"_https._tcp\", \"local\", 0, 2) = resolver3");
+              newResolver("Cam", 3, HTTPS));
 }
 
 // Records.
@@ -252,8 +251,7 @@ TEST_F(ManagedTest, MissingAddressIsLookedUpAgainSoon)
     queryAgain(2, "10.0.0.2");
     takeCalls();
     turn(3400);
-    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
-                                 "resolver3"});
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 3)});
 }
 
 TEST_F(ManagedTest, AnswerWithoutAnyAddressRemovesNone)
@@ -463,7 +461,7 @@ TEST_F(ManagedTest, ResolversThatAreNeverAnsweredGiveWay)
     turn(1300);
     Lines calls = takeCalls();
     EXPECT_NE(std::find(calls.begin(), calls.end(),
-                        "service_resolver_new(client1, -1, -1, \"Ghost13\", \"_http._tcp\", \"local\", 0, 2) = resolver14"),
+                        newResolver("Ghost13", 14)),
               calls.end());
     EXPECT_LE(avahi.liveHandles().size(), 9u);
 }

@@ -155,8 +155,7 @@ TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpAgainSoonThoughAPrinterIsLeftA
     onlyAnswerIs(2, "10.0.0.2");
     takeCalls();
     turn(3400);
-    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
-                                 "resolver4"});
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 4)});
 }
 
 TEST_F(ManagedLimitsTest, AddressSeenAfterItWasMissingIsNotTakenAwayAtTheNextMiss)
@@ -237,8 +236,7 @@ TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpOnceMoreWhenNobodyAnswers)
     record(3, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
     takeCalls();
     turn(3400);
-    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
-                                 "resolver4"});
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 4)});
 }
 
 TEST_F(ManagedLimitsTest, LookThatNobodyAnswersIsNotRepeatedWhenNothingIsMissing)
@@ -261,8 +259,7 @@ TEST_F(ManagedLimitsTest, LookOfAKeptQueryThatFailsIsRepeated)
     takeCalls();
     turn(5600);
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)",
-                                  "service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
-                                  "resolver3"}));
+                                  newResolver("Cam", 3)}));
 }
 
 TEST_F(ManagedLimitsTest, LookThatFailsIsNotRepeatedWhenNothingIsMissing)
@@ -286,8 +283,7 @@ TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpOnceMoreWhenTheLookFails)
     record(3, AVAHI_BROWSER_FAILURE, "cam.local", nullptr);
     takeCalls();
     turn(5600);
-    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"local\", 0, 2) = "
-                                 "resolver4"});
+    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 4)});
 }
 
 TEST_F(ManagedLimitsTest, HandlerThatBeginsAnewLeavesNothingOfTheOldEvent)

@@ -132,6 +132,12 @@ protected:
         onlyAnswerIs(number, address);
     }
 
+    static std::string newResolver(const std::string& name, int number, const char* type = HTTP, int client = 1)
+    {
+        return "service_resolver_new(client" + std::to_string(client) + ", -1, -1, \"" + name + "\", \"" + type
+               + "\", \"local\", 0, 2) = resolver" + std::to_string(number);
+    }
+
     static std::string camName(int number) { return "Cam" + std::to_string(number); }
 
     /** Answers every resolver that was made since the calls were asked for last; returns the names of its services. */
