@@ -15,9 +15,9 @@
 
 #include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
+#include <iostream>
 
 namespace {
 
@@ -156,17 +156,17 @@ int discover(QCoreApplication& application, const char* type, int wanted)
         progress.hosts.insert(host);
         endIfComplete();
     };
-    QObject::connect(&discovery, &vd::ServiceDiscovery::serviceFound, &application, [&](vd::SServiceInfo) {
+    QObject::connect(&discovery, &vd::ServiceDiscovery::serviceFound, &application, [&](const vd::SServiceInfo&) {
         progress.found();
         endIfComplete();
     });
     if (!discovery.BrowseServices(type)) {
-        std::fprintf(stderr, "library-client: cannot browse; is avahi-daemon running?\n");
+        std::cerr << "library-client: cannot browse; is avahi-daemon running?\n";
         return 3;
     }
     QTimer::singleShot(TIMEOUT_MS, &application, [&] {
-        std::fprintf(stderr, "library-client: %d of %d devices, addresses of %d, after %d s\n", progress.devices,
-                     wanted, int(progress.hosts.size()), TIMEOUT_MS / 1000);
+        std::cerr << "library-client: " << progress.devices << " of " << wanted << " devices, addresses of "
+                  << progress.hosts.size() << ", after " << TIMEOUT_MS / 1000 << " s\n";
         application.exit(1);
     });
     return QCoreApplication::exec();
@@ -178,9 +178,9 @@ int main(int argc, char** argv)
 {
     QCoreApplication application(argc, argv);
     const bool managed = argc == 4 && std::strcmp(argv[1], "--managed") == 0;
-    const int wanted = argc == 3 || managed ? std::atoi(argv[argc - 1]) : 0;
+    const int wanted = argc == 3 || managed ? QByteArray(argv[argc - 1]).toInt() : 0;
     if (wanted < 1) {
-        std::fprintf(stderr, "usage: library-client [--managed] TYPE COUNT\n");
+        std::cerr << "usage: library-client [--managed] TYPE COUNT\n";
         return 2;
     }
     const auto run = managed ? discover<vd::ManagedServiceDiscovery> : discover<vd::AvahiServiceDiscovery>;

@@ -24,7 +24,7 @@
 
 #include <unistd.h>
 
-#include <cstdio>
+#include <iostream>
 
 namespace {
 
@@ -134,7 +134,7 @@ private:
 int main(int argc, char** argv)
 {
     if (!QtObjects::watch()) {
-        std::fprintf(stderr, "soak-client: this Qt has other hooks than those known here; use Qt 5.15 or 6.4\n");
+        std::cerr << "soak-client: this Qt has other hooks than those known here; use Qt 5.15 or 6.4\n";
         return CANNOT_WATCH;
     }
     QCoreApplication application(argc, argv);

@@ -44,8 +44,22 @@ static struct device* devices;
 static int seen;
 static int next_in_line;
 static const char* browsed_type;
+static int has_failed;
 
 static void resolve_next(void);
+
+static void fail(void)
+{
+    has_failed = 1;
+    avahi_simple_poll_quit(poll_api);
+}
+
+/* 0 for what is none. */
+static int number(const char* text)
+{
+    const long value = strtol(text, NULL, 10);
+    return value > 0 && value <= 1000000 ? (int)value : 0;
+}
 
 static double elapsed_ms(void)
 {
@@ -119,7 +133,8 @@ static void resolved(AvahiServiceResolver* resolver, AvahiIfIndex interface, Ava
                                   record_event, userdata)) {
         fprintf(stderr, "plain-client: no record browser for %s: %s\n", host,
                 avahi_strerror(avahi_client_errno(client)));
-        exit(1);
+        fail();
+        return;
     }
     resolve_next();
 }
@@ -171,17 +186,17 @@ static void timed_out(AvahiTimeout* timeout, void* userdata)
 {
     (void)timeout, (void)userdata;
     fprintf(stderr, "plain-client: %d of %d devices, %d addresses after %d s\n", found, wanted, addresses, TIMEOUT_S);
-    exit(1);
+    fail();
 }
 
 int main(int argc, char** argv)
 {
     if (argc == 5 && strcmp(argv[1], "--window") == 0) {
-        window = atoi(argv[2]);
+        window = number(argv[2]);
         argc -= 2;
         argv += 2;
     }
-    wanted = argc == 3 ? atoi(argv[2]) : 0;
+    wanted = argc == 3 ? number(argv[2]) : 0;
     if (wanted < 1) {
         fprintf(stderr, "usage: plain-client [--window N] TYPE COUNT\n");
         return 2;
@@ -211,5 +226,5 @@ int main(int argc, char** argv)
     avahi_client_free(client);
     avahi_simple_poll_free(poll_api);
     free(devices);
-    return 0;
+    return has_failed;
 }

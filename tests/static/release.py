@@ -8,7 +8,7 @@ from pathlib import Path
 from buildkit import ROOT
 
 RELEASE = Path(os.environ.get("VD_RELEASE_DIR", ROOT / "build" / "release")).resolve()
-REMEDY = "Build it: cmake --preset release && cmake --build --preset release"
+REMEDY = "Build it: cmake --preset release -DVD_BUILD_BENCHMARKS=ON && cmake --build --preset release"
 
 
 def commands_of(*folders):

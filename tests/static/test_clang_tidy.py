@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What clang-tidy finds in the library, the tools and the examples, with the checks of .clang-tidy."""
+"""What clang-tidy finds in the library, the tools, the examples and the benchmarks, with the checks of .clang-tidy."""
 
 import os
 import re
@@ -11,7 +11,7 @@ import pytest
 from buildkit import ROOT
 from release import RELEASE, commands_of
 
-FOLDERS = ("src", "tools", "examples")
+FOLDERS = ("src", "tools", "examples", "bench")
 
 
 def findings(path, *options):
