@@ -9,7 +9,8 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 BUILD = Path(os.environ.get("VD_FUZZ_BUILD_DIR", HERE.parents[1] / "build" / "fuzz")).resolve()
 FUZZERS = ("address-bytes", "command-line-text", "publish-record", "sequences", "txt-readers")
-LONGEST_INPUT_S = 10
+# An input takes milliseconds; a busy machine may hold up a program for seconds.
+LONGEST_INPUT_S = 60
 MOST_MEMORY_MB = 4096
 
 
@@ -39,6 +40,7 @@ class Run:
 
     def _command(self, name, seconds):
         command = [self.program(name), f"-max_total_time={seconds}", f"-timeout={LONGEST_INPUT_S}",
+                   f"-report_slow_units={LONGEST_INPUT_S}",
                    f"-rss_limit_mb={MOST_MEMORY_MB}", "-print_final_stats=1", f"-artifact_prefix={self._breaking}/"]
         dictionary = HERE / f"{name}.dict"
         if dictionary.exists():

@@ -1,10 +1,13 @@
 # SPDX-License-Identifier: MIT
 """What else can happen to a client on its machine: no descriptors left, a clock that is set, a process that is stopped."""
 
+import json
 import os
 import signal
 import struct
 import time
+from datetime import datetime
+from pathlib import Path
 
 import pytest
 
@@ -143,6 +146,10 @@ class WallClock:
         with open(self._shift, "r+b" if self._shift.exists() else "wb", buffering=0) as file:
             file.write(struct.pack("q", seconds))
 
+    @staticmethod
+    def is_that_of(pid):
+        return SHIFTED_CLOCK.name in Path(f"/proc/{pid}/maps").read_text()
+
 
 STEPS = (HOUR_S, 0, -HOUR_S, 0)
 
@@ -158,6 +165,7 @@ def test_discovery_and_queries_go_on_when_the_clock_is_set(stage, options):
     lab = stage.lab()
     clock = WallClock(lab)
     probe, publisher = stage.probe(lab, *options, program=[*clock.before, PROBE]), stage.publisher(lab)
+    assert clock.is_that_of(probe.pid)
     assert probe.call("browse", type="_http._tcp") is True
     probe.call("start-query-all")
     publisher.publish(numbered(0))
@@ -191,6 +199,9 @@ def test_the_tool_ends_in_time_when_the_clock_is_set(stage, plain):
     status, output, errors, seconds = running.wait()
     assert (status, errors, [service["serviceName"] for _, service in events(output)]) == (
         0, b"", [camera().name, numbered(1).name, numbered(2).name])
+    hours = [datetime.fromisoformat(json.loads(line)["time"].replace("Z", "+00:00")).timestamp() / HOUR_S
+             for line in output.splitlines()]
+    assert [round(hour - hours[0]) for hour in hours] == [0, -1, 1]
     # Qt's timers may be a twentieth early.
     assert 3.7 < seconds < 4 + SOON_S
 

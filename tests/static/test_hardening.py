@@ -12,6 +12,7 @@ from release import RELEASE, REMEDY, commands_of
 
 LIBRARY = RELEASE / "src" / "libvddiscovery.so"
 PROGRAM = RELEASE / "tools" / "vd-discover" / "vd-discover"
+only_on_x86 = pytest.mark.skipif(os.uname().machine != "x86_64", reason="only x86 has control-flow enforcement")
 BOTH = pytest.mark.parametrize("file", [LIBRARY, PROGRAM], ids=lambda file: file.name)
 
 
@@ -88,12 +89,21 @@ def test_the_program_is_loaded_at_any_address():
     assert "(Position-Independent Executable file)" in succeed("readelf", "-hW", PROGRAM)
 
 
-@pytest.mark.skipif(os.uname().machine != "x86_64", reason="only x86 has control-flow enforcement")
+@only_on_x86
 def test_the_library_is_marked_for_shadow_stacks_and_branch_targets():
     assert re.findall(r"x86 feature: (.*)", succeed("readelf", "-nW", LIBRARY)) == ["IBT, SHSTK"]
 
 
-@pytest.mark.skipif(os.uname().machine != "x86_64", reason="only x86 has control-flow enforcement")
+@only_on_x86
+def test_every_function_that_hosts_call_begins_with_a_branch_target():
+    exported = re.findall(r"^([0-9a-f]{16}) [TW] (\w+)$", succeed("nm", "-D", "--defined-only", LIBRARY), re.MULTILINE)
+    code = succeed("objdump", "-d", "--no-show-raw-insn", LIBRARY)
+    first = dict(re.findall(r"^([0-9a-f]{16}) <.*>:\n +[0-9a-f]+:\t(\w+)", code, re.MULTILINE))
+    assert exported
+    assert [name for address, name in exported if first[address] != "endbr64"] == []
+
+
+@only_on_x86
 def test_what_the_dynamic_linker_calls_begins_with_a_branch_target():
     assert re.findall(r"\((?:INIT|FINI)\)", dynamic_section(LIBRARY)) == []
 
@@ -118,9 +128,14 @@ def test_every_source_is_compiled_with_the_checks_of_the_c_and_the_cxx_library(e
     assert sorted(unchecked) == []
 
 
-def test_every_source_is_compiled_with_guarded_stacks(entries):
-    wanted = {"-fstack-protector-strong", "-fstack-clash-protection"}
-    unguarded = [entry["file"] for entry in entries
-                 if not wanted <= set(shlex.split(entry["command"]))]
+def compiled_without(entries, *options):
+    return [entry["file"] for entry in entries if not {*options} <= {*shlex.split(entry["command"])}]
 
-    assert unguarded == []
+
+def test_every_source_is_compiled_with_guarded_stacks(entries):
+    assert compiled_without(entries, "-fstack-protector-strong", "-fstack-clash-protection") == []
+
+
+@only_on_x86
+def test_every_source_is_compiled_with_checked_returns_and_branches(entries):
+    assert compiled_without(entries, "-fcf-protection=full") == []

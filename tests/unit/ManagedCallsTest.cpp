@@ -184,7 +184,7 @@ TEST_F(ManagedCallsTest, WhatHappensMeanwhileIsWorkedOffAfterTheAnswer)
 
     answer();
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", "service_resolver_free(resolver2)",
-                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 0) = recordBrowser1",
+                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 2) = recordBrowser1",
                                   newResolver("Third", 3), newResolver("Cam", 4), newResolver("Fourth", 5)}));
 }
 

@@ -15,7 +15,7 @@ TEST_F(ManagedTest, FoundDeviceIsSignalledAndHoldsNothingOpen)
     resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
     EXPECT_EQ(takeSignals(), Lines{"found " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known)});
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)",
-                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 0) = recordBrowser1"}));
+                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 2) = recordBrowser1"}));
     record(1, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.1");
     record(1, AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr);
     EXPECT_EQ(takeCalls(), Lines());

@@ -204,7 +204,7 @@ TEST_F(ManagedLimitsTest, LookThatIsYetToBeginIsMadeThoughItsQueryIsStopped)
     takeCalls();
     turn();
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)",
-                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 0) = recordBrowser2"}));
+                                  "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 2) = recordBrowser2"}));
 }
 
 TEST_F(ManagedLimitsTest, LookAtTheAddressesGoesOnWhenItsQueryGivesUpItsRoom)

@@ -238,10 +238,11 @@ void ManagedServiceDiscovery::Private::makeAddressBrowser(const ServiceKey& key)
     if (service == tracked.end() || !service->isToBeFollowed)
         return;
     service->isToBeFollowed = false;
+    // A device may name a host anywhere; the daemon is not to ask the machine's name server for it.
     service->addressBrowser
         = avahi_record_browser_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
                                    bytesFromText(service->host).constData(), AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A,
-                                   static_cast<AvahiLookupFlags>(0), SAvahiRecordBrowser_callback, q);
+                                   AVAHI_LOOKUP_USE_MULTICAST, SAvahiRecordBrowser_callback, q);
     if (service->addressBrowser) {
         addressBrowsers.insert(service->addressBrowser, key);
         return;
