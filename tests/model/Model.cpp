@@ -9,8 +9,12 @@
 #include <avahi-common/error.h>
 
 #include <algorithm>
+#include <cstdio>
 #include <cstring>
+#include <iterator>
 #include <strings.h>
+#include <tuple>
+#include <utility>
 
 namespace {
 
@@ -26,17 +30,60 @@ bool isUtf8(const char* bytes)
     return !bytes || textOf(bytes).toUtf8() == QByteArray(bytes);
 }
 
-/** As the log shows text of others: a control character must neither end a line nor reach a terminal. */
+struct Range
+{
+    unsigned first;
+    unsigned last;
+};
+
+/** Controls, what ends a line, and what changes the order of what is shown or is not seen. Joiners are needed. */
+const Range HIDDEN[] = {
+    {0x0, 0x1f},        {0x7f, 0x9f},       {0xad, 0xad},       {0x600, 0x605},     {0x61c, 0x61c},
+    {0x6dd, 0x6dd},     {0x70f, 0x70f},     {0x8e2, 0x8e2},     {0x180e, 0x180e},   {0x200b, 0x200b},
+    {0x200e, 0x200f},   {0x2028, 0x202e},   {0x2060, 0x2064},   {0x2066, 0x206f},   {0xfeff, 0xfeff},
+    {0xfff9, 0xfffb},   {0x110bd, 0x110bd}, {0x110cd, 0x110cd}, {0x1bca0, 0x1bca3}, {0x1d173, 0x1d17a},
+    {0xe0001, 0xe0001}, {0xe0020, 0xe007f},
+};
+
+bool isHidden(unsigned character)
+{
+    return std::any_of(std::begin(HIDDEN), std::end(HIDDEN), [character](const Range& range) {
+        return range.first <= character && character <= range.last;
+    });
+}
+
+std::string inDigits(unsigned character)
+{
+    char digits[16];
+    if (character < 0x100)
+        std::snprintf(digits, sizeof digits, "\\x%02x", character);
+    else if (character < 0x10000)
+        std::snprintf(digits, sizeof digits, "\\u%04x", character);
+    else
+        std::snprintf(digits, sizeof digits, "\\U%08x", character);
+    return digits;
+}
+
+/** The first character of UTF-8, and how many bytes it takes. */
+std::pair<unsigned, std::size_t> characterOf(std::string_view bytes)
+{
+    const unsigned lead = static_cast<unsigned char>(bytes[0]);
+    const std::size_t size = lead < 0x80 ? 1 : lead < 0xe0 ? 2 : lead < 0xf0 ? 3 : 4;
+    unsigned character = size == 1 ? lead : lead & (0x7fu >> size);
+    for (std::size_t i = 1; i < size; ++i)
+        character = character << 6 | (static_cast<unsigned char>(bytes[i]) & 0x3fu);
+    return {character, size};
+}
+
+/** As the log shows text of others, which must neither end a line nor steer a terminal nor stand in another order. */
 std::string shown(const QString& text)
 {
-    std::string line = text.toStdString();
-    for (std::size_t place = 0; place < line.size(); ++place) {
-        const unsigned char value = static_cast<unsigned char>(line[place]);
-        if (value >= 0x20 && value != 0x7f)
-            continue;
-        char escaped[8];
-        std::snprintf(escaped, sizeof escaped, "\\x%02x", static_cast<unsigned>(value));
-        line.replace(place, 1, escaped);
+    const std::string bytes = text.toStdString();
+    std::string line;
+    for (std::size_t place = 0, size = 0; place < bytes.size(); place += size) {
+        unsigned character = 0;
+        std::tie(character, size) = characterOf(std::string_view(bytes).substr(place));
+        line += isHidden(character) ? inDigits(character) : bytes.substr(place, size);
     }
     return line;
 }
@@ -99,9 +146,16 @@ quint16 checksumOf(const std::string& bytes)
     return static_cast<quint16>(crc ^ 0xffff);
 }
 
+/** One that is not half of a pair. */
 bool hasSurrogate(const QString& text)
 {
-    return QString::fromUtf8(text.toUtf8()) != text;
+    for (int i = 0; i < text.size(); ++i) {
+        const bool isPair = text[i].isHighSurrogate() && i + 1 < text.size() && text[i + 1].isLowSurrogate();
+        if (!isPair && text[i].isSurrogate())
+            return true;
+        i += isPair ? 1 : 0;
+    }
+    return false;
 }
 
 std::string wordInMemory(quint32 value)

@@ -7,7 +7,12 @@
 #include <vd/LogQt.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <memory>
 #include <set>
+#include <string>
+#include <vector>
 
 namespace {
 
@@ -72,10 +77,21 @@ std::vector<NamedFault> faults()
         {"Timer", [](Faulty& d) { d.queryTimer.start(15000); }, "timer running"},
         {"Interval", [](Faulty& d) { d.queryTimer.setInterval(200); }, "timer interval"},
         {"Registration", [](Faulty& d) { d.registeredName = "x"; }, "registered name"},
-        {"HeldResolver",
+        {"RegisteredType", [](Faulty& d) { d.registeredType = "x"; }, "registered type"},
+        {"Client", [](Faulty& d) { d.client = nullptr; }, "presence of a client"},
+        // Whatever is held, only whether there is something.
+        {"HeldResolver", [](Faulty& d) { d.longLiveResolver = reinterpret_cast<AvahiServiceResolver*>(d.client); },
+         "long-lived resolver held"},
+        {"HeldRecordBrowser",
+         [](Faulty& d) { d.longLiveRecordBrowser = reinterpret_cast<AvahiRecordBrowser*>(d.client); },
+         "long-lived record browser held"},
+        {"Group", [](Faulty& d) { d.entryGroup = reinterpret_cast<AvahiEntryGroup*>(d.client); },
+         "IsRegistered()"},
+        {"StoredTxtRecord", [](Faulty& d) { d.txtRecord = avahi_string_list_new("x", nullptr); },
+         "stored TXT record, line 1"},
+        {"MadeResolver",
          [](Faulty& d) {
-             d.longLiveResolver
-                 = avahi_service_resolver_new(d.client, 0, 0, "", "", "", 0, AvahiLookupFlags(), nullptr, nullptr);
+             avahi_service_resolver_new(d.client, 0, 0, "", "", "", 0, AvahiLookupFlags(), nullptr, nullptr);
          },
          "calls of Avahi, line 2"},
     };
@@ -101,6 +117,41 @@ public:
     }
 };
 
+/** A library that takes no notice of a service without a TXT record. */
+class RecordlessDiscovery : public OpenDiscovery
+{
+public:
+    void ServiceResolve(AvahiServiceResolver* resolver, int interface, int protocol, AvahiResolverEvent event,
+                        const char* name, const char* type, const char* domain, const char* host,
+                        const AvahiAddress* address, unsigned short port, AvahiStringList* txt,
+                        AvahiLookupResultFlags flags, void* userdata) override
+    {
+        if (txt || event != AVAHI_RESOLVER_FOUND) {
+            OpenDiscovery::ServiceResolve(resolver, interface, protocol, event, name, type, domain, host, address,
+                                          port, txt, flags, userdata);
+        }
+    }
+};
+
+/** One that hands what it is told of other characters than those of ASCII to the log as it came. */
+class TrustingDiscovery : public OpenDiscovery
+{
+public:
+    void ServiceBrowse(AvahiServiceBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
+                       const char* name, const char* type, const char* domain, AvahiLookupResultFlags flags,
+                       void* userdata) override
+    {
+        OpenDiscovery::ServiceBrowse(browser, interface, protocol, event, name, type, domain, flags, userdata);
+        QString* const log = vd::LogQt::getStream(4)->string();
+        for (const ushort character : m_characters)
+            log->replace(QStringLiteral("\\u%1").arg(character, 4, 16, QLatin1Char('0')),
+                         QString(QChar(character)));
+    }
+
+private:
+    const std::vector<ushort> m_characters = {0x2028, 0x202e};
+};
+
 bool hasKindsInOrder(const Sequence& sequence, Step::Kind first, Step::Kind second)
 {
     const auto is = [](Step::Kind kind) { return [kind](const Step& step) { return step.kind == kind; }; };
@@ -114,13 +165,60 @@ Sequence randomSequence(std::uint64_t seed)
     return sequenceOf(bytes);
 }
 
-void addKinds(const std::vector<Step>& steps, std::set<int>& kinds)
+void forEachStep(const std::vector<Step>& steps, const std::function<void(const Step&)>& action)
 {
     for (const Step& step : steps) {
-        kinds.insert(step.kind);
-        addKinds(step.inSlots, kinds);
-        addKinds(step.inHandler, kinds);
+        action(step);
+        forEachStep(step.inSlots, action);
+        forEachStep(step.inHandler, action);
     }
+}
+
+void addKinds(const std::vector<Step>& steps, std::set<int>& kinds)
+{
+    forEachStep(steps, [&kinds](const Step& step) { kinds.insert(step.kind); });
+}
+
+/** With a failure Avahi passes no host, no address, no port and no TXT record. */
+bool isEmptyHanded(const Step& step)
+{
+    return !step[Step::HostIsName] && !step.host() && !step.address() && step.port() == 0 && step.txt().empty();
+}
+
+/** Of the resolve events in so many sequences as are tried at least, what share is like this. */
+double shareOfResolveEvents(const std::function<bool(const Step&)>& isCounted,
+                            const std::function<bool(const Step&)>& isLikeThis)
+{
+    int all = 0;
+    int some = 0;
+    for (std::uint64_t seed = 0; seed < 1000; ++seed) {
+        forEachStep(randomSequence(seed).steps, [&](const Step& step) {
+            const bool isOne = step.kind == Step::ResolveEvent && isCounted(step);
+            all += isOne ? 1 : 0;
+            some += isOne && isLikeThis(step) ? 1 : 0;
+        });
+    }
+    return double(some) / all;
+}
+
+bool isAnswer(const Step& step)
+{
+    return step.event() == AVAHI_RESOLVER_FOUND;
+}
+
+bool isFailure(const Step& step)
+{
+    return step.event() == AVAHI_RESOLVER_FAILURE;
+}
+
+/** Whether one of the first sequences tells the faulty library from the model. */
+bool isFoundOut(const Factory& factory, std::uint64_t sequences)
+{
+    for (std::uint64_t seed = 0; seed < sequences; ++seed) {
+        if (compare(randomSequence(seed), factory))
+            return true;
+    }
+    return false;
 }
 
 } // namespace
@@ -270,6 +368,32 @@ TEST(SequenceTest, HasUpTo200StepsOfEveryKind)
     }
     EXPECT_EQ(longest, 200u);
     EXPECT_EQ(kinds.size(), static_cast<std::size_t>(Step::KindCount));
+}
+
+TEST(SequenceTest, AnswersComeWithoutATxtRecordAndWithShortOnes)
+{
+    for (const std::size_t strings : {0, 1, 2, 3, 4}) {
+        SCOPED_TRACE(std::to_string(strings) + " strings");
+        const auto hasThem = [strings](const Step& step) { return step.txt().size() == strings; };
+        EXPECT_GT(shareOfResolveEvents(isAnswer, hasThem), 0.05);
+    }
+}
+
+TEST(SequenceTest, FailuresComeAsAvahiSendsThemAndOtherwise)
+{
+    const double share = shareOfResolveEvents(isFailure, isEmptyHanded);
+    EXPECT_GT(share, 0.5);
+    EXPECT_LT(share, 0.9);
+}
+
+TEST(SequenceTest, FindsALibraryThatStumblesOverAMissingTxtRecord)
+{
+    EXPECT_TRUE(isFoundOut([] { return std::make_unique<RecordlessDiscovery>(); }, 100));
+}
+
+TEST(SequenceTest, FindsALibraryThatLogsWhatReordersText)
+{
+    EXPECT_TRUE(isFoundOut([] { return std::make_unique<TrustingDiscovery>(); }, 100));
 }
 
 TEST(SequenceTest, EndsWithTheBytes)

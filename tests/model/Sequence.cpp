@@ -1,6 +1,9 @@
 // SPDX-License-Identifier: MIT
 #include "model/Sequence.h"
 
+#include <avahi-client/lookup.h>
+
+#include <algorithm>
 #include <utility>
 
 namespace {
@@ -60,11 +63,6 @@ std::size_t sizeOf(Step::Field field, Step::Kind kind)
         return hosts().size();
     case Step::Address:
         return addresses().size();
-    case Step::Txt1:
-    case Step::Txt2:
-    case Step::Txt3:
-    case Step::Txt4:
-        return txtStrings().size();
     case Step::Data:
         return kind == Step::RecordEvent ? payloads().size() : updates().size();
     case Step::Port:
@@ -99,17 +97,49 @@ std::uint8_t eventOf(Step::Kind kind, Bytes& bytes)
     return static_cast<std::uint8_t>(value % 7);
 }
 
+bool isTxt(Step::Field field)
+{
+    return field >= Step::Txt1 && field <= Step::Txt4;
+}
+
+/** From no string at all, which Avahi passes as a null list, to four; mostly with one that tells the vendor. */
 void fillTxt(Step& step, Bytes& bytes)
 {
     const std::uint8_t choice = bytes.next();
-    step[Step::Txt1] = 0;
-    if (choice < 16)
-        return;
-    step[Step::Txt1] = static_cast<std::uint8_t>(choice < 200 ? 1 + bytes.below(vocabulary::SERIAL_STRINGS)
-                                                              : bytes.below(vocabulary::txtStrings().size()));
+    const int strings = choice < 16 ? 0 : 1 + choice % 4;
+    for (int i = 0; i < strings; ++i) {
+        const bool tellsVendor = i == 0 && !bytes.oneIn(4);
+        const std::size_t number = tellsVendor ? vocabulary::SERIAL_STRINGS : vocabulary::txtStrings().size() - 1;
+        step.fields[static_cast<std::size_t>(Step::Txt1 + i)] = static_cast<std::uint8_t>(1 + bytes.below(number));
+    }
     // The vendor's key need not stand first.
     if (bytes.oneIn(4))
         std::swap(step[Step::Txt1], step[Step::Txt2]);
+}
+
+template <typename Values, typename Value>
+std::uint8_t placeOf(const Values& values, const Value& value)
+{
+    return static_cast<std::uint8_t>(std::find(values.begin(), values.end(), value) - values.begin());
+}
+
+/** With a failure Avahi passes what it was asked for, and nothing more. */
+void makeEmptyHanded(Step& step)
+{
+    step[Step::Host] = placeOf(vocabulary::hosts(), nullptr);
+    step[Step::HostIsName] = 0;
+    step[Step::Address] = placeOf(vocabulary::addresses(), nullptr);
+    step[Step::Port] = placeOf(vocabulary::ports(), 0);
+    for (const Step::Field field : {Step::Txt1, Step::Txt2, Step::Txt3, Step::Txt4})
+        step[field] = 0;
+}
+
+void fillResolved(Step& step, Bytes& bytes)
+{
+    fillTxt(step, bytes);
+    // One that says more than Avahi's do is to do no harm either.
+    if (step.event() == AVAHI_RESOLVER_FAILURE && !bytes.oneIn(4))
+        makeEmptyHanded(step);
 }
 
 Step stepOf(Bytes& bytes, int depth);
@@ -140,6 +170,8 @@ Step stepOf(Bytes& bytes, int depth)
     Step step;
     step.kind = kindOf(bytes.next());
     for (const Step::Field field : fieldsOf(step.kind)) {
+        if (isTxt(field))
+            continue;
         if (field == Step::Event)
             step[field] = eventOf(step.kind, bytes);
         else if (field == Step::HostIsName)
@@ -148,7 +180,7 @@ Step stepOf(Bytes& bytes, int depth)
             step[field] = bytes.below(sizeOf(field, step.kind));
     }
     if (step.kind == Step::ResolveEvent)
-        fillTxt(step, bytes);
+        fillResolved(step, bytes);
     if (isEvent(step.kind))
         fillInner(step, bytes, depth);
     else if (step.kind == Step::StateInside)

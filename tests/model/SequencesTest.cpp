@@ -6,6 +6,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <iostream>
 #include <random>
 
@@ -18,10 +19,14 @@ const int SHARES = 16;
 // A few seconds' worth. A thorough run sets VD_MODEL_SEQUENCES to 100000.
 const std::uint64_t DEFAULT_SEQUENCES = 4000;
 
+/** 0 for what is no number. */
 std::uint64_t setting(const char* name, std::uint64_t otherwise)
 {
     const char* const text = std::getenv(name);
-    return text && *text ? std::strtoull(text, nullptr, 10) : otherwise;
+    if (!text || !*text)
+        return otherwise;
+    const bool isNumber = std::strspn(text, "0123456789") == std::strlen(text);
+    return isNumber ? std::strtoull(text, nullptr, 10) : 0;
 }
 
 /** Half of the shares run the same sequences every time, the others new ones, unless the seed is given. */
@@ -47,6 +52,7 @@ class SequencesTest : public testing::TestWithParam<int>
 TEST_P(SequencesTest, LibraryAndModelAgreeAfterEveryStep)
 {
     const std::uint64_t sequences = setting("VD_MODEL_SEQUENCES", DEFAULT_SEQUENCES) / SHARES;
+    ASSERT_GT(sequences, 0u) << "Set VD_MODEL_SEQUENCES to a number of " << SHARES << " or more.";
     const std::uint64_t seed = seedOf(GetParam());
     std::cout << "VD_MODEL_SEED=" << seed << ", " << sequences << " sequences" << std::endl;
     if (__sanitizer_set_death_callback)

@@ -45,32 +45,35 @@ QString longText(int length)
 
 const Texts& names()
 {
-    static const Texts texts = {"Cam",
-                                "Cam",
-                                "Cam",
-                                "Cam",
-                                "Cam",
-                                "Store",
-                                "Store",
-                                "Store",
-                                "Lobby",
-                                "Lobby",
-                                "cam.local",
-                                "",
-                                "C\xe4m",
-                                nullptr,
-                                "New\n[1] Line",
+    static const Texts texts = {"Cam", "Cam", "Cam", "Cam", "Cam", "Store", "Store", "Store", "Lobby", "Lobby",
+                                "cam.local", "", "C\xe4m", nullptr, "New\n[1] Line",
                                 "K\xc3\xbc"
-                                "che"};
+                                "che",
+                                // What a terminal may obey, take for the end of a line, or show in another order.
+                                "Cam\xc2\x9b"
+                                "2J\xc2\x85\xe2\x80\xa8\xe2\x80\xa9",
+                                "\xe2\x80\xaemaC\xe2\x81\xa6\xf3\xa0\x81\x81",
+                                // A joiner, and a character behind the first 65536, which stay.
+                                "a\xe2\x80\x8d\xf0\x9f\x93\xb7"};
     return texts;
 }
 
 const Texts& hosts()
 {
     // All of them UTF-8, as they only come from Avahi, and D-Bus hands over nothing else.
-    static const Texts texts
-        = {"cam.local",   "cam.local", "cam.local", "cam.local", "store.local",     "store.local",
-           "store.local", "Cam",       "CAM.local", "",          "h\xc3\xa4.local", nullptr};
+    static const Texts texts = {"cam.local",
+                                "cam.local",
+                                "cam.local",
+                                "cam.local",
+                                "store.local",
+                                "store.local",
+                                "store.local",
+                                "Cam",
+                                "CAM.local",
+                                "",
+                                "h\xc3\xa4.local",
+                                nullptr,
+                                "\xe2\x80\xaelacol.mac\xc2\x9b"};
     return texts;
 }
 
@@ -85,7 +88,9 @@ const Texts& types()
 
 const Texts& domains()
 {
-    static const Texts texts = {"local", "local", "local", "local", "local", "example.org", nullptr, "l\xe4\n"};
+    static const Texts texts = {"local", "local",   "local",
+                                "local", "local",   "example.org",
+                                nullptr, "l\xe4\n", "\xe2\x80\xa8[1]\xc2\x85"};
     return texts;
 }
 
@@ -93,8 +98,10 @@ const Texts& updates()
 {
     static const std::string longest(255, 'y');
     static const std::string tooLong(256, 'y');
-    static const Texts texts
-        = {"state=busy", "", nullptr, "\xff\x80", "a\n[1] b", longest.c_str(), tooLong.c_str()};
+    static const Texts texts = {"state=busy",    "",
+                                nullptr,         "\xff\x80",
+                                "a\n[1] b",      "a\xe2\x80\xa9\xc2\x9b\xe2\x80\xaf\xe2\x80\xae",
+                                longest.c_str(), tooLong.c_str()};
     return texts;
 }
 
@@ -119,6 +126,9 @@ const std::vector<std::string>& txtStrings()
         vendor("full_name", "=Dome"),
         vendor("full_name", "=K\xc3\xbc"
                             "che"),
+        vendor("full_name", "=\xe2\x80\xae"
+                            "fed\xe2\x80\xa8\xc2\x9b"
+                            "31m\xc2\xad"),
         vendor("full_name", ""),
         vendor("FULL_NAME", "=Other"),
         vendor("fs_vers", "=1.2\n[1] forged"),

@@ -3,6 +3,7 @@
 // Memory that Avahi's allocator refuses. Unless a host has given it one that may, Avahi ends the process instead.
 
 #include "support/CountedAvahi.h"
+#include "support/LeakCheck.h"
 
 #include <vd/LogQt.h>
 #include <vd/ManagedServiceDiscovery.h>
@@ -13,7 +14,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <initializer_list>
 #include <memory>
 #include <string>
@@ -31,7 +31,6 @@ const char SETUP[] = "_setup._tcp";
 // Which allocation is refused, counted from 1; none when it is 0.
 int refused = 0;
 int allocations = 0;
-int blocks = 0;
 
 bool isRefused()
 {
@@ -40,29 +39,22 @@ bool isRefused()
 
 void* allocate(size_t size)
 {
-    void* const block = isRefused() ? nullptr : std::malloc(size);
-    blocks += block ? 1 : 0;
-    return block;
+    return isRefused() ? nullptr : LeakCheck::avahiAllocator()->malloc(size);
 }
 
 void* allocateCleared(size_t number, size_t size)
 {
-    void* const block = isRefused() ? nullptr : std::calloc(number, size);
-    blocks += block ? 1 : 0;
-    return block;
+    return isRefused() ? nullptr : LeakCheck::avahiAllocator()->calloc(number, size);
 }
 
 void* reallocate(void* block, size_t size)
 {
-    if (!block)
-        return allocate(size);
-    return isRefused() ? nullptr : std::realloc(block, size);
+    return isRefused() ? nullptr : LeakCheck::avahiAllocator()->realloc(block, size);
 }
 
 void release(void* block)
 {
-    blocks -= block ? 1 : 0;
-    std::free(block);
+    LeakCheck::avahiAllocator()->free(block);
 }
 
 const AvahiAllocator allocator = {allocate, release, reallocate, allocateCleared};
@@ -137,7 +129,6 @@ protected:
     {
         vd::LogQt::setStream(nullptr);
         avahi_set_allocator(&allocator);
-        blocks = 0;
         discovery.reset(new Open<Discovery>);
         QObject::connect(discovery.get(), &vd::ServiceDiscovery::serviceFound,
                          [this](const vd::SServiceInfo& info) { found.append(info); });
@@ -148,6 +139,7 @@ protected:
         refuseAllocation(0);
         discovery.reset();
         EXPECT_EQ(CountedAvahi::open(), 0);
+        avahi_set_allocator(LeakCheck::avahiAllocator());
     }
 
     bool publish() { return discovery->RegisterService("Setup", SETUP, wholeInfo()); }
@@ -208,6 +200,7 @@ TYPED_TEST_SUITE(AvahiMemoryTest, Classes, ClassNames);
 
 TYPED_TEST(AvahiMemoryTest, RecordThatCannotBeBuiltWholeIsNotPublished)
 {
+    const int blocks = LeakCheck::avahiBlocks();
     this->discovery->BrowseServices(HTTP);
     int refusals = 0;
     const int before = CountedAvahi::published();
@@ -224,12 +217,13 @@ TYPED_TEST(AvahiMemoryTest, RecordThatCannotBeBuiltWholeIsNotPublished)
     EXPECT_EQ(CountedAvahi::published() - before, 1);
     EXPECT_TRUE(this->discovery->IsRegistered());
     this->discovery->TerminateBrowsing();
-    EXPECT_EQ(blocks, 0) << "of the strings of half a record";
+    EXPECT_EQ(LeakCheck::avahiBlocks(), blocks) << "of the strings of half a record";
 }
 
 TYPED_TEST(AvahiMemoryTest, CameraTextThatCannotBeReadIsMissing)
 {
-    const Text txt = {"full_name.vandrel.com=Dome 4", "ser_no.vandrel.com=\x01\x02\x03", "fs_vers.vandrel.com=4.2.1"};
+    const Text txt
+        = {"full_name.vandrel.com=Dome 4", "ser_no.vandrel.com=\x01\x02\x03", "fs_vers.vandrel.com=4.2.1"};
     const vd::SServiceInfo whole
         = this->readWithoutMemory(&Open<TypeParam>::GetVandrelTxtRecord, txt, &vd::SServiceInfo::softwareVersion);
     EXPECT_EQ(whole.serialNumber, 0x010203u);
@@ -239,7 +233,8 @@ TYPED_TEST(AvahiMemoryTest, CameraTextThatCannotBeReadIsMissing)
 
 TYPED_TEST(AvahiMemoryTest, StorageTextThatCannotBeReadIsMissing)
 {
-    const Text txt = {"model.snapserver.com=Box", "ser_no.snapserver.com=\x01\x02\x03", "freecapacity.snapserver.com=7"};
+    const Text txt
+        = {"model.snapserver.com=Box", "ser_no.snapserver.com=\x01\x02\x03", "freecapacity.snapserver.com=7"};
     const vd::SServiceInfo whole
         = this->readWithoutMemory(&Open<TypeParam>::GetSnapServerTxtRecord, txt, &vd::SServiceInfo::freeCapacity);
     EXPECT_EQ(whole.serialNumber, 0x010203u);

@@ -1,13 +1,9 @@
 // SPDX-License-Identifier: MIT
-#include <QtCore/QCoreApplication>
+#include "support/TestMain.h"
 
-#include <gtest/gtest.h>
+#include <QtCore/QCoreApplication>
 
 int main(int argc, char** argv)
 {
-    // No test is to reach the machine's own bus.
-    qputenv("DBUS_SYSTEM_BUS_ADDRESS", "unix:path=/nonexistent/bus");
-    QCoreApplication application(argc, argv);
-    testing::InitGoogleTest(&argc, argv);
-    return RUN_ALL_TESTS();
+    return runTests<QCoreApplication>(argc, argv);
 }

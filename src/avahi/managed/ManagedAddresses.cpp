@@ -19,7 +19,7 @@ void ManagedServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int inte
                                            AvahiBrowserEvent event, const char*, unsigned short, unsigned short,
                                            const void* rdata, unsigned long size, AvahiLookupResultFlags, void*)
 {
-    const QHash<AvahiRecordBrowser*, ServiceKey>::const_iterator found = d->addressBrowsers.constFind(browser);
+    const QMap<AvahiRecordBrowser*, ServiceKey>::const_iterator found = d->addressBrowsers.constFind(browser);
     if (found == d->addressBrowsers.constEnd())
         return;
     const ServiceKey key = found.value();

@@ -39,7 +39,7 @@ void ManagedServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int
                                              const AvahiAddress* address, unsigned short port,
                                              AvahiStringList* txt, AvahiLookupResultFlags, void*)
 {
-    const QHash<AvahiServiceResolver*, ServiceKey>::const_iterator found = d->resolvers.constFind(resolver);
+    const QMap<AvahiServiceResolver*, ServiceKey>::const_iterator found = d->resolvers.constFind(resolver);
     if (found == d->resolvers.constEnd())
         return;
     const ServiceKey key = found.value();

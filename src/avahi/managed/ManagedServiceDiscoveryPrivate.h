@@ -11,7 +11,7 @@
 #include <vd/ManagedServiceDiscovery.h>
 
 #include <QtCore/QElapsedTimer>
-#include <QtCore/QHash>
+#include <QtCore/QMap>
 #include <QtCore/QPointer>
 #include <QtCore/QTimer>
 
@@ -96,8 +96,9 @@ public:
     SReconfigInfo publishedInfo;
 
     TrackedServices tracked;
-    QHash<AvahiServiceResolver*, ServiceKey> resolvers;
-    QHash<AvahiRecordBrowser*, ServiceKey> addressBrowsers;
+    // QHash would end the process, not throw, without memory for another entry.
+    QMap<AvahiServiceResolver*, ServiceKey> resolvers;
+    QMap<AvahiRecordBrowser*, ServiceKey> addressBrowsers;
     /** By their places. */
     QMap<qint64, ServiceKey> line;
     /** By the time when they are to stand in line again. */

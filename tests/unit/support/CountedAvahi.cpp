@@ -15,6 +15,7 @@ using namespace CountedAvahi;
 // Never looked into; only their addresses serve.
 std::array<char, KINDS> handles;
 std::array<int, KINDS> opened;
+std::array<int, KINDS> everMade;
 Kind refused = KINDS;
 int services = 0;
 bool tellsAtOnce = true;
@@ -40,6 +41,7 @@ Opaque* make(Kind kind, Callback callback, void* data, Callback& kept)
     kept = callback;
     userData = data;
     ++opened[kind];
+    ++everMade[kind];
     return handle<Opaque>(kind);
 }
 
@@ -63,6 +65,11 @@ int open()
 int open(Kind kind)
 {
     return opened[kind];
+}
+
+int made(Kind kind)
+{
+    return everMade[kind];
 }
 
 void refuse(Kind kind)

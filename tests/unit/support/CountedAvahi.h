@@ -19,6 +19,9 @@ enum Kind { Client, Browser, Resolver, RecordBrowser, Group, KINDS };
 int open();
 int open(Kind kind);
 
+/** How many were ever made. */
+int made(Kind kind);
+
 /** From now on nothing of @p kind can be made, as without memory; KINDS stands for none. */
 void refuse(Kind kind);
 

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
+#include "LeakCheck.h"
+
 #include "QtObjects.h"
 
-#include <avahi-common/malloc.h>
 #include <avahi-common/strlst.h>
 
 #include <QtCore/QAbstractEventDispatcher>
@@ -12,16 +13,17 @@
 
 #include <dlfcn.h>
 
+#include <array>
 #include <chrono>
+#include <cstddef>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
+#include <memory_resource>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <unordered_set>
-
-// Compiled into a test program, this fails every test that leaves something behind.
 
 // Not every program has Avahi.
 #pragma weak avahi_set_allocator
@@ -33,7 +35,9 @@ using Counts = std::map<std::string, int>;
 // A thread that was waited for may take a moment to leave the table of the kernel.
 constexpr std::chrono::seconds LONGEST_END{2};
 
-/** Avahi's memory that is in use. */
+constexpr std::size_t MOST_BLOCKS = 10000;
+
+/** Avahi's memory that is in use. Its own is there from the start, as a test may refuse all other. */
 class AvahiBlocks
 {
 public:
@@ -65,8 +69,14 @@ public:
     }
 
 private:
+    AvahiBlocks() { m_blocks.reserve(MOST_BLOCKS); }
+
     mutable std::mutex m_mutex;
-    std::unordered_set<void*> m_blocks;
+    std::array<std::byte, 100 * MOST_BLOCKS> m_memory;
+    std::pmr::monotonic_buffer_resource m_buffer{m_memory.data(), m_memory.size(),
+                                                 std::pmr::null_memory_resource()};
+    std::pmr::unsynchronized_pool_resource m_pool{&m_buffer};
+    std::pmr::unordered_set<void*> m_blocks{&m_pool};
 };
 
 void* avahiMalloc(size_t size)
@@ -87,8 +97,12 @@ void avahiFree(void* block)
 
 void* avahiRealloc(void* block, size_t size)
 {
-    AvahiBlocks::instance().remove(block);
-    return AvahiBlocks::instance().add(std::realloc(block, size));
+    AvahiBlocks& blocks = AvahiBlocks::instance();
+    blocks.remove(block);
+    void* const moved = std::realloc(block, size);
+    // The old one stays when there is no memory for another.
+    blocks.add(moved != nullptr ? moved : block);
+    return moved;
 }
 
 const AvahiAllocator countingAllocator = {avahiMalloc, avahiFree, avahiRealloc, avahiCalloc};
@@ -131,7 +145,7 @@ bool isAnythingLeft(const Counts& before, const Counts& after)
     return false;
 }
 
-class LeakCheck : public testing::EmptyTestEventListener
+class Listener : public testing::EmptyTestEventListener
 {
     void OnTestProgramStart(const testing::UnitTest&) override
     {
@@ -165,11 +179,21 @@ const bool isWatching = [] {
         avahi_set_allocator(&countingAllocator);
     if (!QtObjects::watch())
         std::abort();
-    testing::UnitTest::GetInstance()->listeners().Append(new LeakCheck);
+    testing::UnitTest::GetInstance()->listeners().Append(new Listener);
     return true;
 }();
 
 } // namespace
+
+const AvahiAllocator* LeakCheck::avahiAllocator()
+{
+    return &countingAllocator;
+}
+
+int LeakCheck::avahiBlocks()
+{
+    return AvahiBlocks::instance().count();
+}
 
 // The key and the value of a pair may be freed by free() as well as by avahi_free(), so they don't count.
 extern "C" int avahi_string_list_get_pair(AvahiStringList* entry, char** key, char** value, size_t* size)
