@@ -7,6 +7,7 @@
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <unordered_map>
 
@@ -18,6 +19,8 @@ std::unordered_map<const void*, std::string>& openObjects()
     static std::unordered_map<const void*, std::string> all;
     return all;
 }
+
+int mostOpen = 0;
 
 template <typename Function>
 Function* original(const char* name)
@@ -31,8 +34,10 @@ Function* original(const char* name)
 template <typename Object>
 Object* made(Object* object, const std::string& description)
 {
-    if (object)
+    if (object) {
         openObjects()[object] = description;
+        mostOpen = std::max(mostOpen, AvahiObjects::open());
+    }
     return object;
 }
 
@@ -48,6 +53,11 @@ int freed(const char* name, Object* object)
 int AvahiObjects::open()
 {
     return static_cast<int>(openObjects().size());
+}
+
+int AvahiObjects::most()
+{
+    return mostOpen;
 }
 
 std::vector<std::string> AvahiObjects::descriptions()

@@ -14,6 +14,9 @@ namespace AvahiObjects {
 /** How many browsers, resolvers, address browsers and entry groups are not freed. */
 int open();
 
+/** The most that were open at any moment, however short it was. */
+int most();
+
 /** What each of them is for. */
 std::vector<std::string> descriptions();
 

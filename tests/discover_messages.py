@@ -1,5 +1,5 @@
 # SPDX-License-Identifier: MIT
-"""What vd-discover tells on standard error of the bus and the Avahi daemon, each line without its end."""
+"""What vd-discover tells on standard error of the bus, the Avahi daemon and what it publishes, each line without its end."""
 
 BUS = (b'vd-discover: the D-Bus system bus cannot be reached; start it with "sudo systemctl start dbus", '
        b'or install it with "sudo apt install dbus"')
@@ -11,6 +11,13 @@ ENDED = (b"vd-discover: the connection to the Avahi daemon has ended; if it does
          b'start it with "sudo systemctl start avahi-daemon"')
 # Behind each of them, where the run goes on.
 WAITING = b"; waiting for it"
+
+
+READABLE_BY_ALL = b"vd-discover: warning: everyone on the local network can read the record"
+
+
+def taken(name):
+    return f'vd-discover: another service on the network has the name "{name}"; choose another NAME'.encode()
 
 
 def back(purpose):

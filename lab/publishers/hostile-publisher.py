@@ -22,7 +22,6 @@ from publisher_control import Control, RequestError, checked_address, require_la
 GROUP = "224.0.0.251"
 PORT = 5353
 HOPS = 255
-INTERFACE = "lan0"
 # Of the data of an IP packet on an Ethernet, in whole eight bytes.
 FRAGMENT_SIZE = 1480
 MAX_MESSAGE = 65507
@@ -31,10 +30,10 @@ MAX_MESSAGE = 65507
 class Frames:
     """The frames that carry the packets of a request, each with what it repeats of itself."""
 
-    def __init__(self, packets):
+    def __init__(self, packets, interface):
         if not isinstance(packets, list) or not packets:
             raise RequestError("packets is a list with at least one packet")
-        self._header = bytes(Ether(src=get_if_hwaddr(INTERFACE), dst=getmacbyip(GROUP), type=0x0800))
+        self._header = bytes(Ether(src=get_if_hwaddr(interface), dst=getmacbyip(GROUP), type=0x0800))
         self._numbers = itertools.count(1)
         self.packets = [self._of_packet(packet) for packet in packets]
 
@@ -47,27 +46,27 @@ class Frames:
 
 
 class HostilePublisher:
-    def __init__(self, link):
+    def __init__(self, link, interface):
         self._link = link
+        self._interface = interface
         self.handlers = {"send": self._send, "flood": self._flood}
 
     def _send(self, request):
         """Sends each packet once, `pause` milliseconds apart."""
         pause = _number(request, "pause", 1) / 1000
-        for frames in Frames(request.get("packets")).packets:
+        for frames in Frames(request.get("packets"), self._interface).packets:
             self._put(frames)
             time.sleep(pause)
 
     def _flood(self, request):
         """Sends the packets over and over, so many a second; tells how many there were in how many seconds."""
-        packets = Frames(request.get("packets")).packets
+        packets = Frames(request.get("packets"), self._interface).packets
         rate, seconds = _number(request, "rate"), _number(request, "seconds")
         begin, sent = time.monotonic(), 0
         end = begin + seconds
-        for frames in itertools.cycle(packets):
-            self._put(frames)
-            sent += 1
-            ahead = begin + sent / rate - time.monotonic()
+        for number, frames in enumerate(itertools.cycle(packets), 1):
+            sent += self._put(frames)
+            ahead = begin + number / rate - time.monotonic()
             # Shorter sleeps than the kernel grants would only slow it down.
             if ahead > 0.001:
                 time.sleep(ahead)
@@ -75,12 +74,13 @@ class HostilePublisher:
                 return {"sent": sent, "seconds": time.monotonic() - begin}
 
     def _put(self, frames):
-        for frame in frames:
-            try:
+        """Whether the link has taken all of it; as on any network, one that is down takes nothing."""
+        try:
+            for frame in frames:
                 self._link.send(frame)
-            except OSError:
-                # As on any network: a link that is down takes nothing.
-                pass
+        except OSError:
+            return False
+        return True
 
 
 def _number(request, key, default=None):
@@ -102,9 +102,10 @@ def _message(encoded):
 
 def main():
     require_lab()
+    interface = sys.argv[1] if len(sys.argv) == 2 else "lan0"
     with socket.socket(socket.AF_PACKET, socket.SOCK_RAW) as link:
-        link.bind((INTERFACE, 0))
-        control = Control("hostile", scapy.__version__, HostilePublisher(link).handlers)
+        link.bind((interface, 0))
+        control = Control("hostile", scapy.__version__, HostilePublisher(link, interface).handlers)
         try:
             for line in sys.stdin.buffer:
                 if not control.handle_line(line):

@@ -11,11 +11,10 @@ import time
 
 import pytest
 
-from discover_messages import BUS, DAEMON, HANG
+from discover_messages import BUS, DAEMON, HANG, READABLE_BY_ALL as WARNING
 from test_unreachable import SOON_S
 
 PASSWORD = "Zuckerhut-4711"
-WARNING = b"vd-discover: warning: everyone on the local network can read the record"
 # With these nothing is amiss.
 ORDINARY = ("--type", "_setup._tcp", "--zeph", "0x010203", "--ip", "10.77.0.60", "--mask", "255.255.255.0")
 

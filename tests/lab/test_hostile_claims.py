@@ -70,7 +70,8 @@ def test_a_goodbye_loses_the_camera_and_its_next_word_brings_it_back(stage, opti
 
 
 @with_each_class
-def test_addresses_that_two_others_claim_in_turn_go_with_their_goodbyes(stage, options):
+def test_after_the_goodbyes_of_two_that_claimed_addresses_in_turn_the_own_ones_are_back_and_if_managed_alone(
+        stage, options):
     probe, honest, hostile = followed_camera(stage, options)
     claims = [addresses_of_camera([address], unique=True) for address in ("10.66.0.1", "10.66.0.2")]
     for _ in range(CONFLICTS):

@@ -6,7 +6,7 @@ import functools
 import pytest
 
 from labkit.devices import camera, camera_txt
-from labkit.hostile import Packet, spoofed_fleet, txt_data, wire
+from labkit.hostile import Packet, spoofed_camera, spoofed_fleet, txt_data, wire
 from labkit.labs import PLAIN
 from labkit.lines import wait_until
 from labkit.usage import handles, memory_kib, of_true_memory
@@ -25,6 +25,8 @@ LEAST_SHARE = {"managed": 1.0, "plain": 0.9}
 
 OBJECT_LIMIT = 100
 WEB_SERVICES = 600
+HOSTS = 10
+PRINTERS = 5
 
 
 def goodbyes(fleet):
@@ -56,10 +58,6 @@ class Discovering:
     def handles(self):
         return {name: handles(program.pid) for name, program in self.programs.items()}
 
-    def names(self):
-        """Of the devices in the table, which in the plain class has entries for their hosts too."""
-        return sorted(name for name, record in self.probe.table().items() if dict(record)["deviceKind"])
-
 
 def send_until(hostile, packets, condition):
     """The daemon's socket drops some of so many packets, so they are sent again; returns whether it helped."""
@@ -80,7 +78,7 @@ def play_rounds(of_class, stage):
     story = {"begin": discovering.memory(), "handles": [discovering.handles()], "rounds": []}
     for _ in range(ROUNDS):
         story["rounds"].append(play_round(of_class, discovering, hostile))
-    story["names"] = discovering.names()
+    story["table"] = discovering.probe.table()
     story["queue"] = discovering.probe.queue()
     wait_until(lambda: discovering.probe.call("count-avahi-objects") == 1)
     story["objects"] = discovering.probe.call("count-avahi-objects")
@@ -132,10 +130,24 @@ def test_each_device_is_found_and_lost_once_in_each_round(story, of_class, progr
         assert LEAST_SHARE[of_class] * DEVICES <= each["lost"][program] <= DEVICES
 
 
+def entries(table, of_devices):
+    """The keys of the devices in a table; otherwise those of hosts, which the plain class has beside them."""
+    return {key for key, record in table.items() if bool(dict(record)["deviceKind"]) == of_devices}
+
+
 @three_rounds
-def test_what_is_left_in_the_table_and_the_queue_is_what_is_there(story, of_class):
-    assert story["names"] == ["Lobby"]
+def test_what_is_left_in_the_queue_and_of_devices_is_what_is_there(story, of_class):
+    assert entries(story["table"], of_devices=True) == {"Lobby"}
     assert story["queue"] == [("Lobby", "_http._tcp")]
+
+
+@three_rounds
+def test_what_else_is_left_in_the_table_is_hosts_and_of_the_plain_class_only(story, of_class):
+    hosts = entries(story["table"], of_devices=False)
+    # Those whose address was told after the loss stay behind.
+    may_be_left = {f"spoofed-{number}.local" for number in range(1, DEVICES + 1)}
+    assert hosts - may_be_left == ({"camera-1.local"} if of_class == "plain" else set())
+    assert of_class == "plain" or not hosts
 
 
 @three_rounds
@@ -165,22 +177,57 @@ def test_memory_of_devices_that_are_gone_serves_the_next_ones(story, of_class, p
         assert third[when][program] - second[when][program] <= MOST_GROWTH_KIB
 
 
-def test_web_services_of_no_maker_keep_neither_objects_nor_cameras_from_being_found(stage):
+@pytest.mark.parametrize("of_class", OPTIONS)
+def test_of_a_lost_device_only_the_plain_class_keeps_the_hosts_that_it_had_before_its_last(stage, of_class):
+    lab = stage.lab()
+    probe, hostile = stage.probe(lab, *OPTIONS[of_class][0]), stage.hostile(lab)
+    assert probe.call("browse", type="_http._tcp")
+    hosts = [f"host-{number}" for number in range(1, HOSTS + 1)]
+    spoofs = [spoofed_camera("Nomad", host=(host.encode(), b"local")) for host in hosts]
+    hostile.send([spoofs[0].packet()])
+    assert wait_until(lambda: "Nomad" in probe.table(), PATIENCE_S)
+    probe.call("start-query-all")
+    for host, spoof in zip(hosts, spoofs):
+        hostile.send([spoof.packet()])
+        assert wait_until(lambda: dict(probe.table()["Nomad"])["hostName"] == f"{host}.local", PATIENCE_S), host
+    hostile.send([Packet(wire.response([spoofs[-1].pointer], ttl=0))])
+    assert wait_until(lambda: "Nomad" not in probe.table(), PATIENCE_S)
+    assert set(probe.table()) == ({f"{host}.local" for host in hosts[:-1]} if of_class == "plain" else set())
+    assert probe.call("terminate")
+    assert probe.table() == {}
+
+
+@pytest.mark.parametrize("of_class", OPTIONS)
+def test_of_web_services_of_no_maker_that_are_gone_only_the_plain_class_keeps_entries_with_nothing_in_them(
+        stage, of_class):
+    lab = stage.lab()
+    probe, hostile = stage.probe(lab, *OPTIONS[of_class][0]), stage.hostile(lab)
+    assert probe.call("browse", type="_http._tcp")
+    printers = spoofed_fleet(PRINTERS, txt=txt_data(b"ty=Printer"))
+    hostile.send([device.packet() for device in printers])
+    assert probe.said.wait_for(lambda lines: sum("resolving AXIS service: " in line.get("text", "")
+                                                 for line in lines) >= PRINTERS)
+    hostile.send(goodbyes(printers))
+    assert wait_until(lambda: probe.call("count-avahi-objects") == 1, PATIENCE_S)
+    table = probe.table()
+    assert set(table) == ({device.name.decode() for device in printers} if of_class == "plain" else set())
+    assert {dict(record)["serviceName"] for record in table.values()} <= {""}
+
+
+def test_web_services_of_no_maker_or_without_an_answer_keep_neither_objects_nor_cameras_from_being_found(stage):
     lab = stage.lab(LARGE_CACHE)
     probe = stage.probe(lab, "--managed", "--objects", str(OBJECT_LIMIT))
     honest, hostile = stage.publisher(lab), stage.hostile(lab)
     assert probe.call("browse", type="_http._tcp")
     crowd = spoofed_fleet(WEB_SERVICES, txt=txt_data(b"path=/"))
-    open_objects = []
-    for begin in range(0, WEB_SERVICES, 100):
-        hostile.send([device.packet() for device in crowd[begin:begin + 100]])
-        open_objects.append(probe.call("count-avahi-objects"))
+    # Every other one leads nowhere, so that what resolves it waits.
+    hostile.send([device.packet() if number % 2 else Packet(wire.response([device.pointer]))
+                  for number, device in enumerate(crowd)])
     honest.publish(camera())
     assert wait_until(lambda: "Lobby" in probe.table(), PATIENCE_S)
-    open_objects.append(probe.call("count-avahi-objects"))
-    assert max(open_objects) <= OBJECT_LIMIT
     assert probe.queue() == [("Lobby", "_http._tcp")]
 
     send_until(hostile, goodbyes(crowd), lambda: probe.call("count-avahi-objects") == 1)
     assert list(probe.table()) == ["Lobby"]
     assert probe.call("count-avahi-objects") == 1
+    assert OBJECT_LIMIT / 2 < probe.call("most-avahi-objects") <= OBJECT_LIMIT

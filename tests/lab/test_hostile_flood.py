@@ -6,7 +6,7 @@ import dataclasses
 import pytest
 
 from labkit.devices import camera, camera_txt
-from labkit.hostile import Packet, camera_data, spoofed_fleet, wire
+from labkit.hostile import Flood, Packet, camera_data, spoofed_fleet, wire
 from labkit.labs import PLAIN
 from labkit.lines import wait_until
 from labkit.usage import handles, memory_kib, of_true_memory
@@ -14,6 +14,8 @@ from labkit.usage import handles, memory_kib, of_true_memory
 LARGE_CACHE = (*PLAIN, "--config", "viewer:cache-entries-max=20000")
 DEVICES = 1000
 RATE = 5000
+# So that a busy machine comes up to the rate.
+ASKED_RATE = 6000
 SECONDS = 20
 CLASSES = {"managed": [], "plain": ["--plain"]}
 # Measured: under 4 KiB for each device.
@@ -66,10 +68,9 @@ def play(stage):
     before = {name: (memory_kib(watch.program.pid), handles(watch.program.pid)) for name, watch in watches.items()}
 
     fleet, packets = flood()
-    hostile.post_flood(packets, RATE, SECONDS)
+    flooding = Flood(lambda: stage.hostile(lab), packets, ASKED_RATE, SECONDS)
     everyone(watches, lambda watch: False, SECONDS)
-    sent, seconds = hostile.flood_answer(PATIENCE_S)
-    story = {"rate": sent / seconds, "found": find_another(watches, honest),
+    story = {"rate": flooding.rate(PATIENCE_S), "found": find_another(watches, honest),
              "left": withdraw(watches, hostile, fleet)}
     honest.set_txt("Lobby", camera_txt(model="Dome 5"))
     story["followed"] = everyone(watches, lambda watch: watch.told("text", '"modelName":"Dome 5"'))
@@ -104,8 +105,8 @@ of_each_class = pytest.mark.parametrize("of_class", CLASSES)
 
 @the_flood
 def test_so_many_packets_were_sent_that_it_was_a_flood(story):
-    # A busy machine sends fewer.
-    assert story["rate"] > RATE / 3
+    print(f"{story['rate']:.0f} packets a second of {ASKED_RATE}")
+    assert story["rate"] >= RATE
 
 
 @the_flood

@@ -13,7 +13,7 @@ import pytest
 
 from labkit.lines import wait_until
 from labkit.paths import BUILD, ROOT
-from labkit.random_faults import PUBLISHED_TYPE, TYPES, Breakdowns, Devices, Host, Passers, play
+from labkit.random_faults import BREAKS, PUBLISHED_TYPE, TYPES, Breakdowns, Devices, Host, Passers, play
 from labkit.usage import handles
 
 sys.path.insert(0, str(ROOT / "bench"))
@@ -159,6 +159,9 @@ def test_clients_get_over_whatever_breaks_at_whatever_moment(stage, seed):
     assert clients.wrong_with_managed() == []
     assert clients.wrong_with_plain() == []
     assert clients.published() == {"Steady", "Managed", "Plain"}
+
+    assert {*clients.breakdowns.counts} == {f"{service} {how}" for service, how in BREAKS}
+    assert clients.breakdowns.counts.total() == CYCLES
 
     passers = clients.passers
     print(f"seed {seed}: {CYCLES} cycles in {played:.0f} s {dict(clients.breakdowns.counts)}, over after "

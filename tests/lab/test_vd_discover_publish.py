@@ -8,7 +8,7 @@ import time
 
 import pytest
 
-from discover_messages import BUS, DAEMON, ENDED, HANG, WAITING, back
+from discover_messages import BUS, DAEMON, ENDED, HANG, READABLE_BY_ALL, WAITING, back, taken
 from labkit.labs import NO_DAEMON, PLAIN, TWO_DAEMONS
 from labkit.paths import VD_DISCOVER
 from labkit.reader import txt_of
@@ -35,9 +35,7 @@ BARE_TXT = [
     b"SAVE.vandrel.com=F",
 ]
 
-WARNING = b"vd-discover: warning: everyone on the local network can read the record\n"
-TAKEN = ("vd-discover: another service on the network has the name "
-         f'"{NAME}"; choose another NAME\n').encode()
+WARNING = READABLE_BY_ALL + b"\n"
 REMAINS = (b"vd-discover: the Avahi daemon did not confirm the withdrawal, so the record may still be readable; "
            b'restart it with "sudo systemctl restart avahi-daemon"\n')
 LOST = ENDED + WAITING + b"\n"
@@ -191,7 +189,7 @@ def test_a_name_that_another_service_has_is_told(stage, host, lab_options):
     assert words(first.wait_for_output(1)) == ["established"]
     second = publish(stage, lab, "--format", "json", "--save")
     status, output, errors, seconds = second.wait()
-    assert (status, words(output.splitlines()), errors) == (1, ["collision"], WARNING + TAKEN)
+    assert (status, words(output.splitlines()), errors) == (1, ["collision"], WARNING + taken(NAME) + b"\n")
     assert seconds < SOON_S
     assert words(first.output.all) == ["established"]
 

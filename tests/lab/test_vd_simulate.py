@@ -11,13 +11,12 @@ import time
 import pytest
 
 from labkit.discover import events
-from labkit.labs import NO_DAEMON, PLAIN, TWO_SEGMENTS
+from labkit.labs import NO_DAEMON, TWO_SEGMENTS, WITH_DESK
 from labkit.lines import Lines, wait_until
 from labkit.paths import SIMULATE
 from labkit.records import Device
 from labkit.simulator import as_discovered, discovered
 
-WITH_DESK = (*PLAIN[:2], "desk", *PLAIN[2:], "--no-daemon", "desk")
 OBEYED_TYPE = "_reconfig._tcp"
 
 # Prints the time at which every service is there with its host, text and address, and at the end how many are.

@@ -18,6 +18,8 @@ HOSTILE = "hostile-publisher.py"
 SOURCE = "10.77.0.66"
 SERIAL = b"\x01\x02\x03"
 HEADER_SIZE = 12
+# What an IP packet carries, less its header and that of UDP: 64 KiB do not fit.
+MAX_MESSAGE = 65507
 # So many packets are sent in good time on a busy machine too.
 AT_ONCE = 50
 
@@ -33,8 +35,8 @@ class Packet:
 
 
 class HostilePublisher(Publisher):
-    def __init__(self, lab, host="fleet"):
-        super().__init__(lab, HOSTILE, host)
+    def __init__(self, lab, host="fleet", interface="lan0"):
+        super().__init__(lab, HOSTILE, host, [interface])
 
     def send(self, packets, pause_ms=1):
         requests = [packet.request() for packet in packets]
@@ -51,6 +53,25 @@ class HostilePublisher(Publisher):
             (line for line in lines if line.get("command") == "flood"), None), seconds)
         assert answer and answer["event"] == "done", answer
         return answer["sent"], answer["seconds"]
+
+
+class Flood:
+    """Packets over and over, so many a second in all.
+
+    They come from several processes, so that on a busy machine one of them has its turn.
+    """
+
+    SENDERS = 3
+
+    def __init__(self, new_publisher, packets, rate, seconds):
+        self._senders = [new_publisher() for _ in range(self.SENDERS)]
+        for number, sender in enumerate(self._senders):
+            sender.post_flood(packets[number::self.SENDERS], rate / self.SENDERS, seconds)
+
+    def rate(self, seconds):
+        """How many packets a second there were; waits so long for the end of the flood."""
+        answers = [sender.flood_answer(seconds) for sender in self._senders]
+        return sum(sent for sent, _ in answers) / max(took for _, took in answers)
 
 
 @dataclasses.dataclass(frozen=True)
@@ -105,6 +126,14 @@ def spoofed_camera(name, **fields):
     return Spoof(name, **{"txt": camera_data(), **fields})
 
 
+def camera_with_longest_text(name, **fields):
+    """All that a message can carry is its text, and what makes it a camera stands at the end."""
+    whole = len(spoofed_camera(name, **fields).packet().message)
+    strings, rest = divmod(MAX_MESSAGE - whole, 256)
+    filler = [b"k=" + b"x" * 253] * strings + ([b"x" * (rest - 1)] if rest else [])
+    return spoofed_camera(name, txt=txt_data(*filler) + camera_data(), **fields)
+
+
 def spoofed_fleet(count, first=1, txt=None):
     """Devices on hosts and addresses of their own."""
     txt = camera_data() if txt is None else txt
@@ -112,9 +141,12 @@ def spoofed_fleet(count, first=1, txt=None):
                   f"10.99.{number // 256}.{number % 256}") for number in range(first, first + count)]
 
 
-def broken_packets(seed):
-    """Messages that break the rules of their format, and random ones; the seed decides what is random."""
-    whole = spoofed_camera("Mutant").packet().message
+def broken_packets(seed, **fields):
+    """Messages that break the rules of their format, and random ones; the seed decides what is random.
+
+    `fields` are those of the spoofed camera from which they are made.
+    """
+    whole = spoofed_camera("Mutant", **fields).packet().message
     cut_off = (whole[:length] for length in range(len(whole)))
     return [Packet(message) for message in (*_misshapen(whole), *cut_off, *_random(random.Random(seed), whole))]
 

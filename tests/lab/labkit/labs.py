@@ -16,6 +16,7 @@ from .paths import LAB
 PLAIN = ("viewer", "fleet", "--no-daemon", "fleet")
 TWO_SEGMENTS = (*PLAIN, "--links", "2")
 TWO_DAEMONS = ("viewer", "fleet", "other", "--no-daemon", "fleet")
+WITH_DESK = ("viewer", "fleet", "desk", "--no-daemon", "fleet", "--no-daemon", "desk")
 FEW_OBJECTS = (*PLAIN, "--config", "viewer:objects-per-client-max=20")
 NO_DAEMON = (*PLAIN, "--no-daemon", "viewer")
 

@@ -12,8 +12,8 @@ FLEET_PUBLISHER = "fleet-publisher.py"
 
 
 class Publisher(Conversation):
-    def __init__(self, lab, program=ZEROCONF, host="fleet"):
-        super().__init__(lab.start(host, PUBLISHERS / program, stderr=None))
+    def __init__(self, lab, program=ZEROCONF, host="fleet", arguments=()):
+        super().__init__(lab.start(host, PUBLISHERS / program, *arguments, stderr=None))
 
     def is_answer(self, line):
         return line["event"] in ("done", "error")

@@ -29,11 +29,12 @@ class Breakdowns:
     def __init__(self, lab, chance):
         self._lab = lab
         self._chance = chance
+        self._to_come = []
         self.counts = Counter()
 
     def cycle(self):
         time.sleep(self._chance.uniform(0, LONGEST_CALM_S))
-        service, how = self._chance.choice(BREAKS)
+        service, how = self._next_break()
         if how == "hang":
             self._hang(service)
         elif how == "kill at start":
@@ -41,6 +42,12 @@ class Breakdowns:
         else:
             self._restart(service, how)
         self.counts[f"{service} {how}"] += 1
+
+    def _next_break(self):
+        """In no certain order, but each kind as often as any other."""
+        if not self._to_come:
+            self._to_come = self._chance.sample(BREAKS, len(BREAKS))
+        return self._to_come.pop()
 
     def _restart(self, service, how):
         self._lab.fault("viewer", f"{service}-{how}")

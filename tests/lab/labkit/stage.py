@@ -30,11 +30,11 @@ class Stage:
     def probe(self, lab, *options, **program):
         return self._add(Probe(lab, *options, **program))
 
-    def publisher(self, lab, program=ZEROCONF, host="fleet"):
-        return self._add(Publisher(lab, program, host))
+    def publisher(self, lab, program=ZEROCONF, host="fleet", arguments=()):
+        return self._add(Publisher(lab, program, host, arguments))
 
-    def hostile(self, lab, host="fleet"):
-        return self._add(HostilePublisher(lab, host))
+    def hostile(self, lab, host="fleet", interface="lan0"):
+        return self._add(HostilePublisher(lab, host, interface))
 
     def simulator(self, lab, *arguments, **options):
         return self._add(Simulator(lab, *arguments, **options))

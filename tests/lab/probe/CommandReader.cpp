@@ -139,6 +139,8 @@ QJsonValue CommandReader::carryOut(const QJsonObject& request)
         return m_probed->dump();
     if (command == "count-avahi-objects")
         return AvahiObjects::open();
+    if (command == "most-avahi-objects")
+        return AvahiObjects::most();
     if (command == "take-descriptors")
         return takeAllDescriptors();
     if (command == "give-descriptors-back") {
