@@ -38,20 +38,22 @@ namespace vd {
  * - Every string of the TXT record counts for serviceText, also when the address changes with it.
  * - StartQueryAllRecords() queries every device in its turn.
  * - StopQueryRecords() ends the query of that service alone.
- * - Devices are resolved when the event loop runs again, a few at a time, on every interface whichever is given, and by
- *   their IPv4 addresses: one that has none is not found before it gets one.
+ * - Devices are resolved when the event loop runs again, a few at a time, on the interfaces that show them in turn,
+ *   whichever is given, and by their IPv4 addresses: one that has none is not found before it gets one. A service that
+ *   was asked for without being browsed is given up when it does not answer, unless the query is long-lived.
+ * - Hosts are looked up on the link only, also those outside "local".
  * - serviceFound has the new txtChecksum already.
  * - services holds devices only, no entries for their hosts.
  *
  * A bus whose socket is a file is noticed at once when it returns, another (DBUS_SYSTEM_BUS_ADDRESS with
- * unix:abstract=, tcp:) at the next attempt, 1.5 s later at most. Attempts that fail while the bus is there, and
- * connections that are lost again within 2 s, are repeated ever more seldom, every 8 s at last.
+ * unix:abstract=, tcp:) at the next attempt, 1.5 s later at most. Attempts that fail while the bus is there are repeated
+ * ever more seldom, every 8 s at last; a connection that is lost again within 2 s is taken up 1.5 s later at most.
  *
  * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so the daemon is asked first, without waiting,
  * whether it is ready for them, on a second connection to the bus. One that hangs then delays devices and holds up
- * nothing, except the operations that call it at once: BrowseServices(), RegisterService(), TerminateRegistration(),
- * TerminateBrowsing(), the destructor, and the call that was on its way. To keep these from blocking a window too, make
- * the object in the run() of a QThread and connect its signals to the window by queued connections.
+ * nothing, except what calls it at once: BrowseServices(), RegisterService(), TerminateRegistration(),
+ * TerminateBrowsing(), the destructor, connecting anew, and the call that was on its way. To keep these from blocking a
+ * window too, make the object in the run() of a QThread and connect its signals to the window by queued connections.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {

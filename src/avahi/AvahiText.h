@@ -23,6 +23,12 @@ inline bool isAcceptableToAvahi(const char* text)
     return QString::fromUtf8(bytes.constData(), static_cast<int>(bytes.size())).toUtf8() == bytes;
 }
 
+/** As textFromBytes(), but with the zero-width no-break space that a decoder takes for a byte order mark. */
+inline QString wholeTextFromBytes(const char* bytes)
+{
+    return bytes ? textFromBytes(QByteArray("x") + bytes).mid(1) : QString();
+}
+
 /** What went wrong with @p client last, in Avahi's words; null stands for no client. */
 inline const char* errorText(AvahiClient* client)
 {

@@ -185,7 +185,7 @@ TEST_F(ManagedCallsTest, WhatHappensMeanwhileIsWorkedOffAfterTheAnswer)
     answer();
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", "service_resolver_free(resolver2)",
                                   "record_browser_new(client1, -1, -1, \"cam.local\", 1, 1, 2) = recordBrowser1",
-                                  newResolver("Third", 3), newResolver("Cam", 4), newResolver("Fourth", 5)}));
+                                  newResolverAnywhere("Third", 3), newResolver("Cam", 4), newResolver("Fourth", 5)}));
 }
 
 TEST_F(ManagedCallsTest, ServiceThatGoesBeforeTheAnswerIsNotResolved)
@@ -296,8 +296,8 @@ TEST_F(ManagedCallsTest, OperationsCallNothingOfADaemonThatHangs)
 
     answer();
     EXPECT_EQ(takeCalls(),
-              (Lines{"service_resolver_free(resolver1)", newResolver("Cam", 2), newResolver("Other", 3, HTTPS),
-                     newResolver("Third", 4)}));
+              (Lines{"service_resolver_free(resolver1)", newResolver("Cam", 2), newResolverAnywhere("Other", 3, HTTPS),
+                     newResolverAnywhere("Third", 4)}));
 }
 
 TEST_F(ManagedCallsTest, OperationsCallNothingBeforeTheEventLoopRuns)
@@ -338,7 +338,7 @@ TEST_F(ManagedCallsTest, RestartForgetsTheQuestionAndBeginsAnew)
     EXPECT_EQ(awaitQuestion(), 1u);
     EXPECT_EQ(takeCalls(), Lines());
     answer();
-    EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 1, HTTP, 2)});
+    EXPECT_EQ(takeCalls(), Lines{resolverCall(2, 2, AVAHI_PROTO_INET, "Cam", HTTP) + '1'});
 }
 
 TEST_F(ManagedCallsTest, RestartForgetsWhatAppearedBefore)

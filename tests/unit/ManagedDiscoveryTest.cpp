@@ -597,7 +597,7 @@ TEST_F(ManagedTest, ServiceIsQueriedInTheDomainWhereItIsSeen)
     takeCalls();
     discovery().StartQueryRecords("Cam", HTTP, false);
     turn();
-    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, -1, -1, \"Cam\", \"_http._tcp\", \"example.net\", 0, "
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_new(client1, 2, 0, \"Cam\", \"_http._tcp\", \"example.net\", 0, "
                                  "2) = resolver2"});
 }
 

@@ -17,7 +17,7 @@ protected:
     /** How often @p name was resolved since the calls were asked for last. */
     int resolvesOf(const std::string& name)
     {
-        return count(takeCalls(), "service_resolver_new(client1, -1, -1, \"" + name + "\"");
+        return count(takeCalls(), "service_resolver_new(client1, 2, 0, \"" + name + "\"");
     }
 };
 
@@ -106,8 +106,8 @@ TEST_F(ManagedLimitsTest, QueryOfAKeptServiceAtTheSmallestLimitHoldsUpNobody)
     appears("New");
     turn(3000);
     const Lines calls = takeCalls();
-    EXPECT_GE(count(calls, "service_resolver_new(client1, -1, -1, \"A\""), 1);
-    EXPECT_GE(count(calls, "service_resolver_new(client1, -1, -1, \"New\""), 1);
+    EXPECT_GE(count(calls, "service_resolver_new(client1, 2, 0, \"A\""), 1);
+    EXPECT_GE(count(calls, "service_resolver_new(client1, 2, 0, \"New\""), 1);
 }
 
 TEST_F(ManagedLimitsTest, PublishedServiceHasItsRoomUnderTheLimit)
@@ -284,6 +284,76 @@ TEST_F(ManagedLimitsTest, MissingAddressIsLookedUpOnceMoreWhenTheLookFails)
     takeCalls();
     turn(5600);
     EXPECT_EQ(takeCalls(), Lines{newResolver("Cam", 4)});
+}
+
+TEST_F(ManagedLimitsTest, LookThatIsGoingOnIsNotBegunAnewWhileAnAddressIsMissing)
+{
+    run();
+    found();
+    queryAgain(2, "10.0.0.2");
+    askAndResolve(3, "10.0.0.2");
+    askAndResolve(4, "10.0.0.2");
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "recordBrowser3"}));
+    onlyAnswerIs(3, "10.0.0.2");
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList(QStringLiteral("10.0.0.2")));
+}
+
+TEST_F(ManagedLimitsTest, AddressThatAnUnansweredServiceWasGivenGoesWithTheDevices)
+{
+    foundAndSeenSecure();
+    disappears("Cam");
+    appears("Cam");
+    turn();
+    // Resolver 3 asks for the secure one again.
+    resolved(4, "Cam", "cam.local", "10.0.0.7", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.7");
+    turn(3400);
+    resolved(5, "Cam", "cam.local", "10.0.0.7", cameraTxt);
+    onlyAnswerIs(3, "10.0.0.7");
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList(QStringLiteral("10.0.0.7")));
+}
+
+TEST_F(ManagedLimitsTest, StoppedQueryOfAServiceThatIsNotThereHoldsNothing)
+{
+    run();
+    discovery().StartQueryRecords("Gone", HTTP, true);
+    turn();
+    resolveFails(1, "Gone", AVAHI_ERR_TIMEOUT);
+    EXPECT_EQ(liveCount("resolver"), 1);
+    discovery().StopQueryRecords("Gone", HTTP);
+    turn();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    failClient();
+    turn(300);
+    EXPECT_EQ(liveCount("resolver"), 0);
+}
+
+TEST_F(ManagedLimitsTest, ServiceThatWasAskedForAndIsNotThereHoldsNothing)
+{
+    run();
+    discovery().StartQueryRecords("Gone", HTTP, false);
+    turn();
+    resolveFails(1, "Gone", AVAHI_ERR_TIMEOUT);
+    turn();
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    failClient();
+    turn(300);
+    EXPECT_EQ(liveCount("resolver"), 0);
+}
+
+TEST_F(ManagedLimitsTest, ServiceThatWasAskedForAndAnswersNoMoreKeepsItsRecord)
+{
+    run();
+    discovery().StartQueryRecords("Cam", HTTPS, false);
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS);
+    onlyAnswerIs(1, "10.0.0.1");
+    discovery().StartQueryRecords("Cam", HTTPS, false);
+    turn();
+    resolveFails(2, "Cam", AVAHI_ERR_TIMEOUT);
+    turn();
+    EXPECT_EQ(liveCount("resolver"), 0);
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList(QStringLiteral("10.0.0.1")));
 }
 
 TEST_F(ManagedLimitsTest, HandlerThatBeginsAnewLeavesNothingOfTheOldEvent)

@@ -9,6 +9,12 @@ namespace vd {
 const int SHORTEST_RETRY_MS = 250;
 const int LONGEST_RETRY_MS = 8000;
 
+/** @p firstMs, doubled so many times, but no longer than @p longestMs. */
+inline int doubledMs(int firstMs, int times, int longestMs)
+{
+    return qMin(firstMs << qMin(times, 16), longestMs);
+}
+
 /** How long to wait before the next attempt: twice as long after each that failed. */
 class Backoff
 {

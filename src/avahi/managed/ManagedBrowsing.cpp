@@ -6,18 +6,11 @@
 
 namespace vd {
 
-namespace {
-
-bool isSeenOn(const TrackedService& service, int interface)
+ServiceKey keyFromBytes(const char* name, const char* type, const char* domain)
 {
-    for (int i = 0; i < service.links.size(); ++i) {
-        if (service.links.at(i).first == interface)
-            return true;
-    }
-    return false;
+    const ServiceKey key = {wholeTextFromBytes(name), textFromBytes(type), textFromBytes(domain)};
+    return key;
 }
-
-} // namespace
 
 void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int interface, int protocol,
                                             AvahiBrowserEvent event, const char* name, const char* type,
@@ -30,8 +23,9 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
     case AVAHI_BROWSER_NEW:
     case AVAHI_BROWSER_REMOVE:
         if (isWebService(type)) {
-            const ServiceKey key = {textFromBytes(name), textFromBytes(type), textFromBytes(domain)};
-            d->serviceChanged(key, Link(interface, protocol), event == AVAHI_BROWSER_NEW);
+            const Sighting sighting
+                = {static_cast<int>(serviceBrowsers.indexOf(browser)), Link(interface, protocol)};
+            d->serviceChanged(keyFromBytes(name, type, domain), sighting, event == AVAHI_BROWSER_NEW);
         }
         break;
     case AVAHI_BROWSER_CACHE_EXHAUSTED:
@@ -50,16 +44,18 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
     }
 }
 
-void ManagedServiceDiscovery::Private::serviceChanged(const ServiceKey& key, const Link& link, bool isThere)
+void ManagedServiceDiscovery::Private::serviceChanged(const ServiceKey& key, const Sighting& sighting,
+                                                      bool isThere)
 {
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
         out << "ManagedServiceDiscovery::ServiceBrowse() -> " << (isThere ? "seen: " : "no longer seen: ")
-            << printableText(key.name) << " type: " << printableText(key.type) << " interface: " << link.first;
+            << printableText(key.name) << " type: " << printableText(key.type)
+            << " interface: " << sighting.link.first;
     });
     if (isThere)
-        appeared(key, link);
+        appeared(key, sighting);
     else
-        disappeared(key, link);
+        disappeared(key, sighting);
 }
 
 void ManagedServiceDiscovery::Private::cacheOfTypeRead(AvahiServiceBrowser* browser)
@@ -67,27 +63,31 @@ void ManagedServiceDiscovery::Private::cacheOfTypeRead(AvahiServiceBrowser* brow
     timing.cacheRead(static_cast<int>(q->serviceBrowsers.indexOf(browser)), clock.elapsed());
 }
 
-void ManagedServiceDiscovery::Private::appeared(const ServiceKey& key, const Link& link)
+void ManagedServiceDiscovery::Private::appeared(const ServiceKey& key, const Sighting& sighting)
 {
     newsFromNetwork();
     TrackedService& service = tracked[key];
     service.wasSeen = true;
-    // Over the other protocol of the same interface there is nothing else to learn.
-    const bool isNews = !isSeenOn(service, link.first);
-    if (!service.links.contains(link))
-        service.links.append(link);
-    if (isNews)
-        enqueue(key);
+    // Over the other protocol of the same interface there is nothing else to learn, unless the first does not answer.
+    const bool isNews = !service.isSeenOn(sighting.link.first)
+                        || (unanswered.contains(service.resolverNumber) && service.isBetterToAsk(sighting.link));
+    if (!service.sightings.contains(sighting))
+        service.sightings.append(sighting);
+    if (!isNews)
+        return;
+    service.timesUnanswered = 0;
+    enqueue(key);
 }
 
-void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const Link& link)
+void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const Sighting& sighting)
 {
     const TrackedServices::iterator service = tracked.find(key);
-    if (service == tracked.end() || !service->links.removeOne(link))
+    if (service == tracked.end() || !service->sightings.removeOne(sighting))
         return;
-    if (service->links.isEmpty())
+    const bool isAskedThere = service->resolver && service->resolverLink == sighting.link;
+    if (service->sightings.isEmpty())
         lose(key);
-    else if (!isSeenOn(service.value(), link.first))
+    else if (isAskedThere || !service->isSeenOn(sighting.link.first))
         enqueue(key); // Its address on that interface may have gone too.
 }
 
@@ -135,13 +135,33 @@ void ManagedServiceDiscovery::Private::takeOver(const QStringList& addresses, co
 {
     TrackedService& service = tracked[heir];
     if (service.txt.isNull()) {
-        service.addresses += addresses;
+        for (int i = 0; i < addresses.size(); ++i) {
+            if (!service.addresses.contains(addresses.at(i)))
+                service.addresses.append(addresses.at(i));
+        }
         return;
     }
     const QString name = heir.name;
     const ManagedSession current(this);
     for (int i = 0; i < addresses.size() && !current.ended(); ++i)
         takeFromRecord(name, addresses.at(i));
+}
+
+// What others of its name were given and have not asked for is looked up by one that is resolved.
+void ManagedServiceDiscovery::Private::takeFromUnresolved(const ServiceKey& key)
+{
+    QStringList& addresses = tracked[key].addresses;
+    const ServiceKey from = {key.name, QString(), QString()};
+    for (TrackedServices::iterator other = tracked.lowerBound(from);
+         other != tracked.end() && other.key().name == key.name; ++other) {
+        if (!other->txt.isNull())
+            continue;
+        for (int i = 0; i < other->addresses.size(); ++i) {
+            if (!addresses.contains(other->addresses.at(i)))
+                addresses.append(other->addresses.at(i));
+        }
+        other->addresses.clear();
+    }
 }
 
 void ManagedServiceDiscovery::Private::forget(const ServiceKey& key)
@@ -196,17 +216,15 @@ void ManagedServiceDiscovery::Private::forgetAsked(const QString& name)
         forget(asked.at(i));
 }
 
-ServiceKey ManagedServiceDiscovery::Private::trackedKey(const QString& name, const QString& type,
-                                                        const QString& domain) const
+ServiceKey ManagedServiceDiscovery::Private::trackedKey(const ServiceKey& wanted) const
 {
-    const ServiceKey from = {name, type, QString()};
+    const ServiceKey from = {wanted.name, wanted.type, QString()};
     for (TrackedServices::const_iterator next = tracked.lowerBound(from);
-         next != tracked.constEnd() && next.key().name == name && next.key().type == type; ++next) {
+         next != tracked.constEnd() && next.key().name == wanted.name && next.key().type == wanted.type; ++next) {
         if (next->wasSeen)
             return next.key();
     }
-    const ServiceKey key = {name, type, domain};
-    return key;
+    return wanted;
 }
 
 } // namespace vd

@@ -48,8 +48,7 @@ bool isOfService(int error)
 
 int patienceMs(int timesGivenWay)
 {
-    const int doublings = qMin(timesGivenWay, 16);
-    return qMin(PATIENCE_MS << doublings, LONGEST_PATIENCE_MS);
+    return doubledMs(PATIENCE_MS, timesGivenWay, LONGEST_PATIENCE_MS);
 }
 
 } // namespace
@@ -171,6 +170,8 @@ bool ManagedServiceDiscovery::Private::resolveNext()
     TrackedService& service = tracked[key];
     if (service.resolver) {
         // The one that is open tells what changes, but not again what it has told. Its place is free first.
+        if (unanswered.contains(service.resolverNumber))
+            service.turnToOtherLink();
         closeResolver(service);
         return true;
     }
@@ -200,9 +201,11 @@ void ManagedServiceDiscovery::Private::makeResolver(const ServiceKey& key, Track
 {
     const QByteArray name = bytesFromText(key.name), type = bytesFromText(key.type),
                      domain = bytesFromText(key.domain);
-    service.resolver = avahi_service_resolver_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC, name.constData(),
-                                                  type.constData(), domain.constData(), AVAHI_PROTO_INET,
-                                                  AVAHI_LOOKUP_USE_MULTICAST, SServiceResolve_callback, q);
+    service.resolverLink = service.linkToAsk();
+    service.resolver
+        = avahi_service_resolver_new(q->client, service.resolverLink.first, service.resolverLink.second,
+                                     name.constData(), type.constData(), domain.constData(), AVAHI_PROTO_INET,
+                                     AVAHI_LOOKUP_USE_MULTICAST, SServiceResolve_callback, q);
     if (!service.resolver) {
         resolverRefused(key);
         return;
@@ -284,6 +287,7 @@ void ManagedServiceDiscovery::Private::makeRoom(int excess)
 void ManagedServiceDiscovery::Private::giveWay(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
+    service.turnToOtherLink();
     closeResolver(service);
     if (service.timesGivenWay == 0)
         enqueue(key);

@@ -7,8 +7,8 @@ namespace vd {
 
 namespace {
 
-// A bus that cannot be watched is asked more often, to be found within two seconds too.
-const int UNWATCHED_RETRY_MS = 1500;
+// A bus that cannot be watched is asked more often, and so is a daemon that was there, to be found within two seconds.
+const int SOON_MS = 1500;
 // A connection that was lost sooner is not tried again at once.
 const int LASTING_MS = 2000;
 
@@ -75,7 +75,7 @@ void ManagedServiceDiscovery::Private::lostConnection()
         return;
     if (hasBegun && clock.elapsed() - begunAt >= LASTING_MS)
         backoff.reset();
-    pauseMs = backoff.milliseconds();
+    pauseMs = qMin(backoff.milliseconds(), SOON_MS);
     backoff.grow();
     connectTimer.start(0);
 }
@@ -121,7 +121,7 @@ void ManagedServiceDiscovery::Private::attemptFailed()
     const bool isDaemonAwaited = q->client && clientState == AVAHI_CLIENT_CONNECTING;
     const bool isBusWatched = q->client || busSocketWatch.turnOn();
     if (!isDaemonAwaited)
-        retryLater(isBusWatched ? LONGEST_RETRY_MS : UNWATCHED_RETRY_MS);
+        retryLater(isBusWatched ? LONGEST_RETRY_MS : SOON_MS);
     if (!q->client)
         busSocketWatch.look();
     setState(q->client && isDaemonThere(clientState) ? Connecting : Unavailable);

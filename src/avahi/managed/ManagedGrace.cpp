@@ -48,7 +48,7 @@ QList<ServiceKey> ManagedServiceDiscovery::Private::unseenServices() const
     QList<ServiceKey> unseen;
     for (TrackedServices::const_iterator service = tracked.constBegin(); service != tracked.constEnd();
          ++service) {
-        if (service->wasSeen && service->links.isEmpty())
+        if (service->wasSeen && service->sightings.isEmpty())
             unseen.append(service.key());
     }
     return unseen;
@@ -61,7 +61,7 @@ void ManagedServiceDiscovery::Private::endGrace()
     for (int i = 0; i < unseen.size() && !current.ended(); ++i) {
         // A slot may have brought it back meanwhile.
         const TrackedServices::const_iterator service = tracked.constFind(unseen.at(i));
-        if (service != tracked.constEnd() && service->links.isEmpty())
+        if (service != tracked.constEnd() && service->sightings.isEmpty())
             lose(unseen.at(i));
     }
 }

@@ -29,11 +29,17 @@ void ManagedServiceDiscovery::Private::query(const ServiceKey& key, bool longLiv
 void ManagedServiceDiscovery::Private::stopQuery(const QString& name, const QString& type)
 {
     const ServiceKey from = {name, QString(), QString()};
+    QList<ServiceKey> inVain;
     for (TrackedServices::iterator service = tracked.lowerBound(from);
          service != tracked.end() && service.key().name == name; ++service) {
-        if (type.isEmpty() || service.key().type == type)
-            endKeeping(service.key(), service.value());
+        if (!service->isLongLived || !(type.isEmpty() || service.key().type == type))
+            continue;
+        endKeeping(service.key(), service.value());
+        if (!service->wasSeen && service->txt.isNull())
+            inVain.append(service.key());
     }
+    for (int i = 0; i < inVain.size(); ++i)
+        forget(inVain.at(i));
     const QMap<QString, SServiceInfo>::iterator known = q->services.find(name);
     if (known != q->services.end())
         known->longLiveQuery = isAnyLongLived(name);
@@ -52,8 +58,6 @@ bool ManagedServiceDiscovery::Private::isAnyLongLived(const QString& name) const
 
 void ManagedServiceDiscovery::Private::endKeeping(const ServiceKey& key, TrackedService& service)
 {
-    if (!service.isLongLived)
-        return;
     service.isLongLived = false;
     parked.removeOne(key);
     unkeep(key, service);

@@ -25,11 +25,9 @@ const int LATE_ANSWER_MS = 100;
 const int FIRST_IGNORED_MS = 5000;
 const int LONGEST_IGNORED_MS = 3600 * 1000;
 
-int ignoredForMs(int times)
-{
-    const int doublings = qMin(times - 1, 16);
-    return qMin(FIRST_IGNORED_MS << doublings, LONGEST_IGNORED_MS);
-}
+// One that no link answers for is asked for again after this time, which grows to a minute.
+const int FIRST_UNANSWERED_MS = 5000;
+const int LONGEST_UNANSWERED_MS = 60 * 1000;
 
 } // namespace
 
@@ -72,15 +70,28 @@ void ManagedServiceDiscovery::Private::resolverFailed(const ServiceKey& key, int
             << printableText(key.name) << " error: " << avahi_strerror(error);
     });
     TrackedService& service = tracked[key];
-    if (error == AVAHI_ERR_TIMEOUT && service.timesIgnored > 0) {
-        ignore(key, service);
+    if (error == AVAHI_ERR_TIMEOUT) {
+        timedOut(key, service);
         return;
     }
-    // One that timed out may still be answered, and is left open for that.
-    if (error == AVAHI_ERR_TIMEOUT)
-        return;
     closeResolver(service);
     retryFailed(key, error);
+}
+
+// One that timed out may still be answered, and is left open for that until another link is asked.
+void ManagedServiceDiscovery::Private::timedOut(const ServiceKey& key, TrackedService& service)
+{
+    const bool hasOtherLink = service.turnToOtherLink();
+    if (service.timesIgnored > 0) {
+        ignore(key, service);
+    } else if (!service.wasSeen && !service.isLongLived) {
+        closeResolver(service);
+        if (service.txt.isNull())
+            forget(key);
+    } else if (hasOtherLink) {
+        const int rounds = ++service.timesUnanswered / static_cast<int>(service.linksToAsk().size());
+        retryIn(rounds == 0 ? 0 : doubledMs(FIRST_UNANSWERED_MS, rounds - 1, LONGEST_UNANSWERED_MS), key);
+    }
 }
 
 // A known device stays, whatever its text lacks for once. All others are none of ours, as long as they have no
@@ -107,7 +118,7 @@ void ManagedServiceDiscovery::Private::ignore(const ServiceKey& key, TrackedServ
     closeResolver(service);
     unkeep(key, service);
     ++service.timesIgnored;
-    retryIn(ignoredForMs(service.timesIgnored), key);
+    retryIn(doubledMs(FIRST_IGNORED_MS, service.timesIgnored - 1, LONGEST_IGNORED_MS), key);
 }
 
 void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SServiceInfo& info,
@@ -120,6 +131,7 @@ void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SSe
     TrackedService& service = tracked[key];
     const bool isTextChanged = !service.txt.isNull() && service.txt != txt;
     noteAnswer(key, service, txt);
+    takeFromUnresolved(key);
     if (!service.addresses.contains(address))
         service.addresses.append(address);
 
@@ -154,6 +166,7 @@ void ManagedServiceDiscovery::Private::noteAnswer(const ServiceKey& key, Tracked
     if (clock.elapsed() - service.resolvingSince >= LATE_ANSWER_MS)
         newsFromNetwork();
     service.txt = txt;
+    service.timesUnanswered = 0;
     service.timesGivenWay = 0;
     service.timesIgnored = 0;
     unanswered.remove(service.resolverNumber);

@@ -22,12 +22,6 @@ bool isQueryable(const char* name, const char* type)
     return name && *name && isAcceptableToAvahi(name) && type && isAcceptableToAvahi(type);
 }
 
-ServiceKey keyOf(const char* name, const char* type, const char* domain)
-{
-    const ServiceKey key = {textFromBytes(name), textFromBytes(type), textFromBytes(domain)};
-    return key;
-}
-
 } // namespace
 
 ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
@@ -155,7 +149,7 @@ bool ManagedServiceDiscovery::ResolveService(unsigned int, const char* name, con
 {
     if (d->types.isEmpty() || !isQueryable(name, type) || !isAcceptableToAvahi(domain))
         return false;
-    d->query(keyOf(name, type, domain ? domain : QUERY_DOMAIN), false);
+    d->query(keyFromBytes(name, type, domain ? domain : QUERY_DOMAIN), false);
     return true;
 }
 
@@ -163,13 +157,13 @@ bool ManagedServiceDiscovery::StartQueryRecords(const char* name, const char* ty
 {
     if (d->types.isEmpty() || !isQueryable(name, type))
         return false;
-    d->query(d->trackedKey(textFromBytes(name), textFromBytes(type), textFromBytes(QUERY_DOMAIN)), longLiveQuery);
+    d->query(d->trackedKey(keyFromBytes(name, type, QUERY_DOMAIN)), longLiveQuery);
     return true;
 }
 
 void ManagedServiceDiscovery::StopQueryRecords(const char* name, const char* type)
 {
-    d->stopQuery(textFromBytes(name), textFromBytes(type));
+    d->stopQuery(wholeTextFromBytes(name), textFromBytes(type));
 }
 
 bool ManagedServiceDiscovery::RegisterService(const char* name, const char* type, const vd::SReconfigInfo& info)

@@ -47,7 +47,7 @@ public:
 
     // What browsers see: ManagedBrowsing.cpp
     void cacheOfTypeRead(AvahiServiceBrowser* browser);
-    void serviceChanged(const ServiceKey& key, const Link& link, bool isThere);
+    void serviceChanged(const ServiceKey& key, const Sighting& sighting, bool isThere);
     void lose(const ServiceKey& key);
 
     // Who is resolved next: ManagedLine.cpp
@@ -75,7 +75,8 @@ public:
     void addressesComplete(const ServiceKey& key);
     void addressBrowserFailed(const ServiceKey& key);
 
-    ServiceKey trackedKey(const QString& name, const QString& type, const QString& domain) const;
+    /** The one that was seen of this name and type, in whichever domain, or @p wanted. */
+    ServiceKey trackedKey(const ServiceKey& wanted) const;
 
     ManagedServiceDiscovery* const q;
 
@@ -149,8 +150,8 @@ private:
     void publishLater();
     void endPublication();
 
-    void appeared(const ServiceKey& key, const Link& link);
-    void disappeared(const ServiceKey& key, const Link& link);
+    void appeared(const ServiceKey& key, const Sighting& sighting);
+    void disappeared(const ServiceKey& key, const Sighting& sighting);
     void removeFromQueue(const ServiceKey& key);
     void loseDevice(const QString& name);
     void dropIfAllIgnored(const QString& name);
@@ -202,6 +203,8 @@ private:
     void removeAddress(const ServiceKey& key, const QString& address);
     void takeFromRecord(const QString& name, const QString& address);
     void takeOver(const QStringList& addresses, const ServiceKey& heir);
+    void takeFromUnresolved(const ServiceKey& key);
+    void timedOut(const ServiceKey& key, TrackedService& service);
     void noteAnswer(const ServiceKey& key, TrackedService& service, const QByteArray& txt);
 
     AvahiClientState clientState;

@@ -36,6 +36,21 @@ inline bool operator<(const ServiceKey& a, const ServiceKey& b)
     return a.type != b.type ? a.type < b.type : a.domain < b.domain;
 }
 
+ServiceKey keyFromBytes(const char* name, const char* type, const char* domain);
+
+/** A browser sees a service on a link. */
+struct Sighting
+{
+    /** The place of its type among those that are browsed. */
+    int browser;
+    Link link;
+};
+
+inline bool operator==(const Sighting& a, const Sighting& b)
+{
+    return a.browser == b.browser && a.link == b.link;
+}
+
 /** What is open for a service, and what was seen of it. */
 struct TrackedService
 {
@@ -43,6 +58,8 @@ struct TrackedService
         : resolver(nullptr)
         , resolverNumber(0)
         , resolvingSince(0)
+        , linkTurn(0)
+        , timesUnanswered(0)
         , timesGivenWay(0)
         , timesIgnored(0)
         , addressBrowser(nullptr)
@@ -59,8 +76,10 @@ struct TrackedService
     /** Its objects are gone with their client. What is known of the service stays, but not where it was seen. */
     void forgetCalls()
     {
-        links.clear();
+        sightings.clear();
         resolver = nullptr;
+        linkTurn = 0;
+        timesUnanswered = 0;
         timesGivenWay = 0;
         addressBrowser = nullptr;
         isToBeFollowed = false;
@@ -70,14 +89,33 @@ struct TrackedService
         isKept = false;
     }
 
+    bool isSeenOn(int interface) const;
+    /**
+     * Where resolvers are to look. One that is told no link stays on that of the first record it sees, be that record
+     * out of date. Over IPv6 many hosts do not tell their IPv4 addresses, so that counts only where IPv4 does not show
+     * the service.
+     */
+    QList<Link> linksToAsk() const;
+    /** Each has its turn. */
+    Link linkToAsk() const;
+    /** Its resolver was not answered. @return whether there is another link to ask. */
+    bool turnToOtherLink();
+    /** @p link is a better one to ask than that which has not answered yet. */
+    bool isBetterToAsk(const Link& link) const;
+
     /** Where browsing sees it. */
-    QList<Link> links;
+    QList<Sighting> sightings;
 
     AvahiServiceResolver* resolver;
     /** Resolvers are numbered as they are made. */
     qint64 resolverNumber;
     /** In milliseconds of the clock of calls. */
     qint64 resolvingSince;
+    Link resolverLink;
+    /** Which of the links to ask is the next. */
+    int linkTurn;
+    /** How often a resolver on one of several links got no answer since the last one. */
+    int timesUnanswered;
     /** How often its resolver was freed for others without having been answered. */
     int timesGivenWay;
     /** How often it was resolved without a maker's key; 0 once it had one. */

@@ -132,10 +132,24 @@ protected:
         onlyAnswerIs(number, address);
     }
 
-    static std::string newResolver(const std::string& name, int number, const char* type = HTTP, int client = 1)
+    /** A call for a service that is seen. */
+    static std::string newResolver(const std::string& name, int number, const char* type = HTTP, int interface = 2,
+                                   int protocol = AVAHI_PROTO_INET)
     {
-        return "service_resolver_new(client" + std::to_string(client) + ", -1, -1, \"" + name + "\", \"" + type
-               + "\", \"local\", 0, 2) = resolver" + std::to_string(number);
+        return resolverCall(1, interface, protocol, name, type) + std::to_string(number);
+    }
+
+    /** A call for a service that nobody browses for. */
+    static std::string newResolverAnywhere(const std::string& name, int number, const char* type = HTTP, int client = 1)
+    {
+        return resolverCall(client, -1, AVAHI_PROTO_INET, name, type) + std::to_string(number);
+    }
+
+    static std::string resolverCall(int client, int interface, int protocol, const std::string& name,
+                                    const std::string& type)
+    {
+        return "service_resolver_new(client" + std::to_string(client) + ", " + std::to_string(interface) + ", "
+               + std::to_string(protocol) + ", \"" + name + "\", \"" + type + "\", \"local\", 0, 2) = resolver";
     }
 
     static std::string camName(int number) { return "Cam" + std::to_string(number); }

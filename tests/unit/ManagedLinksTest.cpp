@@ -1,0 +1,197 @@
+// SPDX-License-Identifier: MIT
+// Where a device is looked for that is seen on several interfaces, or over both protocols.
+#include "support/ManagedFixture.h"
+
+namespace {
+
+const char SUBTYPE[] = "_dome._sub._http._tcp";
+// "Cam" behind a zero-width no-break space.
+const char MARKED[] = "\xEF\xBB\xBF"
+                      "Cam";
+
+} // namespace
+
+class ManagedLinksTest : public ManagedTest
+{
+protected:
+    static std::string newResolverOn(int interface, int number, int protocol = AVAHI_PROTO_INET)
+    {
+        return newResolver("Cam", number, HTTP, interface, protocol);
+    }
+
+    /** "Cam" seen on interfaces 2 and 3, and asked for on 2 by resolver 1. */
+    void seenOnTwo()
+    {
+        run();
+        appearsOn("Cam", 2);
+        appearsOn("Cam", 3);
+        turn();
+        EXPECT_EQ(takeCalls().back(), newResolverOn(2, 1));
+    }
+
+    /** What is called when @p resolver got no answer. */
+    Lines callsAfterTimeoutOf(int resolver)
+    {
+        resolveFails(resolver, "Cam", AVAHI_ERR_TIMEOUT);
+        takeCalls();
+        turn();
+        return takeCalls();
+    }
+};
+
+TEST_F(ManagedLinksTest, DeviceIsAskedOverIpv4WhereBothProtocolsShowIt)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    takeCalls();
+    turn();
+    EXPECT_EQ(takeCalls(), Lines{newResolverOn(2, 1)});
+}
+
+TEST_F(ManagedLinksTest, DeviceIsAskedOverIpv6WhereOnlyThatShowsIt)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    takeCalls();
+    turn();
+    EXPECT_EQ(takeCalls(), Lines{newResolverOn(2, 1, AVAHI_PROTO_INET6)});
+}
+
+TEST_F(ManagedLinksTest, Ipv4TakesThePlaceOfIpv6ThatHasNotAnswered)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    turn();
+    takeCalls();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", newResolverOn(2, 2)}));
+}
+
+TEST_F(ManagedLinksTest, Ipv4IsNotAskedWhenIpv6HasAnswered)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    takeCalls();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedLinksTest, Ipv6OfAnInterfaceIsNotAskedBesideItsIpv4)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    takeCalls();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    turn();
+    EXPECT_EQ(callsAfterTimeoutOf(1), Lines());
+    turn(300);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedLinksTest, OtherInterfaceIsAskedWhenOneDoesNotAnswer)
+{
+    seenOnTwo();
+    EXPECT_EQ(callsAfterTimeoutOf(1), (Lines{"service_resolver_free(resolver1)", newResolverOn(3, 2)}));
+}
+
+TEST_F(ManagedLinksTest, InterfacesThatDoNotAnswerAreAskedAgainAfterAWhile)
+{
+    seenOnTwo();
+    callsAfterTimeoutOf(1);
+    callsAfterTimeoutOf(2);
+    turn(4000);
+    EXPECT_EQ(takeCalls(), Lines());
+    turn(1600);
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
+}
+
+TEST_F(ManagedLinksTest, InterfaceThatAnsweredIsAskedFirstAndTheOtherAtOnce)
+{
+    seenOnTwo();
+    callsAfterTimeoutOf(1);
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    takeCalls();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines{newResolverOn(3, 3)});
+    EXPECT_EQ(callsAfterTimeoutOf(3), (Lines{"service_resolver_free(resolver3)", newResolverOn(2, 4)}));
+}
+
+TEST_F(ManagedLinksTest, WhoeverAsksAgainBeforeAnAnswerAsksTheOtherInterface)
+{
+    seenOnTwo();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", newResolverOn(3, 2)}));
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
+}
+
+TEST_F(ManagedLinksTest, KeptQueryGoesOnElsewhereWhenItsLinkShowsTheDeviceNoMore)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    takeCalls();
+    disappearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", newResolverOn(2, 2, AVAHI_PROTO_INET6)}));
+}
+
+TEST_F(ManagedLinksTest, KeptQueryGoesOnElsewhereWhenItsLinkAnswersNoMore)
+{
+    seenOnTwo();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    EXPECT_EQ(callsAfterTimeoutOf(2), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
+}
+
+TEST_F(ManagedLinksTest, DeviceStaysWhenItsSubtypeGoes)
+{
+    run();
+    discovery().BrowseServices(SUBTYPE);
+    found();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    disappearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    EXPECT_EQ(takeSignals(), Lines());
+    disappearsOn("Cam", 2);
+    EXPECT_EQ(takeSignals().size(), 1u);
+}
+
+TEST_F(ManagedLinksTest, NameBehindAByteOrderMarkIsAskedForWhole)
+{
+    run();
+    takeCalls();
+    appears(MARKED);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines{newResolver(MARKED, 1)});
+    discovery().StartQueryRecords(MARKED, HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", newResolver(MARKED, 2)}));
+}
+
+TEST_F(ManagedLinksTest, NameBehindAByteOrderMarkIsNotThatWithoutIt)
+{
+    run();
+    found();
+    appears(MARKED);
+    turn();
+    disappears(MARKED);
+    EXPECT_EQ(takeSignals(), Lines());
+}
