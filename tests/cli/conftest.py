@@ -13,10 +13,6 @@ from buses import silent_bus_at
 from waiting import LONGEST_RUN_S, wait_until
 
 
-# Under nohup the programs started here would inherit that it is ignored.
-signal.signal(signal.SIGHUP, signal.SIG_DFL)
-
-
 class Tool:
     """Runs vd-discover, by default where there is no system bus."""
 
