@@ -82,6 +82,32 @@ TEST_F(ManagedLinksTest, Ipv4IsNotAskedWhenIpv6HasAnswered)
     EXPECT_EQ(takeCalls(), Lines());
 }
 
+TEST_F(ManagedLinksTest, KeptQueryThatIpv6AnswersStaysThere)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    takeCalls();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedLinksTest, LinkThatTwoBrowsersShowIsAskedOnce)
+{
+    run();
+    discovery().BrowseServices(SUBTYPE);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    turn();
+    takeCalls();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6, HTTP, 2);
+    turn();
+    EXPECT_EQ(callsAfterTimeoutOf(1), Lines());
+}
+
 TEST_F(ManagedLinksTest, Ipv6OfAnInterfaceIsNotAskedBesideItsIpv4)
 {
     run();
@@ -110,6 +136,18 @@ TEST_F(ManagedLinksTest, InterfacesThatDoNotAnswerAreAskedAgainAfterAWhile)
     EXPECT_EQ(takeCalls(), Lines());
     turn(1600);
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
+}
+
+TEST_F(ManagedLinksTest, InterfaceThatAppearsLetsAllBeAskedWithoutAPause)
+{
+    seenOnTwo();
+    callsAfterTimeoutOf(1);
+    callsAfterTimeoutOf(2);
+    appearsOn("Cam", 4);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
+    EXPECT_EQ(callsAfterTimeoutOf(3), (Lines{"service_resolver_free(resolver3)", newResolverOn(3, 4)}));
+    EXPECT_EQ(callsAfterTimeoutOf(4), (Lines{"service_resolver_free(resolver4)", newResolverOn(4, 5)}));
 }
 
 TEST_F(ManagedLinksTest, InterfaceThatAnsweredIsAskedFirstAndTheOtherAtOnce)

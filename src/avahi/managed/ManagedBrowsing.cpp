@@ -6,6 +6,18 @@
 
 namespace vd {
 
+namespace {
+
+void appendNew(QStringList& addresses, const QStringList& others)
+{
+    for (int i = 0; i < others.size(); ++i) {
+        if (!addresses.contains(others.at(i)))
+            addresses.append(others.at(i));
+    }
+}
+
+} // namespace
+
 ServiceKey keyFromBytes(const char* name, const char* type, const char* domain)
 {
     const ServiceKey key = {wholeTextFromBytes(name), textFromBytes(type), textFromBytes(domain)};
@@ -135,10 +147,7 @@ void ManagedServiceDiscovery::Private::takeOver(const QStringList& addresses, co
 {
     TrackedService& service = tracked[heir];
     if (service.txt.isNull()) {
-        for (int i = 0; i < addresses.size(); ++i) {
-            if (!service.addresses.contains(addresses.at(i)))
-                service.addresses.append(addresses.at(i));
-        }
+        appendNew(service.addresses, addresses);
         return;
     }
     const QString name = heir.name;
@@ -156,10 +165,7 @@ void ManagedServiceDiscovery::Private::takeFromUnresolved(const ServiceKey& key)
          other != tracked.end() && other.key().name == key.name; ++other) {
         if (!other->txt.isNull())
             continue;
-        for (int i = 0; i < other->addresses.size(); ++i) {
-            if (!addresses.contains(other->addresses.at(i)))
-                addresses.append(other->addresses.at(i));
-        }
+        appendNew(addresses, other->addresses);
         other->addresses.clear();
     }
 }
