@@ -601,6 +601,30 @@ TEST_F(ManagedTest, ServiceIsQueriedInTheDomainWhereItIsSeen)
                                  "2) = resolver2"});
 }
 
+TEST_F(ManagedTest, ServiceOfTwoDomainsIsQueriedInBothAndLostWithTheLast)
+{
+    const auto fire = [this](AvahiBrowserEvent event, const char* domain) {
+        avahi.fireBrowse(avahi.browser(), event, 2, AVAHI_PROTO_INET, "Cam", HTTP, domain);
+    };
+    run();
+    found();
+    fire(AVAHI_BROWSER_NEW, "example.net");
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.1");
+    forgetAll();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(),
+              (Lines{"service_resolver_new(client1, 2, 0, \"Cam\", \"_http._tcp\", \"example.net\", 0, 2) = resolver3",
+                     newResolver("Cam", 4)}));
+    fire(AVAHI_BROWSER_REMOVE, "local");
+    EXPECT_EQ(takeSignals(), Lines());
+    fire(AVAHI_BROWSER_REMOVE, "example.net");
+    EXPECT_EQ(takeSignals().size(), 1u);
+    EXPECT_EQ(discovery().services.size(), 0);
+}
+
 TEST_F(ManagedTest, LossOnOneOfTwoInterfacesResolvesAgain)
 {
     run();

@@ -222,15 +222,18 @@ void ManagedServiceDiscovery::Private::forgetAsked(const QString& name)
         forget(asked.at(i));
 }
 
-ServiceKey ManagedServiceDiscovery::Private::trackedKey(const ServiceKey& wanted) const
+QList<ServiceKey> ManagedServiceDiscovery::Private::trackedKeys(const ServiceKey& wanted) const
 {
     const ServiceKey from = {wanted.name, wanted.type, QString()};
+    QList<ServiceKey> keys;
     for (TrackedServices::const_iterator next = tracked.lowerBound(from);
          next != tracked.constEnd() && next.key().name == wanted.name && next.key().type == wanted.type; ++next) {
         if (next->wasSeen)
-            return next.key();
+            keys.append(next.key());
     }
-    return wanted;
+    if (keys.isEmpty())
+        keys.append(wanted);
+    return keys;
 }
 
 } // namespace vd

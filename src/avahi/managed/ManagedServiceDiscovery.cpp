@@ -157,7 +157,9 @@ bool ManagedServiceDiscovery::StartQueryRecords(const char* name, const char* ty
 {
     if (d->types.isEmpty() || !isQueryable(name, type))
         return false;
-    d->query(d->trackedKey(keyFromBytes(name, type, QUERY_DOMAIN)), longLiveQuery);
+    const QList<ServiceKey> keys = d->trackedKeys(keyFromBytes(name, type, QUERY_DOMAIN));
+    for (int i = 0; i < keys.size(); ++i)
+        d->query(keys.at(i), longLiveQuery);
     return true;
 }
 

@@ -75,8 +75,8 @@ public:
     void addressesComplete(const ServiceKey& key);
     void addressBrowserFailed(const ServiceKey& key);
 
-    /** The one that was seen of this name and type, in whichever domain, or @p wanted. */
-    ServiceKey trackedKey(const ServiceKey& wanted) const;
+    /** Those that were seen of this name and type, in whichever domain, or else @p wanted. */
+    QList<ServiceKey> trackedKeys(const ServiceKey& wanted) const;
 
     ManagedServiceDiscovery* const q;
 
