@@ -319,6 +319,7 @@ TEST_F(ManagedLimitsTest, StoppedQueryOfAServiceThatIsNotThereHoldsNothing)
     discovery().StartQueryRecords("Gone", HTTP, true);
     turn();
     resolveFails(1, "Gone", AVAHI_ERR_TIMEOUT);
+    turn();
     EXPECT_EQ(liveCount("resolver"), 1);
     discovery().StopQueryRecords("Gone", HTTP);
     turn();
@@ -354,6 +355,7 @@ TEST_F(ManagedLimitsTest, ServiceThatWasAskedForAndAnswersNoMoreKeepsItsRecord)
     turn();
     EXPECT_EQ(liveCount("resolver"), 0);
     EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList(QStringLiteral("10.0.0.1")));
+    EXPECT_EQ(queue(), Lines{"Cam, _https._tcp"});
 }
 
 TEST_F(ManagedLimitsTest, HandlerThatBeginsAnewLeavesNothingOfTheOldEvent)

@@ -199,6 +199,31 @@ TEST_F(ManagedLinksTest, KeptQueryGoesOnElsewhereWhenItsLinkAnswersNoMore)
     EXPECT_EQ(callsAfterTimeoutOf(2), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
 }
 
+TEST_F(ManagedLinksTest, KeptQueryAsksTheInterfaceAgainThatAnswered)
+{
+    seenOnTwo();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.1");
+    takeCalls();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
+}
+
+TEST_F(ManagedLinksTest, WhoGivesWayToOthersAsksTheOtherInterfaceNext)
+{
+    discovery().setObjectLimit(8);
+    seenOnTwo();
+    for (int i = 0; i < 8; ++i)
+        appears(camName(i).c_str());
+    turn(3000);
+    EXPECT_EQ(count(takeCalls(), resolverCall(1, 3, AVAHI_PROTO_INET, "Cam", HTTP)), 1);
+}
+
 TEST_F(ManagedLinksTest, DeviceStaysWhenItsSubtypeGoes)
 {
     run();

@@ -5,7 +5,6 @@
 #include <vd/ManagedServiceDiscovery.h>
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QElapsedTimer>
 #include <QtCore/QThread>
 
 #include <gtest/gtest.h>
@@ -77,22 +76,19 @@ private:
         discovery.StartQueryAllRecords();
         discovery.deviceAppears();
         // Others may appear, so it is not resolved at once.
-        turn(40);
+        while (discovery.openObjects() < 2)
+            turn();
         discovery.deviceIsResolved();
         discovery.TerminateBrowsing();
         discovery.BrowseServices("_http._tcp");
         turn();
     }
 
-    static void turn(int milliseconds = 0)
+    static void turn()
     {
-        QElapsedTimer waited;
-        waited.start();
-        do {
-            for (int i = 0; i < 3; ++i)
-                QCoreApplication::processEvents();
-            msleep(1);
-        } while (waited.elapsed() < milliseconds);
+        for (int i = 0; i < 3; ++i)
+            QCoreApplication::processEvents();
+        msleep(1);
     }
 
     QObject* const m_window;

@@ -257,9 +257,10 @@ TEST_P(VdDiscoverBrowse, KeepsAQueryOpenForEveryDeviceFoundOnceItsSignalIsOver)
     start();
     cameraFound("Gate", 1);
     avahi.takeCalls();
-    const std::string protocol = options.plain ? "-1" : "0";
-    EXPECT_EQ(takeQueries(), Lines{"service_resolver_new(client1, -1, -1, \"Gate\", \"_http._tcp\", \"local\", "
-                                   + protocol + ", 2) = resolver2"});
+    const std::string link = options.plain ? "-1, -1" : "2, 0";
+    const std::string addresses = options.plain ? "-1" : "0";
+    EXPECT_EQ(takeQueries(), Lines{"service_resolver_new(client1, " + link + ", \"Gate\", \"_http._tcp\", \"local\", "
+                                   + addresses + ", 2) = resolver2"});
     EXPECT_EQ(takeQueries(), Lines{});
 }
 
