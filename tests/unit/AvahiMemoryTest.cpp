@@ -22,11 +22,11 @@
 
 namespace {
 
-const char CAMERA[] = "Cam";
-const char HOST[] = "cam.local";
-const char ADDRESS[] = "10.0.0.1";
-const char HTTP[] = "_http._tcp";
-const char SETUP[] = "_setup._tcp";
+using CountedAvahi::ADDRESS;
+using CountedAvahi::CAMERA;
+using CountedAvahi::HOST;
+using CountedAvahi::HTTP;
+using CountedAvahi::SETUP;
 
 // Which allocation is refused, counted from 1; none when it is 0.
 int refused = 0;

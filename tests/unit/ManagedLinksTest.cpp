@@ -29,6 +29,21 @@ protected:
         EXPECT_EQ(takeCalls().back(), newResolverOn(2, 1));
     }
 
+    void seenOverIpv6()
+    {
+        run();
+        appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+        takeCalls();
+    }
+
+    /** The device answers @p resolver, and its host @p addressBrowser. */
+    void answer(int resolver, int addressBrowser)
+    {
+        resolved(resolver, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        onlyAnswerIs(addressBrowser, "10.0.0.1");
+        takeCalls();
+    }
+
     /** What is called when @p resolver got no answer. */
     Lines callsAfterTimeoutOf(int resolver)
     {
@@ -51,17 +66,14 @@ TEST_F(ManagedLinksTest, DeviceIsAskedOverIpv4WhereBothProtocolsShowIt)
 
 TEST_F(ManagedLinksTest, DeviceIsAskedOverIpv6WhereOnlyThatShowsIt)
 {
-    run();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
-    takeCalls();
+    seenOverIpv6();
     turn();
     EXPECT_EQ(takeCalls(), Lines{newResolverOn(2, 1, AVAHI_PROTO_INET6)});
 }
 
 TEST_F(ManagedLinksTest, Ipv4TakesThePlaceOfIpv6ThatHasNotAnswered)
 {
-    run();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    seenOverIpv6();
     turn();
     takeCalls();
     appearsOn("Cam", 2, AVAHI_PROTO_INET);
@@ -71,12 +83,9 @@ TEST_F(ManagedLinksTest, Ipv4TakesThePlaceOfIpv6ThatHasNotAnswered)
 
 TEST_F(ManagedLinksTest, Ipv4IsNotAskedWhenIpv6HasAnswered)
 {
-    run();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    seenOverIpv6();
     turn();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(1, "10.0.0.1");
-    takeCalls();
+    answer(1, 1);
     appearsOn("Cam", 2, AVAHI_PROTO_INET);
     turn();
     EXPECT_EQ(takeCalls(), Lines());
@@ -84,13 +93,10 @@ TEST_F(ManagedLinksTest, Ipv4IsNotAskedWhenIpv6HasAnswered)
 
 TEST_F(ManagedLinksTest, KeptQueryThatIpv6AnswersStaysThere)
 {
-    run();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    seenOverIpv6();
     discovery().StartQueryRecords("Cam", HTTP, true);
     turn();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(1, "10.0.0.1");
-    takeCalls();
+    answer(1, 1);
     appearsOn("Cam", 2, AVAHI_PROTO_INET);
     turn();
     EXPECT_EQ(takeCalls(), Lines());
@@ -154,9 +160,7 @@ TEST_F(ManagedLinksTest, InterfaceThatAnsweredIsAskedFirstAndTheOtherAtOnce)
 {
     seenOnTwo();
     callsAfterTimeoutOf(1);
-    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(1, "10.0.0.1");
-    takeCalls();
+    answer(2, 1);
     discovery().StartQueryRecords("Cam", HTTP, false);
     turn();
     EXPECT_EQ(takeCalls(), Lines{newResolverOn(3, 3)});
@@ -181,9 +185,7 @@ TEST_F(ManagedLinksTest, KeptQueryGoesOnElsewhereWhenItsLinkShowsTheDeviceNoMore
     appearsOn("Cam", 2, AVAHI_PROTO_INET6);
     discovery().StartQueryRecords("Cam", HTTP, true);
     turn();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(1, "10.0.0.1");
-    takeCalls();
+    answer(1, 1);
     disappearsOn("Cam", 2, AVAHI_PROTO_INET);
     turn();
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver1)", newResolverOn(2, 2, AVAHI_PROTO_INET6)}));
@@ -194,21 +196,17 @@ TEST_F(ManagedLinksTest, KeptQueryGoesOnElsewhereWhenItsLinkAnswersNoMore)
     seenOnTwo();
     discovery().StartQueryRecords("Cam", HTTP, true);
     turn();
-    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(1, "10.0.0.1");
+    answer(2, 1);
     EXPECT_EQ(callsAfterTimeoutOf(2), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
 }
 
 TEST_F(ManagedLinksTest, KeptQueryAsksTheInterfaceAgainThatAnswered)
 {
     seenOnTwo();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(1, "10.0.0.1");
+    answer(1, 1);
     discovery().StartQueryRecords("Cam", HTTP, true);
     turn();
-    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    onlyAnswerIs(2, "10.0.0.1");
-    takeCalls();
+    answer(2, 2);
     discovery().StartQueryRecords("Cam", HTTP, false);
     turn();
     EXPECT_EQ(takeCalls(), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));

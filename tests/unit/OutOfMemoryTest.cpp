@@ -154,11 +154,11 @@ void* realloc(void* block, size_t size)
 
 namespace {
 
-const char CAMERA[] = "Cam";
-const char HOST[] = "cam.local";
-const char ADDRESS[] = "10.0.0.1";
-const char HTTP[] = "_http._tcp";
-const char SETUP[] = "_setup._tcp";
+using CountedAvahi::ADDRESS;
+using CountedAvahi::CAMERA;
+using CountedAvahi::HOST;
+using CountedAvahi::HTTP;
+using CountedAvahi::SETUP;
 
 const int SIDE_BY_SIDE = 16;
 

@@ -13,6 +13,13 @@
  */
 namespace CountedAvahi {
 
+// A device and its types for the tests that have no memory.
+const char CAMERA[] = "Cam";
+const char HOST[] = "cam.local";
+const char ADDRESS[] = "10.0.0.1";
+const char HTTP[] = "_http._tcp";
+const char SETUP[] = "_setup._tcp";
+
 enum Kind { Client, Browser, Resolver, RecordBrowser, Group, KINDS };
 
 /** How many handles are open. */
