@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <map>
+#include <ostream>
 #include <regex>
 #include <string>
 #include <vector>
@@ -20,6 +21,12 @@ struct Leak
     const char* test;
     std::string told;
 };
+
+// GoogleTest would print its bytes, padding included.
+void PrintTo(const Leak& leak, std::ostream* out)
+{
+    *out << leak.test;
+}
 
 const std::vector<Leak> leaks = {
     {"Nothing", ""},

@@ -32,6 +32,7 @@
 #include <map>
 #include <memory>
 #include <new>
+#include <ostream>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -262,6 +263,12 @@ struct Operation
     CountedAvahi::Kind made = CountedAvahi::KINDS;
     bool needsMemory = true;
 };
+
+// GoogleTest would print its bytes, padding included.
+void PrintTo(const Operation& operation, std::ostream* out)
+{
+    *out << operation.name;
+}
 
 std::vector<Step> after(const std::vector<Step>& steps, std::initializer_list<Step> more)
 {
