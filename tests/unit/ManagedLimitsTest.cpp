@@ -93,6 +93,28 @@ TEST_F(ManagedLimitsTest, LossOfAKeptServiceThatHoldsNothingGivesItsRoomToAParke
     EXPECT_EQ(liveCount("resolver"), 1);
 }
 
+TEST_F(ManagedLimitsTest, KeptQueryThatIsNotAnsweredGivesItsRoomToAParkedOneAndGetsItBack)
+{
+    discovery().setObjectLimit(8);
+    run();
+    keepOpen("A", 1);
+    keepOpen("B", 2);
+    keepOpen("C", 3);
+    keepOpen("Waiting", 4);
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver1", "recordBrowser1", "resolver2",
+                                          "recordBrowser2", "resolver3", "recordBrowser3"}));
+    takeCalls();
+    resolveFails(2, "B", AVAHI_ERR_TIMEOUT);
+    turn();
+    EXPECT_EQ(resolvesOf("Waiting"), 1);
+    resolved(5, "Waiting", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(5, "10.0.0.1");
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver1", "recordBrowser1", "resolver3",
+                                          "recordBrowser3", "resolver5", "recordBrowser5"}));
+    disappears("Waiting");
+    EXPECT_EQ(resolvesOf("B"), 1);
+}
+
 TEST_F(ManagedLimitsTest, QueryOfAKeptServiceAtTheSmallestLimitHoldsUpNobody)
 {
     discovery().setObjectLimit(8);

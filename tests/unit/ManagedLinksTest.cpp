@@ -200,6 +200,16 @@ TEST_F(ManagedLinksTest, KeptQueryGoesOnElsewhereWhenItsLinkAnswersNoMore)
     EXPECT_EQ(callsAfterTimeoutOf(2), (Lines{"service_resolver_free(resolver2)", newResolverOn(2, 3)}));
 }
 
+TEST_F(ManagedLinksTest, KeptQueryOnTheOnlyLinkStaysOpenWithoutAnAnswer)
+{
+    run();
+    appears("Cam");
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    answer(1, 1);
+    EXPECT_EQ(callsAfterTimeoutOf(1), Lines());
+}
+
 TEST_F(ManagedLinksTest, KeptQueryAsksTheInterfaceAgainThatAnswered)
 {
     seenOnTwo();

@@ -189,6 +189,16 @@ void ManagedServiceDiscovery::Private::balanceKept()
         park(kept.last());
 }
 
+// To a query that may be answered; it has its turn again after all that wait.
+void ManagedServiceDiscovery::Private::yieldRoom(const ServiceKey& key, TrackedService& service)
+{
+    closeResolver(service);
+    if (service.isLookComplete)
+        closeAddressBrowser(service);
+    unkeep(key, service);
+    parked.append(key);
+}
+
 void ManagedServiceDiscovery::Private::park(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];

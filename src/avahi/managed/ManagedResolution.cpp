@@ -84,6 +84,8 @@ void ManagedServiceDiscovery::Private::timedOut(const ServiceKey& key, TrackedSe
     const bool hasOtherLink = service.turnToOtherLink();
     if (service.timesIgnored > 0) {
         ignore(key, service);
+    } else if (service.isKept && !parked.isEmpty()) {
+        yieldRoom(key, service);
     } else if (!service.wasSeen && !service.isLongLived) {
         closeResolver(service);
         if (service.txt.isNull())

@@ -171,6 +171,7 @@ private:
     int mostKept() const;
     void balanceKept();
     void park(const ServiceKey& key);
+    void yieldRoom(const ServiceKey& key, TrackedService& service);
     void ignore(const ServiceKey& key, TrackedService& service);
     int reservedObjects() const;
     int openReservedObjects() const;
