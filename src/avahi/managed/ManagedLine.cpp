@@ -193,8 +193,7 @@ void ManagedServiceDiscovery::Private::balanceKept()
 void ManagedServiceDiscovery::Private::yieldRoom(const ServiceKey& key, TrackedService& service)
 {
     closeResolver(service);
-    if (service.isLookComplete)
-        closeAddressBrowser(service);
+    closeAnswered(service);
     unkeep(key, service);
     parked.append(key);
 }
