@@ -372,7 +372,7 @@ TEST(SequenceTest, HasUpTo200StepsOfEveryKind)
 
 TEST(SequenceTest, AnswersComeWithoutATxtRecordAndWithShortOnes)
 {
-    for (const std::size_t strings : {0, 1, 2, 3, 4}) {
+    for (const std::size_t strings : {0U, 1U, 2U, 3U, 4U}) {
         SCOPED_TRACE(std::to_string(strings) + " strings");
         const auto hasThem = [strings](const Step& step) { return step.txt().size() == strings; };
         EXPECT_GT(shareOfResolveEvents(isAnswer, hasThem), 0.05);

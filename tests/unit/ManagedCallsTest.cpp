@@ -452,7 +452,7 @@ TEST_F(ManagedCallsTest, NothingIsAskedOrCalledWhileServicesAppearOneAfterTheOth
         std::array<QElapsedTimer, FLOW> sinceLast;
         for (QElapsedTimer& since : sinceLast)
             since.start();
-        for (int i = 0; i < 60 && wasPunctual; ++i) {
+        for (std::size_t i = 0; i < 60 && wasPunctual; ++i) {
             appears(camName(++number).c_str());
             sinceLast[i % FLOW].start();
             turn(2);
