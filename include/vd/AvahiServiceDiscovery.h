@@ -171,6 +171,9 @@ protected:
     /** The same as UpdateTxtRecord(): it replaces, it does not add. */
     bool AddTxtRecord(const char* txt);
 
+    /** Whether entryGroup is neither null nor dangling. */
+    bool hasEntryGroup() const;
+
     /** The one client, made by the first BrowseServices(). */
     AvahiClient* client;
     /** In order of creation. */
@@ -206,7 +209,6 @@ private:
     bool markAddressRemoved(const QString& key, const QString& address);
     void freeResolver(AvahiServiceResolver* resolver);
     void freeClient(AvahiClient* freed);
-    bool hasEntryGroup() const;
     bool makeEntryGroup();
     bool addToEntryGroup(int refusal);
     int addService(const std::string& name, const std::string& type);

@@ -576,6 +576,14 @@ TEST_F(ManagedConnectionTest, TerminatingForgetsEverything)
     EXPECT_EQ(avahi.liveHandles(), Lines());
 }
 
+TEST_F(ManagedConnectionTest, BrowsingThatAHandlerEndsMeanwhileHasNotBegun)
+{
+    avahi.duringClientNew([this](AvahiClient*) { discovery().TerminateBrowsing(); });
+    EXPECT_FALSE(discovery().BrowseServices(HTTP));
+    EXPECT_FALSE(discovery().IsBrowsing());
+    EXPECT_EQ(avahi.liveHandles(), Lines());
+}
+
 TEST_F(ManagedConnectionTest, WhatTheEventLoopWasHeldUpForIsNoPartOfTheGracePeriod)
 {
     discovery().setGracePeriod(200);
@@ -773,15 +781,21 @@ protected:
         daemonRuns();
         if (std::string(GetParam()) == "NewClient") {
             act(action);
-            EXPECT_EQ(host->BrowseServices(HTTP), host != nullptr);
+            hasBegun = host->BrowseServices(HTTP);
         } else {
-            host->BrowseServices(HTTP);
+            hasBegun = host->BrowseServices(HTTP);
             act(action);
             const bool isFailure = std::string(GetParam()) == "Failure";
             avahi.fireClientState(isFailure ? AVAHI_CLIENT_FAILURE : AVAHI_CLIENT_S_REGISTERING);
         }
         EXPECT_TRUE(ran);
         turn(20);
+    }
+
+    /** What BrowseServices() returned, in which a new client is made. */
+    void expectBegun(bool withinNewClient)
+    {
+        EXPECT_EQ(hasBegun, withinNewClient || GetParam() != std::string("NewClient"));
     }
 
     std::unique_ptr<OverridingDiscovery> host;
@@ -796,6 +810,7 @@ private:
     }
 
     bool ran = false;
+    bool hasBegun = false;
 };
 
 INSTANTIATE_TEST_SUITE_P(EveryChange, ManagedClientHandlerTest, testing::Values("NewClient", "Renamed", "Failure"),
@@ -804,6 +819,7 @@ INSTANTIATE_TEST_SUITE_P(EveryChange, ManagedClientHandlerTest, testing::Values(
 TEST_P(ManagedClientHandlerTest, EndingLeavesNothing)
 {
     cause([this] { host->TerminateBrowsing(); });
+    expectBegun(false);
     EXPECT_EQ(avahi.liveHandles(), Lines());
     EXPECT_EQ(host->state(), Managed::Unavailable);
     EXPECT_FALSE(host->IsBrowsing());
@@ -815,6 +831,7 @@ TEST_P(ManagedClientHandlerTest, BeginningAnewBrowsesOnce)
         host->TerminateBrowsing();
         EXPECT_TRUE(host->BrowseServices(HTTPS));
     });
+    expectBegun(false);
     EXPECT_EQ(host->state(), Managed::Running);
     EXPECT_EQ(liveCount("client"), 1);
     EXPECT_EQ(liveCount("browser"), 1);
@@ -823,6 +840,7 @@ TEST_P(ManagedClientHandlerTest, BeginningAnewBrowsesOnce)
 TEST_P(ManagedClientHandlerTest, AnotherTypeIsBrowsedOnce)
 {
     cause([this] { EXPECT_TRUE(host->BrowseServices(HTTPS)); });
+    expectBegun(true);
     EXPECT_EQ(host->state(), Managed::Running);
     EXPECT_EQ(liveCount("browser"), 2);
 }
@@ -840,5 +858,6 @@ TEST_P(ManagedClientHandlerTest, ServiceThatIsRegisteredIsPublishedWhenTheHostHa
 TEST_P(ManagedClientHandlerTest, DeletingIsSurvived)
 {
     cause([this] { host.reset(); });
+    expectBegun(false);
     EXPECT_EQ(avahi.liveHandles(), Lines());
 }

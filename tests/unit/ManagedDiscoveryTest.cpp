@@ -603,12 +603,9 @@ TEST_F(ManagedTest, ServiceIsQueriedInTheDomainWhereItIsSeen)
 
 TEST_F(ManagedTest, ServiceOfTwoDomainsIsQueriedInBothAndLostWithTheLast)
 {
-    const auto fire = [this](AvahiBrowserEvent event, const char* domain) {
-        avahi.fireBrowse(avahi.browser(), event, 2, AVAHI_PROTO_INET, "Cam", HTTP, domain);
-    };
     run();
     found();
-    fire(AVAHI_BROWSER_NEW, "example.net");
+    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
     turn();
     resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
     onlyAnswerIs(2, "10.0.0.1");
@@ -618,11 +615,42 @@ TEST_F(ManagedTest, ServiceOfTwoDomainsIsQueriedInBothAndLostWithTheLast)
     EXPECT_EQ(takeCalls(),
               (Lines{"service_resolver_new(client1, 2, 0, \"Cam\", \"_http._tcp\", \"example.net\", 0, 2) = resolver3",
                      newResolver("Cam", 4)}));
-    fire(AVAHI_BROWSER_REMOVE, "local");
+    const std::string record = camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known);
+    fireInDomain(AVAHI_BROWSER_REMOVE, "local");
     EXPECT_EQ(takeSignals(), Lines());
-    fire(AVAHI_BROWSER_REMOVE, "example.net");
+    EXPECT_EQ(table(), Lines{"\"Cam\": " + record});
+    EXPECT_EQ(queue(), Lines{"Cam, _http._tcp"});
+    fireInDomain(AVAHI_BROWSER_REMOVE, "example.net");
+    EXPECT_EQ(takeSignals(), Lines{"lost " + record});
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(ManagedTest, ServiceThatIsNoDeviceIsNotQueriedForItsTwinInAnotherDomain)
+{
+    run();
+    found();
+    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"});
+    fireInDomain(AVAHI_BROWSER_REMOVE, "local");
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(ManagedTest, DeviceThatWasAskedForStaysWhenATwinThatIsNoneComesAndGoes)
+{
+    run();
+    discovery().ResolveService(2, "Cam", HTTP, "local");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"});
+    fireInDomain(AVAHI_BROWSER_REMOVE, "example.net");
     EXPECT_EQ(takeSignals().size(), 1u);
-    EXPECT_EQ(discovery().services.size(), 0);
+    EXPECT_EQ(table().size(), 1u);
+    EXPECT_EQ(queue(), Lines{"Cam, _http._tcp"});
 }
 
 TEST_F(ManagedTest, LossOnOneOfTwoInterfacesResolvesAgain)

@@ -420,6 +420,15 @@ TEST_F(ManagedPublicationTest, RegistrationThatCouldNotBeTakenBackIsStillThereTo
     EXPECT_FALSE(discovery().IsRegistered());
 }
 
+TEST_F(ManagedPublicationTest, GroupThatWasFreedWithAnErrorIsNoObjectAnyMore)
+{
+    runRegistered();
+    avahi.failNext("entry_group_free", AVAHI_ERR_DBUS_ERROR);
+    EXPECT_FALSE(discovery().TerminateRegistration());
+    EXPECT_EQ(liveCount("group"), 0);
+    EXPECT_EQ(discovery().openObjects(), 1);
+}
+
 TEST_F(ManagedPublicationTest, SecondRegistrationThatIsRefusedChangesNothing)
 {
     runRegistered();

@@ -105,6 +105,7 @@ void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const 
 
 void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
 {
+    const bool wasDevice = !tracked.value(key).txt.isNull();
     const QStringList addresses = tracked.value(key).addresses;
     forget(key);
     const QMap<QString, SServiceInfo>::iterator known = q->services.find(key.name);
@@ -117,7 +118,7 @@ void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
         if (known->serviceType == key.type)
             enqueue(other);
         takeOver(addresses, other);
-    } else {
+    } else if (wasDevice || !isKnownByAsking(key.name)) {
         loseDevice(key.name);
     }
 }
@@ -126,7 +127,7 @@ void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
 void ManagedServiceDiscovery::Private::dropIfAllIgnored(const QString& name)
 {
     ServiceKey other;
-    if (q->services.contains(name) && !hasOtherService(name, &other))
+    if (q->services.contains(name) && !hasOtherService(name, &other) && !isKnownByAsking(name))
         loseDevice(name);
 }
 
@@ -188,10 +189,12 @@ void ManagedServiceDiscovery::Private::forget(const ServiceKey& key)
 void ManagedServiceDiscovery::Private::removeFromQueue(const ServiceKey& key)
 {
     // Beside the domain, which the queue does not know, two services may be the same.
-    ServiceKey from = {key.name, key.type, QString()};
-    const TrackedServices::const_iterator next = tracked.lowerBound(from);
-    if (next != tracked.constEnd() && next.key().name == key.name && next.key().type == key.type)
-        return;
+    const ServiceKey from = {key.name, key.type, QString()};
+    for (TrackedServices::const_iterator next = tracked.lowerBound(from);
+         next != tracked.constEnd() && next.key().name == key.name && next.key().type == key.type; ++next) {
+        if (!next->txt.isNull())
+            return;
+    }
     q->recordQueue.removeOne(qMakePair(key.name, key.type));
 }
 
@@ -204,6 +207,18 @@ bool ManagedServiceDiscovery::Private::hasOtherService(const QString& name, Serv
             *other = next.key();
             return true;
         }
+    }
+    return false;
+}
+
+// No browser shows it as a device, but what a host asked for is one.
+bool ManagedServiceDiscovery::Private::isKnownByAsking(const QString& name) const
+{
+    const ServiceKey from = {name, QString(), QString()};
+    for (TrackedServices::const_iterator next = tracked.lowerBound(from);
+         next != tracked.constEnd() && next.key().name == name; ++next) {
+        if (!next->wasSeen && !next->txt.isNull())
+            return true;
     }
     return false;
 }

@@ -299,12 +299,12 @@ void ManagedServiceDiscovery::Private::giveWay(const ServiceKey& key)
 // For the browsers, and for a published service.
 int ManagedServiceDiscovery::Private::reservedObjects() const
 {
-    return static_cast<int>(types.size()) + (publishes || q->entryGroup ? 1 : 0);
+    return static_cast<int>(types.size()) + (publishes || q->hasEntryGroup() ? 1 : 0);
 }
 
 int ManagedServiceDiscovery::Private::openReservedObjects() const
 {
-    return static_cast<int>(q->serviceBrowsers.size()) + (q->entryGroup ? 1 : 0);
+    return static_cast<int>(q->serviceBrowsers.size()) + (q->hasEntryGroup() ? 1 : 0);
 }
 
 int ManagedServiceDiscovery::Private::objectsAllowed() const

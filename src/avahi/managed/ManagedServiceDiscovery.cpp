@@ -125,10 +125,12 @@ bool ManagedServiceDiscovery::BrowseServices(const char* type)
     const QByteArray wanted(type);
     if (!d->types.contains(wanted))
         d->types.append(wanted);
+    const ManagedSession current(d.data());
     // While it waits to try again, another type is no reason to hurry.
     if (!d->connectTimer.isActive())
         d->connectToDaemon();
-    return true;
+    // A handler that Avahi calls meanwhile may end it, and the object.
+    return !current.objectIsGone() && d->types.contains(wanted);
 }
 
 bool ManagedServiceDiscovery::TerminateBrowsing()

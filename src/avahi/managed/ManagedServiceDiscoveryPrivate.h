@@ -157,6 +157,7 @@ private:
     void dropIfAllIgnored(const QString& name);
     void forgetAsked(const QString& name);
     bool hasOtherService(const QString& name, ServiceKey* other) const;
+    bool isKnownByAsking(const QString& name) const;
 
     void enqueueFirst(const ServiceKey& key);
     void leaveLine(TrackedService& service);

@@ -91,6 +91,11 @@ protected:
         avahi.fireBrowse(avahi.browser(browser), AVAHI_BROWSER_REMOVE, interface, protocol, name, type, "local");
     }
 
+    void fireInDomain(AvahiBrowserEvent event, const char* domain)
+    {
+        avahi.fireBrowse(avahi.browser(), event, 2, AVAHI_PROTO_INET, "Cam", HTTP, domain);
+    }
+
     /** A camera found, its addresses complete, and all that was written down forgotten. */
     void found(const char* name = "Cam", const char* host = "cam.local", const char* address = "10.0.0.1", int number = 1)
     {
