@@ -8,7 +8,7 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 BUILD = Path(os.environ.get("VD_FUZZ_BUILD_DIR", HERE.parents[1] / "build" / "fuzz")).resolve()
-FUZZERS = ("address-bytes", "command-line-text", "publish-record", "sequences", "txt-readers")
+FUZZERS = ("address-bytes", "command-line-text", "managed-sequences", "publish-record", "sequences", "txt-readers")
 # An input takes milliseconds; a busy machine may hold up a program for seconds.
 LONGEST_INPUT_S = 60
 MOST_MEMORY_MB = 4096

@@ -58,7 +58,9 @@ AvahiAddress addressOf(const vocabulary::Address& address)
 
 } // namespace
 
-Library::Library(const Factory& factory, bool reusesAddresses) : m_factory(factory), m_logStream(&m_logText)
+template <typename Discovery>
+LibraryOf<Discovery>::LibraryOf(const Factory& factory, bool reusesAddresses)
+    : m_factory(factory), m_logStream(&m_logText)
 {
     if (reusesAddresses)
         m_avahi.reuseAddresses();
@@ -68,18 +70,20 @@ Library::Library(const Factory& factory, bool reusesAddresses) : m_factory(facto
     startAnew();
 }
 
-Library::~Library()
+template <typename Discovery>
+LibraryOf<Discovery>::~LibraryOf()
 {
     m_discovery.reset();
     vd::LogQt::setStream(nullptr);
     vd::LogQt::setLogLevel(4);
 }
 
-void Library::startAnew()
+template <typename Discovery>
+void LibraryOf<Discovery>::startAnew()
 {
     m_discovery = m_factory();
     typedef vd::ServiceDiscovery Source;
-    const OpenDiscovery* d = m_discovery.get();
+    const Discovery* d = m_discovery.get();
     QObject::connect(d, &Source::serviceFound, [this](vd::SServiceInfo info) { noteSignal("found", info); });
     QObject::connect(d, &Source::serviceAddress, [this](vd::SServiceInfo info) { noteSignal("address", info); });
     QObject::connect(d, &Source::serviceText, [this](vd::SServiceInfo info) { noteSignal("text", info); });
@@ -89,7 +93,8 @@ void Library::startAnew()
                      [this](QString) { noteSignal("lost by name", vd::SServiceInfo()); });
 }
 
-void Library::noteSignal(const char* kind, const vd::SServiceInfo& info)
+template <typename Discovery>
+void LibraryOf<Discovery>::noteSignal(const char* kind, const vd::SServiceInfo& info)
 {
     collectCalls();
     const std::size_t lines = static_cast<std::size_t>(m_logText.count(QLatin1Char('\n')));
@@ -98,13 +103,15 @@ void Library::noteSignal(const char* kind, const vd::SServiceInfo& info)
     runInSlot();
 }
 
-void Library::collectCalls()
+template <typename Discovery>
+void LibraryOf<Discovery>::collectCalls()
 {
     for (std::string& call : m_avahi.takeCalls())
         seen.calls.push_back(std::move(call));
 }
 
-void Library::collectLog()
+template <typename Discovery>
+void LibraryOf<Discovery>::collectLog()
 {
     int begin = 0;
     for (int end = 0; (end = int(m_logText.indexOf(QLatin1Char('\n'), begin))) >= 0; begin = end + 1) {
@@ -116,7 +123,8 @@ void Library::collectLog()
     m_logText.clear();
 }
 
-void Library::collect()
+template <typename Discovery>
+void LibraryOf<Discovery>::collect()
 {
     collectCalls();
     collectLog();
@@ -124,10 +132,11 @@ void Library::collect()
     m_target = 0;
 }
 
-State Library::state() const
+template <typename Discovery>
+State LibraryOf<Discovery>::state() const
 {
     State state;
-    OpenDiscovery& d = *m_discovery;
+    Discovery& d = *m_discovery;
     state.services = d.services;
     state.recordQueue = d.recordQueue;
     state.isBrowsing = d.IsBrowsing();
@@ -147,9 +156,10 @@ State Library::state() const
     return state;
 }
 
-void Library::runOperation(const Step& step)
+template <typename Discovery>
+void LibraryOf<Discovery>::runOperation(const Step& step)
 {
-    OpenDiscovery& d = *m_discovery;
+    Discovery& d = *m_discovery;
     const auto returns = [this](bool result) { seen.results.push_back(result); };
     const Passing name(step.name());
     const Passing type(step.type());
@@ -187,9 +197,16 @@ void Library::runOperation(const Step& step)
     }
 }
 
-void Library::runEvent(const Step& step)
+template <typename Discovery>
+int LibraryOf<Discovery>::targetOf(const Step&)
 {
-    const int target = m_target < targets.size() ? targets[m_target++] : 0;
+    return m_target < targets.size() ? targets[m_target++] : 0;
+}
+
+template <typename Discovery>
+void LibraryOf<Discovery>::runEvent(const Step& step)
+{
+    const int target = targetOf(step);
     if (!target)
         return;
     prepareHandler(step);
@@ -211,7 +228,8 @@ void Library::runEvent(const Step& step)
     }
 }
 
-void Library::fireResolve(int resolver, const Step& step)
+template <typename Discovery>
+void LibraryOf<Discovery>::fireResolve(int resolver, const Step& step)
 {
     const Passing name(step.name());
     const Passing host(step.host());
@@ -224,7 +242,8 @@ void Library::fireResolve(int resolver, const Step& step)
                         listOf(step.txt()).get());
 }
 
-void Library::runSetting(const Step& step)
+template <typename Discovery>
+void LibraryOf<Discovery>::runSetting(const Step& step)
 {
     switch (step.kind) {
     case Step::FailNext:
@@ -238,7 +257,8 @@ void Library::runSetting(const Step& step)
     }
 }
 
-void Library::prepareHandler(const Step& step)
+template <typename Discovery>
+void LibraryOf<Discovery>::prepareHandler(const Step& step)
 {
     if (step.inHandler.empty())
         return;
@@ -248,7 +268,8 @@ void Library::prepareHandler(const Step& step)
     };
 }
 
-void Library::fireInsideNextCall(const Step& step)
+template <typename Discovery>
+void LibraryOf<Discovery>::fireInsideNextCall(const Step& step)
 {
     const std::string function = step.function();
     if (function == "client_new")
@@ -259,7 +280,8 @@ void Library::fireInsideNextCall(const Step& step)
         m_avahi.duringGroupCall(function, [this, &step] { fireOnGroup(m_discovery->entryGroup, step); });
 }
 
-void Library::fireOnGroup(const AvahiEntryGroup* group, const Step& step)
+template <typename Discovery>
+void LibraryOf<Discovery>::fireOnGroup(const AvahiEntryGroup* group, const Step& step)
 {
     const AvahiStandIn::Handle* const handle = m_avahi.checked(group, AvahiStandIn::Group, "group state inside");
     if (!handle)
@@ -268,15 +290,21 @@ void Library::fireOnGroup(const AvahiEntryGroup* group, const Step& step)
     m_avahi.fireGroupState(static_cast<AvahiEntryGroupState>(step.event()), handle->number);
 }
 
-void Library::fireOnNewClient(const AvahiClient* client)
+template <typename Discovery>
+void LibraryOf<Discovery>::fireOnNewClient(const AvahiClient* client)
 {
     const AvahiStandIn::Handle* const handle
         = m_avahi.checked(client, AvahiStandIn::Client, "client state inside");
     const Step* const step = m_insideClientNew;
     m_insideClientNew = nullptr;
-    if (!handle || !step)
+    if (!handle)
         return;
+    if (!step)
+        return newClient(handle->number);
     prepareHandler(*step);
     const bool fails = step->event() == AVAHI_ENTRY_GROUP_FAILURE;
     m_avahi.fireClientState(fails ? AVAHI_CLIENT_FAILURE : AVAHI_CLIENT_S_RUNNING, handle->number);
 }
+
+template class LibraryOf<OpenDiscovery>;
+template class LibraryOf<OpenManagedDiscovery>;

@@ -12,15 +12,16 @@
 #include <memory>
 #include <vector>
 
-/** Makes the objects that are compared with the model. */
-typedef std::function<std::unique_ptr<OpenDiscovery>()> Factory;
-
-/** The library over the stand-in for Avahi, with all that it does written down. */
-class Library : public Performer
+/** A class of the library over the stand-in for Avahi, with all that it does written down. */
+template <typename Discovery>
+class LibraryOf : public Performer
 {
 public:
-    Library(const Factory& factory, bool reusesAddresses);
-    ~Library() override;
+    /** Makes the objects. */
+    typedef std::function<std::unique_ptr<Discovery>()> Factory;
+
+    LibraryOf(const Factory& factory, bool reusesAddresses);
+    ~LibraryOf() override;
 
     Observation seen;
     /** Numbers of the Avahi objects that the next events are for, in their order; 0 for none. */
@@ -35,9 +36,18 @@ public:
     bool isDestroyed() const override { return !m_discovery; }
     std::vector<std::string> liveHandles() const { return m_avahi.liveHandles(); }
 
-private:
+protected:
+    Discovery& discovery() { return *m_discovery; }
+    AvahiStandIn& avahi() { return m_avahi; }
+    /** The number of the Avahi object that the event is for; 0 for none. */
+    virtual int targetOf(const Step& step);
+    /** Inside avahi_client_new(). */
+    virtual void newClient(int) {}
+    virtual void noteSignal(const char* kind, const vd::SServiceInfo& info);
     void runOperation(const Step& step) override;
     void runEvent(const Step& step) override;
+
+private:
     void runSetting(const Step& step) override;
     void fireResolve(int resolver, const Step& step);
     /** The state of the object that the call is about is told while it runs. */
@@ -45,15 +55,21 @@ private:
     void fireOnGroup(const AvahiEntryGroup* group, const Step& step);
     void fireOnNewClient(const AvahiClient* client);
     void prepareHandler(const Step& step);
-    void noteSignal(const char* kind, const vd::SServiceInfo& info);
     void collectCalls();
     void collectLog();
 
     Factory m_factory;
     AvahiStandIn m_avahi;
-    std::unique_ptr<OpenDiscovery> m_discovery;
+    std::unique_ptr<Discovery> m_discovery;
     QString m_logText;
     QTextStream m_logStream;
     std::size_t m_target = 0;
     const Step* m_insideClientNew = nullptr;
 };
+
+extern template class LibraryOf<OpenDiscovery>;
+extern template class LibraryOf<OpenManagedDiscovery>;
+
+/** The one that is compared with the model. */
+typedef LibraryOf<OpenDiscovery> Library;
+typedef Library::Factory Factory;

@@ -2,6 +2,7 @@
 #include "model/Runner.h"
 
 #include "model/Model.h"
+#include "model/Shrinker.h"
 
 #include <gtest/gtest-spi.h>
 #include <gtest/gtest.h>

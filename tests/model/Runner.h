@@ -4,7 +4,6 @@
 #include "model/Library.h"
 #include "model/Sequence.h"
 
-#include <functional>
 #include <optional>
 #include <string>
 
@@ -21,9 +20,6 @@ std::unique_ptr<OpenDiscovery> makeDiscovery();
 
 /** Performs the steps on library and model; nothing when they agree to the end. */
 std::optional<Mismatch> compare(const Sequence& sequence, const Factory& factory = makeDiscovery);
-
-/** The shortest and plainest sequence to be had by leaving out and simplifying that still @p fails. */
-Sequence shrunk(const Sequence& sequence, const std::function<bool(const Sequence&)>& fails);
 
 /** The sequence in its shortest form, and what differs first. */
 std::string report(const Sequence& sequence, const std::string& origin, const Factory& factory = makeDiscovery);

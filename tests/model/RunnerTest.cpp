@@ -3,6 +3,7 @@
 // The comparison itself: a library that differs is found out, and shown in few steps.
 
 #include "model/Runner.h"
+#include "model/Shrinker.h"
 
 #include <vd/LogQt.h>
 

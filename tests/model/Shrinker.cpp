@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: MIT
-#include "model/Runner.h"
+#include "model/Shrinker.h"
 
 #include <algorithm>
 #include <utility>
