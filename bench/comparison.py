@@ -62,6 +62,12 @@ class AvahiBrowse:
         return {"found": len(resolved), "lastAddressMs": elapsed * 1000, "cpuMs": (user + system) * 1000}
 
 
+WINDOWED = OwnClient("plain-client --window 16", "plain-client", "--window", "16")
+UNBOUNDED = OwnClient("plain-client", "plain-client")
+MANAGED = OwnClient("library-client --managed", "library-client", "--managed")
+BROWSE = AvahiBrowse()
+
+
 @dataclasses.dataclass(frozen=True)
 class RunSet:
     """Who is to discover what. With a cold daemon each run begins with one that was just started."""
