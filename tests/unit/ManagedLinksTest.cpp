@@ -2,6 +2,8 @@
 // Where a device is looked for that is seen on several interfaces, or over both protocols.
 #include "support/ManagedFixture.h"
 
+#include <avahi-common/address.h>
+
 namespace {
 
 const char SUBTYPE[] = "_dome._sub._http._tcp";
@@ -44,12 +46,16 @@ protected:
         takeCalls();
     }
 
-    /** What is called when @p resolver got no answer. */
+    /** What is called when @p resolver got no answer, which changes nothing of what is known. */
     Lines callsAfterTimeoutOf(int resolver)
     {
+        const Lines before = table();
+        takeSignals();
         resolveFails(resolver, "Cam", AVAHI_ERR_TIMEOUT);
         takeCalls();
         turn();
+        EXPECT_EQ(takeSignals(), Lines());
+        EXPECT_EQ(table(), before);
         return takeCalls();
     }
 };
@@ -131,6 +137,25 @@ TEST_F(ManagedLinksTest, OtherInterfaceIsAskedWhenOneDoesNotAnswer)
 {
     seenOnTwo();
     EXPECT_EQ(callsAfterTimeoutOf(1), (Lines{"service_resolver_free(resolver1)", newResolverOn(3, 2)}));
+}
+
+TEST_F(ManagedLinksTest, DeviceIsFoundWhereItAnswersAndKeepsWhatItToldThere)
+{
+    AvahiAddress address = AvahiAddress();
+    avahi_address_parse("10.0.0.1", AVAHI_PROTO_INET, &address);
+    seenOnTwo();
+    callsAfterTimeoutOf(1);
+    avahi.fireResolve(avahi.resolver(2), AVAHI_RESOLVER_FOUND, 3, AVAHI_PROTO_INET, "Cam", HTTP, "local", "cam.local",
+                      &address, 80, cameraTxt);
+    const std::string record = "serviceType='_http._tcp' interfaceIndex=3 deviceKind=1 serviceName='Cam' "
+                               "hostName='cam.local' recordHostName='cam.local' addresses=[10.0.0.1] "
+                               + known;
+    EXPECT_EQ(takeSignals(), Lines{"found " + record});
+    disappearsOn("Cam", 2);
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(table(), Lines{"\"Cam\": " + record});
+    disappearsOn("Cam", 3);
+    EXPECT_EQ(takeSignals(), Lines{"lost " + record});
 }
 
 TEST_F(ManagedLinksTest, InterfacesThatDoNotAnswerAreAskedAgainAfterAWhile)
