@@ -24,6 +24,7 @@ namespace vd {
  * What differs from AvahiServiceDiscovery:
  *
  * - BrowseServices(), and RegisterService() after it, return true without a daemon too, and begin when there is one.
+ *   BrowseServices() returns false when a handler or a slot ends browsing meanwhile.
  *   What cannot be browsed or published is refused then as ever. After a restart everything is taken up again. Devices
  *   that came back as they were cause no signal; changed ones cause serviceAddress or serviceText; those that are not
  *   seen again within gracePeriod() cause serviceLost.
@@ -35,12 +36,15 @@ namespace vd {
  * - After the removal of an address the record holds the addresses that remain. The signal still carries the removed
  *   one alone. An address that a look-up does not show any more is looked for once more before it counts as removed.
  * - A web service without a maker's key is resolved again after 5 s, 10 s, and so on up to an hour, as it may get one.
- * - Every string of the TXT record counts for serviceText, also when the address changes with it.
+ * - Every string of the TXT record counts for serviceText, also when the address changes with it, and so do the port
+ *   and the host. Of two web services of one name the record tells of the one that was answered last. Changes of either
+ *   are signalled, and so is its turn to the one that is left, but no other.
  * - StartQueryAllRecords() queries every device in its turn.
  * - StopQueryRecords() ends the query of that service alone.
  * - Devices are resolved when the event loop runs again, a few at a time, on the interfaces that show them in turn,
  *   whichever is given, and by their IPv4 addresses: one that has none is not found before it gets one. A service that
- *   was asked for without being browsed is given up when it does not answer, unless the query is long-lived.
+ *   was asked for without being browsed is given up when it does not answer, unless the query is long-lived. One that
+ *   answered stays known until a device of its name that was seen is lost, or browsing ends.
  * - Hosts are looked up on the link only, also those outside "local".
  * - serviceFound has the new txtChecksum already.
  * - services holds devices only, no entries for their hosts.
@@ -51,9 +55,10 @@ namespace vd {
  *
  * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so the daemon is asked first, without waiting,
  * whether it is ready for them, on a second connection to the bus. One that hangs then delays devices and holds up
- * nothing, except what calls it at once: BrowseServices(), RegisterService(), TerminateRegistration(),
- * TerminateBrowsing(), the destructor, connecting anew, and the call that was on its way. To keep these from blocking a
- * window too, make the object in the run() of a QThread and connect its signals to the window by queued connections.
+ * nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(),
+ * TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and publishing anew, and the call that was on
+ * its way. To keep these from blocking a window too, make the object in the run() of a QThread and connect its signals
+ * to the window by queued connections.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {
@@ -74,8 +79,8 @@ public:
     State state() const;
 
     /**
-     * How long after Running a device known from before may take to be seen again; default 15000. What the event loop
-     * was held up for does not count.
+     * How long after Running a device known from before may take to be seen again, in milliseconds; default 15000.
+     * What the event loop was held up for does not count, and the period does not end while the daemon hangs.
      */
     int gracePeriod() const;
     void setGracePeriod(int milliseconds);
@@ -84,7 +89,7 @@ public:
      * How many Avahi objects may be open at a time: browsers, resolvers, address browsers, the published service;
      * default 512. The daemon's own limit is 1024 a client. What has no room waits in line, long-lived queries too, which
      * leave a quarter to others. Another type that is browsed, or a service that is published, may be over it until others
-     * have made room.
+     * have made room; beside them there is always room for one service to be resolved.
      */
     int objectLimit() const;
     void setObjectLimit(int objects);

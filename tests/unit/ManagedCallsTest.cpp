@@ -370,6 +370,27 @@ TEST_F(ManagedCallsTest, NothingIsAskedOrCalledBetweenTheFailureAndTheNextClient
     EXPECT_EQ(takeCalls(), Lines());
 }
 
+TEST_F(ManagedCallsTest, GracePeriodEndsWhenTheDaemonAnswersInTimeOnly)
+{
+    discovery().setGracePeriod(50);
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    answerAllQuestions();
+    failClient();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    takeSignals();
+    turn(300);
+    EXPECT_EQ(takeSignals(), Lines());
+    answer();
+    EXPECT_EQ(takeSignals(), Lines());
+    EXPECT_EQ(awaitQuestion(), 1u);
+    answer();
+    EXPECT_EQ(count(takeSignals(), "lost"), 1);
+}
+
 TEST_F(ManagedCallsTest, TerminatingLeavesTheBus)
 {
     run();

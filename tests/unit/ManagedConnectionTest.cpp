@@ -584,6 +584,38 @@ TEST_F(ManagedConnectionTest, BrowsingThatAHandlerEndsMeanwhileHasNotBegun)
     EXPECT_EQ(avahi.liveHandles(), Lines());
 }
 
+TEST_F(ManagedConnectionTest, GracePeriodIsFifteenSecondsUnlessItIsSet)
+{
+    EXPECT_EQ(discovery().gracePeriod(), 15000);
+    discovery().setGracePeriod(-1);
+    EXPECT_EQ(discovery().gracePeriod(), 0);
+}
+
+TEST_F(ManagedConnectionTest, PortThatChangedDuringARestartIsSignalled)
+{
+    run();
+    found();
+    failClient();
+    turn();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTP, 8080);
+    EXPECT_EQ(takeSignals(),
+              Lines{"text " + camera("Cam", "cam.local", "addresses=[10.0.0.1] port=8080 " + known)});
+}
+
+TEST_F(ManagedConnectionTest, HostThatChangedDuringARestartIsSignalled)
+{
+    run();
+    found();
+    failClient();
+    turn();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    resolved(2, "Cam", "new.local", "10.0.0.1", cameraTxt);
+    EXPECT_EQ(takeSignals(), Lines{"text " + camera("Cam", "new.local", "addresses=[10.0.0.1] " + known)});
+}
+
 TEST_F(ManagedConnectionTest, WhatTheEventLoopWasHeldUpForIsNoPartOfTheGracePeriod)
 {
     discovery().setGracePeriod(200);

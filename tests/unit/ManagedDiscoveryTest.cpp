@@ -653,6 +653,64 @@ TEST_F(ManagedTest, DeviceThatWasAskedForStaysWhenATwinThatIsNoneComesAndGoes)
     EXPECT_EQ(queue(), Lines{"Cam, _http._tcp"});
 }
 
+TEST_F(ManagedTest, DeviceThatWasAskedForTakesOverFromATwinAndIsQueried)
+{
+    run();
+    discovery().ResolveService(2, "Cam", HTTP, "local");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(1, "10.0.0.1");
+    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
+    turn();
+    resolved(2, "Cam", "other.local", "10.0.0.2", cameraTxt);
+    onlyAnswerIs(2, "10.0.0.2");
+    fireInDomain(AVAHI_BROWSER_NEW, "example.org");
+    fireInDomain(AVAHI_BROWSER_REMOVE, "example.net");
+    forgetAll();
+    fireInDomain(AVAHI_BROWSER_REMOVE, "example.org");
+    EXPECT_EQ(count(takeSignals(), "address"), 1);
+    turn();
+    EXPECT_EQ(count(takeCalls(), resolverCall(1, -1, AVAHI_PROTO_INET, "Cam", HTTP)), 1);
+    EXPECT_EQ(discovery().services.value(QStringLiteral("Cam")).addresses, QStringList{"10.0.0.1"});
+}
+
+TEST_F(ManagedTest, DeviceThatWasAskedForIsQueriedBesideATwinThatIsNone)
+{
+    run();
+    discovery().ResolveService(2, "Cam", HTTP, "local");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
+    turn();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"});
+    forgetAll();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(count(takeCalls(), resolverCall(1, -1, AVAHI_PROTO_INET, "Cam", HTTP)), 1);
+}
+
+TEST_F(ManagedTest, DeviceWhoseServiceIsRefusedForGoodIsLost)
+{
+    run();
+    found();
+    avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    EXPECT_EQ(takeSignals(), Lines{"lost " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known)});
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
+}
+
+TEST_F(ManagedTest, ObjectMayBeDeletedWhenADeviceIsLostAsItsServiceIsRefused)
+{
+    run();
+    found();
+    avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    runInSlotOf([] { QCoreApplication::processEvents(); }, [this] { destroyDiscovery(); });
+    EXPECT_EQ(avahi.liveHandles(), Lines());
+}
+
 TEST_F(ManagedTest, LossOnOneOfTwoInterfacesResolvesAgain)
 {
     run();
@@ -734,6 +792,81 @@ TEST_F(ManagedTwinsTest, QueriesOfBothChangeNothing)
     }
     EXPECT_EQ(takeSignals(), Lines());
     EXPECT_EQ(addresses(), (QStringList{"10.0.0.1", "10.0.0.2"}));
+}
+
+TEST_F(ManagedTwinsTest, AddressGoesFromTheRecordThoughATwinOfThatHostIsNotFollowed)
+{
+    foundAndSeenSecure();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS, 443);
+    onlyAnswerIs(2, "10.0.0.1");
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    resolved(3, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    record(3, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.1");
+    record(3, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.2");
+    takeSignals();
+    record(3, AVAHI_BROWSER_REMOVE, "cam.local", "10.0.0.1");
+    EXPECT_EQ(takeSignals(), Lines{"address "
+                                   + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known,
+                                            "addressRemoved=true longLiveQuery=true ")});
+    EXPECT_EQ(addresses(), QStringList{"10.0.0.2"});
+}
+
+TEST_F(ManagedTwinsTest, TurnOfTheRecordToTheOneThatIsLeftIsSignalled)
+{
+    runTwins();
+    discovery().StartQueryRecords("Cam", HTTP, false);
+    turn();
+    answer(3, false);
+    disappears("Cam");
+    takeSignals();
+    answer(4, true);
+    const Lines told = takeSignals();
+    ASSERT_EQ(told.size(), 1u);
+    EXPECT_EQ(told[0].rfind("text serviceType='_https._tcp'", 0), 0u) << told[0];
+    EXPECT_NE(told[0].find("port=443"), std::string::npos) << told[0];
+}
+
+TEST_F(ManagedTwinsTest, QueryOutlivesItsTypeWhileTheDeviceStays)
+{
+    runTwins();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    answer(3, false);
+    disappears("Cam");
+    EXPECT_TRUE(discovery().services.value(QStringLiteral("Cam")).longLiveQuery);
+    takeCalls();
+    appears("Cam");
+    turn();
+    EXPECT_EQ(count(takeCalls(), resolverCall(1, 2, AVAHI_PROTO_INET, "Cam", HTTP)), 1);
+    EXPECT_TRUE(discovery().services.value(QStringLiteral("Cam")).longLiveQuery);
+    discovery().StopQueryRecords("Cam", HTTP);
+    EXPECT_FALSE(discovery().services.value(QStringLiteral("Cam")).longLiveQuery);
+}
+
+TEST_F(ManagedTwinsTest, QueryEndsWithTheDevice)
+{
+    runTwins();
+    discovery().StartQueryRecords("Cam", HTTP, true);
+    turn();
+    answer(3, false);
+    disappears("Cam");
+    disappearsOn("Cam", 2, AVAHI_PROTO_INET, HTTPS, 2);
+    turn();
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "browser2"}));
+}
+
+TEST_F(ManagedTwinsTest, DeviceIsQueuedByTheOneThatMayStillBeIt)
+{
+    foundAndSeenSecure();
+    disappears("Cam");
+    EXPECT_EQ(table().size(), 1u);
+    EXPECT_EQ(queue(), Lines{"Cam, _https._tcp"});
+    turn();
+    resolved(3, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"}, HTTPS, 443);
+    EXPECT_EQ(table(), Lines());
+    EXPECT_EQ(queue(), Lines());
 }
 
 TEST_F(ManagedTwinsTest, WhatOnlyTheLostOneShowedGoes)

@@ -115,6 +115,113 @@ TEST_F(ManagedLimitsTest, KeptQueryThatIsNotAnsweredGivesItsRoomToAParkedOneAndG
     EXPECT_EQ(resolvesOf("B"), 1);
 }
 
+TEST_F(ManagedLimitsTest, QueryThatGaveItsRoomAwayBeforeItsAnswerIsResolvedWithoutIt)
+{
+    discovery().setObjectLimit(8);
+    run();
+    keepOpen("A", 1);
+    keepOpen("B", 2);
+    appears("Late");
+    discovery().StartQueryRecords("Late", HTTP, true);
+    turn();
+    appears("Parked");
+    discovery().StartQueryRecords("Parked", HTTP, true);
+    turn();
+    resolved(4, "Parked", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(3, "10.0.0.1");
+    resolveFails(3, "Late", AVAHI_ERR_TIMEOUT);
+    turn();
+    EXPECT_EQ(resolvesOf("Parked"), 2);
+    resolved(5, "Parked", "cam.local", "10.0.0.1", cameraTxt);
+    onlyAnswerIs(4, "10.0.0.1");
+    turn(5100);
+    EXPECT_EQ(resolvesOf("Late"), 1);
+    resolved(6, "Late", "late.local", "10.0.0.9", cameraTxt);
+    EXPECT_TRUE(discovery().services.contains("Late"));
+    EXPECT_LE(discovery().openObjects(), 8);
+}
+
+TEST_F(ManagedLimitsTest, ThereIsRoomForOneServiceBesideAsManyTypesAsTheLimit)
+{
+    discovery().setObjectLimit(8);
+    run();
+    for (int i = 1; i < 8; ++i)
+        EXPECT_TRUE(discovery().BrowseServices(("_t" + std::to_string(i) + "._sub._http._tcp").c_str()));
+    found();
+    EXPECT_EQ(table().size(), 1u);
+    EXPECT_EQ(discovery().openObjects(), 8);
+}
+
+TEST_F(ManagedLimitsTest, AddressBrowserIsClosedAtItsFirstAddressWhileManyAreOpen)
+{
+    run();
+    for (int number = 1; number <= 33; ++number) {
+        appears(camName(number).c_str());
+        turn();
+        resolved(number, camName(number).c_str(), "cam.local", "10.0.0.1", cameraTxt);
+    }
+    forgetAll();
+    record(33, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.1");
+    record(33, AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr);
+    EXPECT_EQ(takeCalls(), Lines{"record_browser_free(recordBrowser33)"});
+    record(32, AVAHI_BROWSER_NEW, "cam.local", "10.0.0.1");
+    record(32, AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr);
+    EXPECT_EQ(takeCalls(), Lines());
+}
+
+TEST_F(ManagedLimitsTest, AddressBrowserIsClosedAtItsFirstAddressWhileManyStandInLine)
+{
+    run();
+    appears("Cam");
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    for (int number = 1; number <= 33; ++number)
+        appears(camName(number).c_str());
+    takeCalls();
+    avahi.fireRecord(avahi.recordBrowser(1), AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr, 0);
+    const unsigned char address[] = {10, 0, 0, 1};
+    avahi.fireRecord(avahi.recordBrowser(1), AVAHI_BROWSER_NEW, "cam.local", address, sizeof address);
+    avahi.fireRecord(avahi.recordBrowser(1), AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr, 0);
+    turn();
+    EXPECT_EQ(count(takeCalls(), "record_browser_free(recordBrowser1)"), 1);
+}
+
+TEST_F(ManagedLimitsTest, AddressBrowserThatTheDaemonDoesNotAnswerForEndsTheConnection)
+{
+    run();
+    appears("Cam");
+    turn();
+    avahi.failNext("record_browser_new", AVAHI_ERR_DBUS_ERROR);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    turn(50);
+    EXPECT_EQ(count(takeCalls(), "client_free(client1)"), 1);
+}
+
+TEST_F(ManagedLimitsTest, AddressBrowserThatIsRefusedForItsHostKeepsTheConnection)
+{
+    run();
+    appears("Cam");
+    turn();
+    avahi.failNext("record_browser_new", AVAHI_ERR_INVALID_HOST_NAME);
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    turn(50);
+    EXPECT_EQ(count(takeCalls(), "client_free"), 0);
+}
+
+TEST_F(ManagedLimitsTest, LongLivedQueryOutlivesAnAnswerWithoutAKey)
+{
+    run();
+    discovery().StartQueryRecords("Cam", HTTPS, true);
+    turn();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", Txt{"path=/"}, HTTPS, 443);
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    takeCalls();
+    turn(5100);
+    EXPECT_EQ(takeCalls(), Lines{newResolverAnywhere("Cam", 2, HTTPS)});
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS, 443);
+    EXPECT_EQ(table().size(), 1u);
+}
+
 TEST_F(ManagedLimitsTest, QueryOfAKeptServiceAtTheSmallestLimitHoldsUpNobody)
 {
     discovery().setObjectLimit(8);

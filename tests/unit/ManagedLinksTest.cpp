@@ -97,6 +97,21 @@ TEST_F(ManagedLinksTest, Ipv4IsNotAskedWhenIpv6HasAnswered)
     EXPECT_EQ(takeCalls(), Lines());
 }
 
+TEST_F(ManagedLinksTest, Ipv4ThatComesBackIsAskedThoughIpv6Stayed)
+{
+    run();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET6);
+    turn();
+    answer(1, 1);
+    disappearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    takeCalls();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines{newResolverOn(2, 2)});
+}
+
 TEST_F(ManagedLinksTest, KeptQueryThatIpv6AnswersStaysThere)
 {
     seenOverIpv6();

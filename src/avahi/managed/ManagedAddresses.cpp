@@ -8,8 +8,8 @@ namespace vd {
 
 namespace {
 
-// With more address browsers than this, one is closed when the daemon's cache is read, as many slow the daemon
-// down.
+// With more address browsers than this, or more services in line for theirs, one is closed when the daemon's cache is
+// read: many slow the daemon down, and their questions bring it a flood of answers.
 const int FEW_ADDRESS_BROWSERS = 32;
 const int LOOK_AGAIN_MS = 3000;
 
@@ -99,7 +99,22 @@ void ManagedServiceDiscovery::Private::removeAddress(const ServiceKey& key, cons
     TrackedService& service = tracked[key];
     service.addresses.removeOne(address);
     service.missing.removeOne(address);
+    takeFromUnfollowed(key, address);
     takeFromRecord(key.name, address);
+}
+
+// Others of its name on the same host that do not look themselves learn it from this one.
+void ManagedServiceDiscovery::Private::takeFromUnfollowed(const ServiceKey& key, const QString& address)
+{
+    const QString host = tracked[key].host;
+    const ServiceKey from = {key.name, QString(), QString()};
+    for (TrackedServices::iterator other = tracked.lowerBound(from);
+         other != tracked.end() && other.key().name == key.name; ++other) {
+        if (other->host != host || other->addressBrowser || other->isToBeFollowed)
+            continue;
+        other->addresses.removeOne(address);
+        other->missing.removeOne(address);
+    }
 }
 
 // Unless another service of that name still shows it.
@@ -124,7 +139,8 @@ void ManagedServiceDiscovery::Private::takeFromRecord(const QString& name, const
 void ManagedServiceDiscovery::Private::cacheRead(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
-    if (service.isKept || service.addressLinks.isEmpty() || addressBrowsers.size() <= FEW_ADDRESS_BROWSERS)
+    const bool areFew = addressBrowsers.size() <= FEW_ADDRESS_BROWSERS && line.size() <= FEW_ADDRESS_BROWSERS;
+    if (service.isKept || service.addressLinks.isEmpty() || areFew)
         return;
     // An address that the cache does not have may be gone, which only the network can tell.
     for (int i = 0; i < service.addresses.size(); ++i) {

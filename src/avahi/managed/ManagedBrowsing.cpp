@@ -81,8 +81,11 @@ void ManagedServiceDiscovery::Private::appeared(const ServiceKey& key, const Sig
     TrackedService& service = tracked[key];
     service.wasSeen = true;
     // Over the other protocol of the same interface there is nothing else to learn, unless the first does not answer.
-    const bool isNews = !service.isSeenOn(sighting.link.first)
+    const bool isIpv4 = sighting.link.second == AVAHI_PROTO_INET;
+    const bool isNews = !service.isSeenOn(sighting.link.first) || (isIpv4 && service.lostIpv4)
                         || (unanswered.contains(service.resolverNumber) && service.isBetterToAsk(sighting.link));
+    if (isIpv4)
+        service.lostIpv4 = false;
     if (!service.sightings.contains(sighting))
         service.sightings.append(sighting);
     if (!isNews)
@@ -97,6 +100,8 @@ void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const 
     if (service == tracked.end() || !service->sightings.removeOne(sighting))
         return;
     const bool isAskedThere = service->resolver && service->resolverLink == sighting.link;
+    if (sighting.link.second == AVAHI_PROTO_INET)
+        service->lostIpv4 = true;
     if (service->sightings.isEmpty())
         lose(key);
     else if (isAskedThere || !service->isSeenOn(sighting.link.first))
@@ -105,29 +110,43 @@ void ManagedServiceDiscovery::Private::disappeared(const ServiceKey& key, const 
 
 void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
 {
-    const bool wasDevice = !tracked.value(key).txt.isNull();
-    const QStringList addresses = tracked.value(key).addresses;
+    const TrackedService left = tracked.value(key);
     forget(key);
-    const QMap<QString, SServiceInfo>::iterator known = q->services.find(key.name);
-    if (known == q->services.end())
+    if (!q->services.contains(key.name))
         return;
-    ServiceKey other;
-    if (hasOtherService(key.name, &other)) {
-        known->longLiveQuery = isAnyLongLived(key.name);
-        // The record tells of one service at a time.
-        if (known->serviceType == key.type)
-            enqueue(other);
-        takeOver(addresses, other);
-    } else if (wasDevice || !isKnownByAsking(key.name)) {
+    const bool wasDevice = !left.answer.isNull();
+    ServiceKey heir;
+    if (hasOtherService(key.name, &heir) || (!wasDevice && hasAskedDevice(key.name, &heir)))
+        handOver(key, left, heir);
+    else
         loseDevice(key.name);
+}
+
+void ManagedServiceDiscovery::Private::handOver(const ServiceKey& lost, const TrackedService& left,
+                                                const ServiceKey& heir)
+{
+    // The host does not learn of the loss, so its query goes on, should the service return.
+    if (left.isLongLived)
+        query(lost, true);
+    SServiceInfo& known = q->services[heir.name];
+    known.longLiveQuery = isAnyLongLived(heir.name);
+    putInQueue(heir);
+    TrackedService& service = tracked[heir];
+    // The record tells of one service at a time.
+    if (known.serviceType == lost.type || !service.wasSeen) {
+        // What the heir tells is a change, though it be no news of its own.
+        if (!service.answer.isNull() && !left.answer.isNull())
+            service.answer = left.answer;
+        enqueue(heir);
     }
+    takeOver(left.addresses, heir);
 }
 
 // What could still have been the device has turned out not to be.
 void ManagedServiceDiscovery::Private::dropIfAllIgnored(const QString& name)
 {
     ServiceKey other;
-    if (q->services.contains(name) && !hasOtherService(name, &other) && !isKnownByAsking(name))
+    if (q->services.contains(name) && !hasOtherService(name, &other) && !hasAskedDevice(name, &other))
         loseDevice(name);
 }
 
@@ -147,7 +166,7 @@ void ManagedServiceDiscovery::Private::loseDevice(const QString& name)
 void ManagedServiceDiscovery::Private::takeOver(const QStringList& addresses, const ServiceKey& heir)
 {
     TrackedService& service = tracked[heir];
-    if (service.txt.isNull()) {
+    if (service.answer.isNull()) {
         appendNew(service.addresses, addresses);
         return;
     }
@@ -164,7 +183,7 @@ void ManagedServiceDiscovery::Private::takeFromUnresolved(const ServiceKey& key)
     const ServiceKey from = {key.name, QString(), QString()};
     for (TrackedServices::iterator other = tracked.lowerBound(from);
          other != tracked.end() && other.key().name == key.name; ++other) {
-        if (!other->txt.isNull())
+        if (!other->answer.isNull())
             continue;
         appendNew(addresses, other->addresses);
         other->addresses.clear();
@@ -186,13 +205,20 @@ void ManagedServiceDiscovery::Private::forget(const ServiceKey& key)
     removeFromQueue(key);
 }
 
+void ManagedServiceDiscovery::Private::putInQueue(const ServiceKey& key)
+{
+    const QPair<QString, QString> queued(key.name, key.type);
+    if (!q->recordQueue.contains(queued))
+        q->recordQueue.append(queued);
+}
+
 void ManagedServiceDiscovery::Private::removeFromQueue(const ServiceKey& key)
 {
     // Beside the domain, which the queue does not know, two services may be the same.
     const ServiceKey from = {key.name, key.type, QString()};
     for (TrackedServices::const_iterator next = tracked.lowerBound(from);
          next != tracked.constEnd() && next.key().name == key.name && next.key().type == key.type; ++next) {
-        if (!next->txt.isNull())
+        if (!next->answer.isNull())
             return;
     }
     q->recordQueue.removeOne(qMakePair(key.name, key.type));
@@ -212,13 +238,15 @@ bool ManagedServiceDiscovery::Private::hasOtherService(const QString& name, Serv
 }
 
 // No browser shows it as a device, but what a host asked for is one.
-bool ManagedServiceDiscovery::Private::isKnownByAsking(const QString& name) const
+bool ManagedServiceDiscovery::Private::hasAskedDevice(const QString& name, ServiceKey* device) const
 {
     const ServiceKey from = {name, QString(), QString()};
     for (TrackedServices::const_iterator next = tracked.lowerBound(from);
          next != tracked.constEnd() && next.key().name == name; ++next) {
-        if (!next->wasSeen && !next->txt.isNull())
+        if (!next->wasSeen && !next->answer.isNull()) {
+            *device = next.key();
             return true;
+        }
     }
     return false;
 }
@@ -243,7 +271,7 @@ QList<ServiceKey> ManagedServiceDiscovery::Private::trackedKeys(const ServiceKey
     QList<ServiceKey> keys;
     for (TrackedServices::const_iterator next = tracked.lowerBound(from);
          next != tracked.constEnd() && next.key().name == wanted.name && next.key().type == wanted.type; ++next) {
-        if (next->wasSeen)
+        if (next->wasSeen || !next->answer.isNull())
             keys.append(next.key());
     }
     if (keys.isEmpty())

@@ -30,8 +30,8 @@ const int RECENT_MS = 10;
 const int LOOK_FOR_ROOM_MS = 100;
 const int COOL_DOWN_MS = 1000;
 const int LIMITED_MS = 60000;
-// A browser, and one service that is resolved.
-const int LEAST_OBJECTS = 3;
+// A resolver and an address browser: with less room nothing would ever be found.
+const int OBJECTS_A_SERVICE = 2;
 
 bool isOfService(int error)
 {
@@ -40,6 +40,19 @@ bool isOfService(int error)
     case AVAHI_ERR_INVALID_SERVICE_TYPE:
     case AVAHI_ERR_INVALID_DOMAIN_NAME:
     case AVAHI_ERR_INVALID_ARGUMENT:
+        return true;
+    default:
+        return false;
+    }
+}
+
+bool isOfConnection(int error)
+{
+    switch (error) {
+    case AVAHI_ERR_DBUS_ERROR:
+    case AVAHI_ERR_DISCONNECTED:
+    case AVAHI_ERR_NO_DAEMON:
+    case AVAHI_ERR_TIMEOUT:
         return true;
     default:
         return false;
@@ -120,7 +133,11 @@ void ManagedServiceDiscovery::Private::daemonAnswered()
 {
     settledResolver = lastResolver;
     lastAnswerAt = clock.elapsed();
-    makeSomeCalls();
+    const ManagedSession current(this);
+    if (isGraceOver)
+        finishGrace();
+    if (!current.ended())
+        makeSomeCalls();
 }
 
 void ManagedServiceDiscovery::Private::makeSomeCalls()
@@ -130,7 +147,10 @@ void ManagedServiceDiscovery::Private::makeSomeCalls()
     const bool isFlooded = isFloodAwaited();
     QElapsedTimer turn;
     turn.start();
+    const ManagedSession current(this);
     while (!hasFailed && makeNextCall()) {
+        if (current.ended())
+            return;
         lastAnswerAt = clock.elapsed();
         if (isFlooded || turn.elapsed() >= TURN_MS) {
             scheduleCalls(0);
@@ -225,7 +245,7 @@ void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key)
             << printableText(key.name) << " error: " << avahi_strerror(error);
     });
     if (isOfService(error)) {
-        forget(key);
+        lose(key);
         return;
     }
     enqueueFirst(key);
@@ -254,7 +274,12 @@ void ManagedServiceDiscovery::Private::makeAddressBrowser(const ServiceKey& key)
         out << "ManagedServiceDiscovery::ServiceResolve() -> failed to create record browser "
             << printableText(key.name) << " error: " << errorText(q->client);
     });
-    retryFailed(key, avahi_client_errno(q->client));
+    const int error = avahi_client_errno(q->client);
+    // The daemon may have made it all the same, and only the end of the connection frees it then.
+    if (isOfConnection(error))
+        lostConnection();
+    else
+        retryFailed(key, error);
 }
 
 bool ManagedServiceDiscovery::Private::hasRoomFor(int objects)
@@ -309,7 +334,8 @@ int ManagedServiceDiscovery::Private::openReservedObjects() const
 
 int ManagedServiceDiscovery::Private::objectsAllowed() const
 {
-    return clock.elapsed() < limitedUntil ? qMin(objectLimit, daemonLimit) : objectLimit;
+    const int limit = clock.elapsed() < limitedUntil ? qMin(objectLimit, daemonLimit) : objectLimit;
+    return qMax(limit, reservedObjects() + OBJECTS_A_SERVICE);
 }
 
 // Those of kept queries, which hold two objects each once they are resolved.
@@ -326,7 +352,7 @@ int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
 // What is open now is as much as the daemon allows, for some time.
 void ManagedServiceDiscovery::Private::coolDown()
 {
-    daemonLimit = qMax(openObjects(), LEAST_OBJECTS);
+    daemonLimit = openObjects();
     limitedUntil = clock.elapsed() + LIMITED_MS;
     pausedUntil = clock.elapsed() + COOL_DOWN_MS;
     scheduleCalls(COOL_DOWN_MS);

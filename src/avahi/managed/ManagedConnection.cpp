@@ -193,6 +193,7 @@ void ManagedServiceDiscovery::Private::endSession()
     endPublication();
     clientState = AVAHI_CLIENT_CONNECTING;
     graceTimer.stop();
+    isGraceOver = false;
     forgetCalls();
 }
 

@@ -5,8 +5,8 @@ namespace vd {
 
 namespace {
 
-// What the event loop was held up for does not count, as events may have waited all that time. So the period
-// passes in steps, of which none counts for more than its length, and the last one must be punctual.
+// What the event loop, or the daemon, was held up for does not count, as events may have waited all that time. So the
+// period passes in steps, of which none counts for more than its length, and the last one must be punctual.
 const int STEP_MS = 1000;
 const int PUNCTUAL_MS = 100;
 const int MOST_EXTENSIONS = 30;
@@ -34,7 +34,19 @@ void ManagedServiceDiscovery::Private::passGrace()
     graceLeftMs -= stepMs;
     if (graceLeftMs > 0) {
         nextGraceStep(qMin(graceLeftMs, STEP_MS));
-    } else if (graceStep.elapsed() > stepMs + PUNCTUAL_MS && graceExtensions < MOST_EXTENSIONS) {
+    } else {
+        // A daemon that hangs has not told yet what it sees.
+        isGraceOver = true;
+        if (!ping.isAsked() && !askDaemon())
+            finishGrace();
+    }
+}
+
+void ManagedServiceDiscovery::Private::finishGrace()
+{
+    isGraceOver = false;
+    const int stepMs = graceTimer.interval();
+    if (graceStep.elapsed() > stepMs + PUNCTUAL_MS && graceExtensions < MOST_EXTENSIONS) {
         ++graceExtensions;
         nextGraceStep(stepMs);
     } else {

@@ -35,7 +35,7 @@ void ManagedServiceDiscovery::Private::stopQuery(const QString& name, const QStr
         if (!service->isLongLived || !(type.isEmpty() || service.key().type == type))
             continue;
         endKeeping(service.key(), service.value());
-        if (!service->wasSeen && service->txt.isNull())
+        if (!service->wasSeen && service->answer.isNull())
             inVain.append(service.key());
     }
     for (int i = 0; i < inVain.size(); ++i)

@@ -8,14 +8,19 @@ namespace vd {
 
 namespace {
 
-QByteArray stringsOf(AvahiStringList* txt)
+void appendTo(QByteArray& strings, const QByteArray& string)
 {
-    QByteArray strings("");
+    // The length in front keeps the strings apart.
+    strings.append(QByteArray::number(string.size())).append(' ').append(string);
+}
+
+QByteArray answerOf(const SServiceInfo& info, AvahiStringList* txt)
+{
+    QByteArray strings = QByteArray::number(info.port).append(' ');
+    appendTo(strings, info.recordHostName.toUtf8());
     for (AvahiStringList* entry = txt; entry; entry = avahi_string_list_get_next(entry)) {
-        const int size = static_cast<int>(avahi_string_list_get_size(entry));
-        // The length in front keeps the strings apart.
-        strings.append(QByteArray::number(size)).append(' ');
-        strings.append(reinterpret_cast<const char*>(avahi_string_list_get_text(entry)), size);
+        appendTo(strings, QByteArray(reinterpret_cast<const char*>(avahi_string_list_get_text(entry)),
+                                     static_cast<int>(avahi_string_list_get_size(entry))));
     }
     return strings;
 }
@@ -48,7 +53,7 @@ void ManagedServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int
         return;
     }
     if (!isWebService(type)) {
-        d->forget(key);
+        d->lose(key);
         return;
     }
     SServiceInfo info = services.value(key.name);
@@ -59,7 +64,7 @@ void ManagedServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int
         return;
     }
     info.txtChecksum = checksumOfHead(txt);
-    d->resolved(key, info, textOfAddress(address), stringsOf(txt));
+    d->resolved(key, info, textOfAddress(address), answerOf(info, txt));
 }
 
 // What is known of the service stays as it is.
@@ -86,14 +91,20 @@ void ManagedServiceDiscovery::Private::timedOut(const ServiceKey& key, TrackedSe
         ignore(key, service);
     } else if (service.isKept && !parked.isEmpty()) {
         yieldRoom(key, service);
+        askAgainLater(key, service);
     } else if (!service.wasSeen && !service.isLongLived) {
         closeResolver(service);
-        if (service.txt.isNull())
+        if (service.answer.isNull())
             forget(key);
     } else if (hasOtherLink) {
-        const int rounds = ++service.timesUnanswered / static_cast<int>(service.linksToAsk().size());
-        retryIn(rounds == 0 ? 0 : doubledMs(FIRST_UNANSWERED_MS, rounds - 1, LONGEST_UNANSWERED_MS), key);
+        askAgainLater(key, service);
     }
+}
+
+void ManagedServiceDiscovery::Private::askAgainLater(const ServiceKey& key, TrackedService& service)
+{
+    const int rounds = ++service.timesUnanswered / static_cast<int>(service.linksToAsk().size());
+    retryIn(rounds == 0 ? 0 : doubledMs(FIRST_UNANSWERED_MS, rounds - 1, LONGEST_UNANSWERED_MS), key);
 }
 
 // A known device stays, whatever its text lacks for once. All others are none of ours, as long as they have no
@@ -102,16 +113,17 @@ void ManagedServiceDiscovery::Private::notRecognised(const ServiceKey& key)
 {
     TrackedService& service = tracked[key];
     unanswered.remove(service.resolverNumber);
-    if (service.isKept && !service.txt.isNull())
+    if (service.isKept && !service.answer.isNull())
         return;
     closeResolver(service);
-    if (!service.txt.isNull())
+    if (!service.answer.isNull())
         return;
-    if (!service.wasSeen) {
+    if (!service.wasSeen && !service.isLongLived) {
         forget(key);
         return;
     }
     ignore(key, service);
+    removeFromQueue(key);
     dropIfAllIgnored(key.name);
 }
 
@@ -124,15 +136,15 @@ void ManagedServiceDiscovery::Private::ignore(const ServiceKey& key, TrackedServ
 }
 
 void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SServiceInfo& info,
-                                                const QString& address, const QByteArray& txt)
+                                                const QString& address, const QByteArray& answer)
 {
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
         out << "ManagedServiceDiscovery::ServiceResolve() -> resolved: " << printableText(key.name)
             << " host: " << printableText(info.recordHostName) << " address: " << address;
     });
     TrackedService& service = tracked[key];
-    const bool isTextChanged = !service.txt.isNull() && service.txt != txt;
-    noteAnswer(key, service, txt);
+    const bool isChanged = !service.answer.isNull() && service.answer != answer;
+    noteAnswer(key, service, answer);
     takeFromUnresolved(key);
     if (!service.addresses.contains(address))
         service.addresses.append(address);
@@ -153,7 +165,7 @@ void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SSe
         Q_EMIT q->serviceFound(updated);
     else if (isNewAddress)
         Q_EMIT q->serviceAddress(updated);
-    if (!isKnown || !isTextChanged || current.ended())
+    if (!isKnown || !isChanged || current.ended())
         return;
     // A slot may have changed or ended what is known of it.
     const QMap<QString, SServiceInfo>::const_iterator known = q->services.constFind(key.name);
@@ -162,21 +174,19 @@ void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SSe
 }
 
 void ManagedServiceDiscovery::Private::noteAnswer(const ServiceKey& key, TrackedService& service,
-                                                  const QByteArray& txt)
+                                                  const QByteArray& answer)
 {
     // What the daemon knew already it would have told before, however much else it had to do.
     if (clock.elapsed() - service.resolvingSince >= LATE_ANSWER_MS)
         newsFromNetwork();
-    service.txt = txt;
+    service.answer = answer;
     service.timesUnanswered = 0;
     service.timesGivenWay = 0;
     service.timesIgnored = 0;
     unanswered.remove(service.resolverNumber);
     if (!service.isKept)
         closeResolver(service);
-    const QPair<QString, QString> queued(key.name, key.type);
-    if (!q->recordQueue.contains(queued))
-        q->recordQueue.append(queued);
+    putInQueue(key);
 }
 
 } // namespace vd

@@ -65,7 +65,8 @@ public:
     // What resolvers tell: ManagedResolution.cpp
     void resolverFailed(const ServiceKey& key, int error);
     void notRecognised(const ServiceKey& key);
-    void resolved(const ServiceKey& key, const SServiceInfo& info, const QString& address, const QByteArray& txt);
+    void resolved(const ServiceKey& key, const SServiceInfo& info, const QString& address,
+                  const QByteArray& answer);
     void forget(const ServiceKey& key);
 
     // Following addresses: ManagedAddresses.cpp
@@ -137,6 +138,7 @@ private:
     void askAgain();
 
     void nextGraceStep(int milliseconds);
+    void finishGrace();
     QList<ServiceKey> unseenServices() const;
     void endGrace();
 
@@ -157,7 +159,9 @@ private:
     void dropIfAllIgnored(const QString& name);
     void forgetAsked(const QString& name);
     bool hasOtherService(const QString& name, ServiceKey* other) const;
-    bool isKnownByAsking(const QString& name) const;
+    bool hasAskedDevice(const QString& name, ServiceKey* device) const;
+    void handOver(const ServiceKey& lost, const TrackedService& left, const ServiceKey& heir);
+    void putInQueue(const ServiceKey& key);
 
     void enqueueFirst(const ServiceKey& key);
     void leaveLine(TrackedService& service);
@@ -203,11 +207,13 @@ private:
     void follow(const ServiceKey& key, const QString& host);
     void noteMissing(const ServiceKey& key, const QStringList& missing);
     void removeAddress(const ServiceKey& key, const QString& address);
+    void takeFromUnfollowed(const ServiceKey& key, const QString& address);
     void takeFromRecord(const QString& name, const QString& address);
     void takeOver(const QStringList& addresses, const ServiceKey& heir);
     void takeFromUnresolved(const ServiceKey& key);
     void timedOut(const ServiceKey& key, TrackedService& service);
-    void noteAnswer(const ServiceKey& key, TrackedService& service, const QByteArray& txt);
+    void askAgainLater(const ServiceKey& key, TrackedService& service);
+    void noteAnswer(const ServiceKey& key, TrackedService& service, const QByteArray& answer);
 
     AvahiClientState clientState;
     bool isConnecting;
@@ -223,6 +229,8 @@ private:
     int graceLeftMs;
     /** How often more the grace period may be prolonged. */
     int graceExtensions;
+    /** The period has passed, if the daemon answers in time. */
+    bool isGraceOver;
     QElapsedTimer graceStep;
     QElapsedTimer clock;
 

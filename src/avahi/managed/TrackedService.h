@@ -66,6 +66,7 @@ struct TrackedService
         , isToBeFollowed(false)
         , isLookComplete(false)
         , wasSeen(false)
+        , lostIpv4(false)
         , isWaiting(false)
         , place(0)
         , retryAt(0)
@@ -77,6 +78,7 @@ struct TrackedService
     void forgetCalls()
     {
         sightings.clear();
+        lostIpv4 = false;
         resolver = nullptr;
         linkTurn = 0;
         timesUnanswered = 0;
@@ -137,6 +139,8 @@ struct TrackedService
 
     /** Browsing has seen it, be it before a restart; otherwise somebody asked for it. */
     bool wasSeen;
+    /** IPv4 showed it somewhere and does so no more. */
+    bool lostIpv4;
     /** Stands in line to be resolved. */
     bool isWaiting;
     qint64 place;
@@ -146,8 +150,8 @@ struct TrackedService
     bool isLongLived;
     /** It has the room to be kept open. */
     bool isKept;
-    /** Every string of the TXT record as it was resolved last; null before. */
-    QByteArray txt;
+    /** Port, host and every string of the TXT record as they were resolved last; null before. */
+    QByteArray answer;
 };
 
 } // namespace vd

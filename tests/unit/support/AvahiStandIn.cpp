@@ -101,6 +101,13 @@ void AvahiStandIn::failNext(const std::string& function, int error)
     m_failures[function] = error;
 }
 
+void AvahiStandIn::forgetFailures()
+{
+    m_failures.clear();
+    m_duringGroupNew = nullptr;
+    m_duringGroupCall.clear();
+}
+
 bool AvahiStandIn::isToFail(const std::string& function)
 {
     const auto failure = m_failures.find(function);

@@ -34,6 +34,9 @@ public:
     /** Makes the next call of @p function ("service_resolver_new") fail with @p error. */
     void failNext(const std::string& function, int error);
 
+    /** Nothing fails in calls to come, and nothing runs inside those on groups. */
+    void forgetFailures();
+
     /** What avahi_client_errno() answers from now on. */
     void setError(int error) { m_error = error; }
 
