@@ -24,6 +24,7 @@ MOST_KIB_A_DEVICE = 8
 PATIENCE_S = 120
 RESENDS = 8
 CAMERAS_AFTER = 4
+NEW_MODEL = "Dome 5"
 
 
 def flood():
@@ -70,24 +71,29 @@ def play(stage):
     fleet, packets = flood()
     flooding = Flood(lambda: stage.hostile(lab), packets, ASKED_RATE, SECONDS)
     everyone(watches, lambda watch: False, SECONDS)
-    story = {"rate": flooding.rate(PATIENCE_S), "found": find_another(watches, honest),
-             "left": withdraw(watches, hostile, fleet)}
-    honest.set_txt("Lobby", camera_txt(model="Dome 5"))
-    story["followed"] = everyone(watches, lambda watch: watch.told("text", '"modelName":"Dome 5"'))
+    story = {"rate": flooding.rate(PATIENCE_S)}
+    story["found"], others = find_another(watches, honest)
+    story["left"] = withdraw(watches, hostile, fleet)
+    followed = follow(watches, honest, others)
     for name, watch in watches.items():
         story[name] = {"begin": before[name][0], "peak": watch.peak_kib,
                        "handles": (before[name][1], handles(watch.program.pid)),
-                       "spoofed": watch.count("found")}
+                       "spoofed": watch.count("found"), "followed": followed[name]}
     return story
 
 
 def find_another(watches, honest):
-    """Publishes cameras until everyone has found one: the plain class gives up those it can't resolve in time."""
+    """Publishes cameras until everyone has found one: the plain class gives up those it can't resolve in time.
+
+    Returns whether everyone has, and the names of these cameras.
+    """
+    names = []
     for number in range(CAMERAS_AFTER):
-        honest.publish(camera(f"Attic {number}", f"attic-{number}", f"10.77.0.{110 + number}"))
+        names.append(f"Attic {number}")
+        honest.publish(camera(names[-1], f"attic-{number}", f"10.77.0.{110 + number}"))
         if everyone(watches, lambda watch: watch.count("found", "Attic"), PATIENCE_S / CAMERAS_AFTER):
-            return True
-    return False
+            return True, names
+    return False, names
 
 
 def withdraw(watches, hostile, fleet):
@@ -97,6 +103,23 @@ def withdraw(watches, hostile, fleet):
         if everyone(watches, lambda watch: 0 < watch.count("lost") == watch.count("found"), PATIENCE_S / RESENDS):
             break
     return {name: watch.count("found") - watch.count("lost") for name, watch in watches.items()}
+
+
+def follow(watches, honest, others):
+    """Gives the camera from before another model; returns who has told of it.
+
+    The plain class queries the first and the last of its queue only. The flood shuffles that, and where it leaves
+    one of the other cameras at both ends, this one has no turn before they are gone.
+    """
+    honest.set_txt("Lobby", camera_txt(model=NEW_MODEL))
+    followed = {"managed": has_told_of_new_model(watches, "managed")}
+    honest.goodbye(*others)
+    return {**followed, "plain": has_told_of_new_model(watches, "plain")}
+
+
+def has_told_of_new_model(watches, name):
+    part = f'"modelName":"{NEW_MODEL}"'
+    return bool(everyone({name: watches[name]}, lambda watch: watch.told("text", part)))
 
 
 the_flood = pytest.mark.story.with_args(play)
@@ -115,8 +138,9 @@ def test_a_camera_that_comes_after_the_flood_is_found(story):
 
 
 @the_flood
-def test_the_camera_from_before_is_followed_after_the_flood(story):
-    assert story["followed"]
+@of_each_class
+def test_the_camera_from_before_is_followed_after_the_flood(story, of_class):
+    assert story[of_class]["followed"]
 
 
 @the_flood
