@@ -134,7 +134,7 @@ TEST_F(ManagedLimitsTest, QueryThatGaveItsRoomAwayBeforeItsAnswerIsResolvedWitho
     EXPECT_EQ(resolvesOf("Parked"), 2);
     resolved(5, "Parked", "cam.local", "10.0.0.1", cameraTxt);
     onlyAnswerIs(4, "10.0.0.1");
-    turn(5100);
+    turn(5500);
     EXPECT_EQ(resolvesOf("Late"), 1);
     resolved(6, "Late", "late.local", "10.0.0.9", cameraTxt);
     EXPECT_TRUE(discovery().services.contains("Late"));
@@ -208,6 +208,29 @@ TEST_F(ManagedLimitsTest, AddressBrowserThatIsRefusedForItsHostKeepsTheConnectio
     EXPECT_EQ(count(takeCalls(), "client_free"), 0);
 }
 
+TEST_F(ManagedLimitsTest, LongLivedQueryThatIsRefusedForGoodIsGivenUp)
+{
+    run();
+    found();
+    avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_TYPE);
+    discovery().StartQueryRecords("Cam", "_x._tcp", true);
+    turn();
+    EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 1);
+    EXPECT_EQ(table(), Lines{"\"Cam\": " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known)});
+}
+
+TEST_F(ManagedLimitsTest, LongLivedQueryOfAnotherKindOfServiceIsGivenUp)
+{
+    run();
+    found();
+    discovery().StartQueryRecords("Cam", "_printer._tcp", true);
+    turn();
+    takeCalls();
+    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, "_printer._tcp");
+    EXPECT_EQ(takeCalls(), Lines{"service_resolver_free(resolver2)"});
+    EXPECT_EQ(table(), Lines{"\"Cam\": " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known)});
+}
+
 TEST_F(ManagedLimitsTest, LongLivedQueryOutlivesAnAnswerWithoutAKey)
 {
     run();
@@ -216,7 +239,7 @@ TEST_F(ManagedLimitsTest, LongLivedQueryOutlivesAnAnswerWithoutAKey)
     resolved(1, "Cam", "cam.local", "10.0.0.1", Txt{"path=/"}, HTTPS, 443);
     EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
     takeCalls();
-    turn(5100);
+    turn(5500);
     EXPECT_EQ(takeCalls(), Lines{newResolverAnywhere("Cam", 2, HTTPS)});
     resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTPS, 443);
     EXPECT_EQ(table().size(), 1u);

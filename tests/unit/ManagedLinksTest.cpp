@@ -110,6 +110,10 @@ TEST_F(ManagedLinksTest, Ipv4ThatComesBackIsAskedThoughIpv6Stayed)
     appearsOn("Cam", 2, AVAHI_PROTO_INET);
     turn();
     EXPECT_EQ(takeCalls(), Lines{newResolverOn(2, 2)});
+    answer(2, 2);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET);
+    turn();
+    EXPECT_EQ(takeCalls(), Lines());
 }
 
 TEST_F(ManagedLinksTest, KeptQueryThatIpv6AnswersStaysThere)

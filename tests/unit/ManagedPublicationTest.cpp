@@ -427,6 +427,18 @@ TEST_F(ManagedPublicationTest, GroupThatWasFreedWithAnErrorIsNoObjectAnyMore)
     EXPECT_FALSE(discovery().TerminateRegistration());
     EXPECT_EQ(liveCount("group"), 0);
     EXPECT_EQ(discovery().openObjects(), 1);
+    EXPECT_FALSE(discovery().IsRegistered());
+    EXPECT_TRUE(registerService());
+}
+
+TEST_F(ManagedPublicationTest, RegistrationThatFailsAndIsFreedWithAnErrorLeavesNothing)
+{
+    run();
+    avahi.failNext("entry_group_add_service_strlst", AVAHI_ERR_DBUS_ERROR);
+    avahi.failNext("entry_group_free", AVAHI_ERR_DBUS_ERROR);
+    EXPECT_FALSE(registerService());
+    EXPECT_FALSE(discovery().IsRegistered());
+    EXPECT_EQ(discovery().openObjects(), 1);
 }
 
 TEST_F(ManagedPublicationTest, SecondRegistrationThatIsRefusedChangesNothing)

@@ -122,6 +122,13 @@ void ManagedServiceDiscovery::Private::lose(const ServiceKey& key)
         loseDevice(key.name);
 }
 
+// It can never be resolved, so no query waits for it.
+void ManagedServiceDiscovery::Private::drop(const ServiceKey& key)
+{
+    endKeeping(key, tracked[key]);
+    lose(key);
+}
+
 void ManagedServiceDiscovery::Private::handOver(const ServiceKey& lost, const TrackedService& left,
                                                 const ServiceKey& heir)
 {
@@ -146,7 +153,8 @@ void ManagedServiceDiscovery::Private::handOver(const ServiceKey& lost, const Tr
 void ManagedServiceDiscovery::Private::dropIfAllIgnored(const QString& name)
 {
     ServiceKey other;
-    if (q->services.contains(name) && !hasOtherService(name, &other) && !hasAskedDevice(name, &other))
+    const bool mayBeDevice = hasOtherService(name, &other) || hasAskedDevice(name, &other);
+    if (q->services.contains(name) && !mayBeDevice)
         loseDevice(name);
 }
 

@@ -245,7 +245,7 @@ void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key)
             << printableText(key.name) << " error: " << avahi_strerror(error);
     });
     if (isOfService(error)) {
-        lose(key);
+        drop(key);
         return;
     }
     enqueueFirst(key);

@@ -102,17 +102,21 @@ bool ManagedServiceDiscovery::Private::isPublishable(const char* name, const cha
 bool ManagedServiceDiscovery::Private::terminateRegistration()
 {
     // What the daemon does not have any more, or cannot be asked about, goes with its client.
+    const ManagedSession current(this);
     const bool isWithdrawn = hasFailed || withdraw();
-    if (!isWithdrawn)
+    if (current.ended())
         return false;
-    publishes = false;
-    endPublication();
-    return true;
+    // A group that was freed with an error is gone all the same.
+    if (isWithdrawn || !q->hasEntryGroup()) {
+        publishes = false;
+        endPublication();
+    }
+    return isWithdrawn;
 }
 
 bool ManagedServiceDiscovery::Private::isRegistered() const
 {
-    return publishes || (q->entryGroup && !hasFailed);
+    return publishes || (q->hasEntryGroup() && !hasFailed);
 }
 
 void ManagedServiceDiscovery::Private::publish()

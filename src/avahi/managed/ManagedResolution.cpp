@@ -53,7 +53,7 @@ void ManagedServiceDiscovery::ServiceResolve(AvahiServiceResolver* resolver, int
         return;
     }
     if (!isWebService(type)) {
-        d->lose(key);
+        d->drop(key);
         return;
     }
     SServiceInfo info = services.value(key.name);

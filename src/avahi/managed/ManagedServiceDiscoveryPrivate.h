@@ -49,6 +49,7 @@ public:
     void cacheOfTypeRead(AvahiServiceBrowser* browser);
     void serviceChanged(const ServiceKey& key, const Sighting& sighting, bool isThere);
     void lose(const ServiceKey& key);
+    void drop(const ServiceKey& key);
 
     // Who is resolved next: ManagedLine.cpp
     void query(const ServiceKey& key, bool longLived);
