@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
-// The same on managed discovery: first a byte for the surroundings, then the sequence.
+// Performs steps on managed discovery, which keeps some rules whatever happens. The first byte of an input tells the
+// surroundings, the others are the sequence.
 #include "model/ManagedRunner.h"
 
 #include <cstdio>

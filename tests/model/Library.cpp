@@ -231,15 +231,29 @@ void LibraryOf<Discovery>::runEvent(const Step& step)
 template <typename Discovery>
 void LibraryOf<Discovery>::fireResolve(int resolver, const Step& step)
 {
-    const Passing name(step.name());
+    const ServiceTexts service = answered(resolver, step);
+    const Passing name(service.name);
     const Passing host(step.host());
     AvahiAddress address = AvahiAddress();
     if (step.address())
         address = addressOf(*step.address());
     m_avahi.fireResolve(m_avahi.resolver(resolver), static_cast<AvahiResolverEvent>(step.event()),
-                        step.interface(), step.protocol(), name, Passing(step.type()), Passing(step.domain()),
+                        step.interface(), step.protocol(), name, Passing(service.type), Passing(service.domain),
                         step[Step::HostIsName] ? name : host, step.address() ? &address : nullptr, step.port(),
                         listOf(step.txt()).get());
+}
+
+template <typename Discovery>
+typename LibraryOf<Discovery>::ServiceTexts LibraryOf<Discovery>::answered(int, const Step& step)
+{
+    return {step.name(), step.type(), step.domain()};
+}
+
+template <typename Discovery>
+void LibraryOf<Discovery>::forgetWhatIsToCome()
+{
+    m_avahi.forgetFailures();
+    m_insideClientNew = nullptr;
 }
 
 template <typename Discovery>
@@ -300,7 +314,7 @@ void LibraryOf<Discovery>::fireOnNewClient(const AvahiClient* client)
     if (!handle)
         return;
     if (!step)
-        return newClient(handle->number);
+        return clientIsMade(handle->number);
     prepareHandler(*step);
     const bool fails = step->event() == AVAHI_ENTRY_GROUP_FAILURE;
     m_avahi.fireClientState(fails ? AVAHI_CLIENT_FAILURE : AVAHI_CLIENT_S_RUNNING, handle->number);

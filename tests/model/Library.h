@@ -41,8 +41,18 @@ protected:
     AvahiStandIn& avahi() { return m_avahi; }
     /** The number of the Avahi object that the event is for; 0 for none. */
     virtual int targetOf(const Step& step);
-    /** Inside avahi_client_new(). */
-    virtual void newClient(int) {}
+    /** How an answer of a resolver names the service. */
+    struct ServiceTexts
+    {
+        const char* name;
+        const char* type;
+        const char* domain;
+    };
+    virtual ServiceTexts answered(int resolver, const Step& step);
+    /** Avahi is making the client of this number, and can call back already. */
+    virtual void clientIsMade(int) {}
+    /** Nothing fails any more, and nothing happens inside of calls, unless later steps want it. */
+    void forgetWhatIsToCome();
     virtual void noteSignal(const char* kind, const vd::SServiceInfo& info);
     void runOperation(const Step& step) override;
     void runEvent(const Step& step) override;

@@ -2,11 +2,11 @@
 #pragma once
 
 #include "model/Library.h"
-#include "model/VirtualClock.h"
+#include "model/ManagedAccount.h"
+#include "model/ManagedHandles.h"
 #include "support/BusStandIn.h"
 
 #include <map>
-#include <memory>
 #include <optional>
 #include <set>
 #include <string>
@@ -25,76 +25,53 @@ class ManagedLibrary : public LibraryOf<OpenManagedDiscovery>
 {
 public:
     ManagedLibrary(const Surroundings& surroundings, bool reusesAddresses);
+    /** The object goes before the bus that it is connected to. */
+    ~ManagedLibrary() override { destroy(); }
 
     /** How often, by kind. */
     std::map<std::string, int> signalled;
 
-    /** Lets the time pass that comes after the step. */
-    void passTimeAfter(const Step& step);
-    void passTime(int milliseconds);
-
-    /** Collects what the step did, and tells what does not hold after it; empty when all does. */
-    std::string flaw();
-    /** Every object that Avahi owes the end of its first look is told of it, as real ones are. */
-    void endLooks();
+    /** Performs the step and lets some time pass, and tells what does not hold then; empty when all does. */
+    std::string flawOf(const Step& step);
     /** The same when nothing has happened for a while. */
     std::string flawAtRest();
-    /** Whether a device that appears now is still found and lost. */
+    /** Whether all goes on, and a device that appears now is still found and lost. */
     std::string flawInLife();
     /** Deletes the object. */
     std::string flawAtEnd();
 
 private:
-    /** A service, and where it is seen. */
-    struct Sighting
-    {
-        std::string name;
-        std::string type;
-        std::string domain;
-        int interface;
-        int protocol;
-    };
-    friend bool operator<(const Sighting& a, const Sighting& b);
-
     int targetOf(const Step& step) override;
+    ServiceTexts answered(int resolver, const Step& step) override;
     /** The daemon is there. */
-    void newClient(int number) override { avahi().fireClientState(AVAHI_CLIENT_S_RUNNING, number); }
+    void clientIsMade(int number) override { avahi().fireClientState(AVAHI_CLIENT_S_RUNNING, number); }
     void noteSignal(const char* kind, const vd::SServiceInfo& info) override;
     void runOperation(const Step& step) override;
     void runEvent(const Step& step) override;
 
+    void passTimeAfter(const Step& step);
+    void passTime(int milliseconds);
+    void endLooks();
     bool disappears(const Step& step);
-    std::string handleOf(const Step& step) const;
-    void note(const std::string& flaw);
-    void noteEnd();
+    std::string handleOf(const Step& step);
+    std::vector<std::string> live(const std::string& kind) { return liveOf(avahi(), kind); }
+    void browsingHasEnded();
+    void noteResult(Step::Kind kind);
     void noteCalls();
-    void noteSighting(const std::string& browser, const Step& step);
-    void noteAnswer(const std::string& resolver, const Step& step);
     void checkHandles();
-    void checkTable();
-    void checkQueue();
-    void checkResolvers();
-    void checkSightings();
-    bool isSeen(const QString& name, bool asDevice) const;
-    std::string resolverOf(const std::string& service);
-    bool isProbeFound(const std::string& browser);
-    bool isProbeLost(const std::string& browser);
-    std::vector<std::string> live(const std::string& kind) const;
+    void checkStep();
+    void becomeReady();
+    void checkRunning();
 
     std::optional<BusStandIn> m_bus;
-    /** What a window that obeys the signals shows: addresses by the names of devices. */
-    std::map<QString, QStringList> m_shown;
-    /** What each resolver was made for. */
-    std::map<std::string, std::string> m_services;
-    /** What each browser sees. */
-    std::map<std::string, std::set<Sighting>> m_sightings;
+    ManagedAccount m_account;
     /** Objects that were told of the end of their first look. */
     std::set<std::string> m_ended;
-    /** Services that were answered with a vendor's key. */
-    std::set<std::string> m_devices;
-    /** Names of which it cannot be told from here whether they are to be known. */
-    std::set<QString> m_unclear;
     bool m_isBrowsing = false;
-    int m_limit;
-    std::string m_flaw;
+    bool m_isRegistered = false;
+    /** For all that the client was told. */
+    bool m_isDaemonThere = false;
+    const int m_limit;
+    /** How many browsers and groups came, which may be over the limit, since there was room for all. */
+    int m_privileged = 0;
 };

@@ -11,27 +11,30 @@
 
 namespace {
 
-// Longer than the grace period, and than what follows a lost connection.
-const int REST_MS = 40000;
-
-std::string flawOfStep(ManagedLibrary& library, const Step& step)
-{
-    library.perform(step);
-    if (std::string flaw = library.flaw(); !flaw.empty())
-        return flaw;
-    library.passTimeAfter(step);
-    return library.flaw();
-}
-
 std::string flawAfterwards(ManagedLibrary& library)
 {
-    library.endLooks();
-    library.passTime(REST_MS);
     if (const std::string flaw = library.flawAtRest(); !flaw.empty())
         return "At rest: " + flaw;
     if (const std::string flaw = library.flawInLife(); !flaw.empty())
         return "Afterwards: " + flaw;
     return library.flawAtEnd();
+}
+
+/** Ends at the first flaw, or at the first failure that was reported. */
+std::string flawOfAll(const Sequence& sequence, const Surroundings& surroundings,
+                      const testing::TestPartResultArray& failures, SignalCounts* signalled)
+{
+    ManagedLibrary library(surroundings, sequence.reusesAddresses);
+    for (std::size_t i = 0; i < sequence.steps.size(); ++i) {
+        const std::string flaw = library.flawOf(sequence.steps[i]);
+        if (!flaw.empty() || failures.size() > 0)
+            return "After step " + std::to_string(i + 1) + ": " + flaw;
+    }
+    if (signalled) {
+        for (const auto& [kind, times] : library.signalled)
+            (*signalled)[kind] += times;
+    }
+    return flawAfterwards(library);
 }
 
 } // namespace
@@ -51,28 +54,18 @@ std::string flawIn(const Sequence& sequence, const Surroundings& surroundings, S
     // What the stand-ins find wrong with a call is a flaw like any other.
     const testing::ScopedFakeTestPartResultReporter reporter(
         testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
-    const auto withFailures = [&failures](const std::string& flaw) {
-        return failures.size() ? failures.GetTestPartResult(0).message() + ('\n' + flaw) : flaw;
-    };
     const VirtualClock clock;
-    ManagedLibrary library(surroundings, sequence.reusesAddresses);
-    for (std::size_t i = 0; i < sequence.steps.size(); ++i) {
-        const std::string flaw = withFailures(flawOfStep(library, sequence.steps[i]));
-        if (!flaw.empty())
-            return "After step " + std::to_string(i + 1) + ": " + flaw;
-    }
-    if (signalled) {
-        for (const auto& [kind, times] : library.signalled)
-            (*signalled)[kind] += times;
-    }
-    return withFailures(flawAfterwards(library));
+    const std::string flaw = flawOfAll(sequence, surroundings, failures, signalled);
+    return failures.size() > 0 ? failures.GetTestPartResult(0).message() + ('\n' + flaw) : flaw;
 }
 
 std::string reportOfFlaw(const Sequence& sequence, const Surroundings& surroundings, const std::string& origin)
 {
     const Sequence shortest = shrunk(
         sequence, [&surroundings](const Sequence& tried) { return !flawIn(tried, surroundings).empty(); });
+    const std::string flaw = flawIn(shortest, surroundings);
+    if (flaw.empty())
+        return origin + ": the flaw does not appear again.\n";
     return origin + ", " + std::to_string(surroundings.objectLimit) + " objects, "
-           + (surroundings.hasBus ? "with" : "without") + " a bus:\n" + describe(shortest)
-           + flawIn(shortest, surroundings) + '\n';
+           + (surroundings.hasBus ? "with" : "without") + " a bus:\n" + describe(shortest) + flaw + '\n';
 }

@@ -14,7 +14,7 @@ Surroundings surroundingsOf(std::uint64_t number);
 /** How often each signal was emitted. */
 typedef std::map<std::string, int> SignalCounts;
 
-/** Performs the steps on managed discovery, and tells what does not hold after one of them; empty when all does. */
+/** Performs the steps on managed discovery, and tells what does not hold after one of them; empty if all does. */
 std::string flawIn(const Sequence& sequence, const Surroundings& surroundings, SignalCounts* signalled = nullptr);
 
 /** The sequence in its shortest form, and its flaw. */

@@ -7,6 +7,8 @@
 
 #include <gtest/gtest.h>
 
+#include <iostream>
+
 namespace {
 
 // They take longer than those of the model, as time passes in them.
@@ -32,7 +34,7 @@ TEST(ManagedSequencesTest, DevicesAreFoundChangedAndLostInThem)
     SignalCounts signalled;
     for (std::uint64_t seed = 0; seed < 200; ++seed) {
         SeededBytes bytes(seed);
-        flawIn(sequenceOf(bytes), surroundingsOf(seed), &signalled);
+        EXPECT_EQ(flawIn(sequenceOf(bytes), surroundingsOf(seed), &signalled), "") << "of seed " << seed;
     }
     for (const char* const kind : {"found", "address", "text", "lost"}) {
         std::cout << kind << ": " << signalled[kind] << std::endl;

@@ -13,11 +13,19 @@ public:
 
     void perform(const Step& step)
     {
+        performWith(step, [] {});
+    }
+
+    /** What @p afterwards does is part of the step: the signals that come then have their slots. */
+    template <typename Action>
+    void performWith(const Step& step, const Action& afterwards)
+    {
         const Step* const outer = m_step;
         const std::size_t outerSlots = m_slots;
         m_step = &step;
         m_slots = 0;
         run(step);
+        afterwards();
         m_step = outer;
         m_slots = outerSlots;
     }

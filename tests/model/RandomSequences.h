@@ -4,7 +4,6 @@
 #include "model/Sequence.h"
 
 #include <cstdint>
-#include <string>
 
 /**
  * One of the shares in which random sequences are tried, a test each. VD_MODEL_SEQUENCES tells how many there are in
