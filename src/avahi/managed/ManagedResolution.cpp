@@ -17,7 +17,7 @@ void appendTo(QByteArray& strings, const QByteArray& string)
 QByteArray answerOf(const SServiceInfo& info, AvahiStringList* txt)
 {
     QByteArray strings = QByteArray::number(info.port).append(' ');
-    appendTo(strings, info.recordHostName.toUtf8());
+    appendTo(strings, bytesFromText(info.recordHostName));
     for (AvahiStringList* entry = txt; entry; entry = avahi_string_list_get_next(entry)) {
         appendTo(strings, QByteArray(reinterpret_cast<const char*>(avahi_string_list_get_text(entry)),
                                      static_cast<int>(avahi_string_list_get_size(entry))));
