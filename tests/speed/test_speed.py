@@ -19,7 +19,7 @@ from comparison import BROWSE, FLEET_PUBLISHER, MANAGED, WINDOWED, ZEROCONF, Run
 RUNS = 3
 DEVICES = 500
 MOST_OF_PLAIN_CLIENT = 2
-# Of 1000 devices 5 to 11 were measured on an idle machine.
+# Several times what bench/README.md tells of an idle machine.
 LONGEST_HOLD_MS = 150
 OBJECT_LIMIT = 512
 MORE_DEVICES_THAN_OBJECTS = 600

@@ -593,12 +593,7 @@ TEST_F(ManagedConnectionTest, GracePeriodIsFifteenSecondsUnlessItIsSet)
 
 TEST_F(ManagedConnectionTest, PortThatChangedDuringARestartIsSignalled)
 {
-    run();
-    found();
-    failClient();
-    turn();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
-    turn();
+    seenAgainAfterARestart();
     resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt, HTTP, 8080);
     EXPECT_EQ(takeSignals(),
               Lines{"text " + camera("Cam", "cam.local", "addresses=[10.0.0.1] port=8080 " + known)});
@@ -606,12 +601,7 @@ TEST_F(ManagedConnectionTest, PortThatChangedDuringARestartIsSignalled)
 
 TEST_F(ManagedConnectionTest, HostThatChangedDuringARestartIsSignalled)
 {
-    run();
-    found();
-    failClient();
-    turn();
-    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
-    turn();
+    seenAgainAfterARestart();
     resolved(2, "Cam", "new.local", "10.0.0.1", cameraTxt);
     EXPECT_EQ(takeSignals(), Lines{"text " + camera("Cam", "new.local", "addresses=[10.0.0.1] " + known)});
 }

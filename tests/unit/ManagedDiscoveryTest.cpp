@@ -640,16 +640,11 @@ TEST_F(ManagedTest, ServiceThatIsNoDeviceIsNotQueriedForItsTwinInAnotherDomain)
 
 TEST_F(ManagedTest, DeviceThatWasAskedForStaysWhenATwinThatIsNoneComesAndGoes)
 {
-    run();
-    discovery().ResolveService(2, "Cam", HTTP, "local");
-    turn();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
-    turn();
-    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"});
+    askedForBesideATwinThatIsNoDevice();
     fireInDomain(AVAHI_BROWSER_REMOVE, "example.net");
-    EXPECT_EQ(takeSignals().size(), 1u);
-    EXPECT_EQ(table().size(), 1u);
+    const std::string record = camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known);
+    EXPECT_EQ(takeSignals(), Lines{"found " + record});
+    EXPECT_EQ(table(), Lines{"\"Cam\": " + record});
     EXPECT_EQ(queue(), Lines{"Cam, _http._tcp"});
 }
 
@@ -676,13 +671,7 @@ TEST_F(ManagedTest, DeviceThatWasAskedForTakesOverFromATwinAndIsQueried)
 
 TEST_F(ManagedTest, DeviceThatWasAskedForIsQueriedBesideATwinThatIsNone)
 {
-    run();
-    discovery().ResolveService(2, "Cam", HTTP, "local");
-    turn();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    fireInDomain(AVAHI_BROWSER_NEW, "example.net");
-    turn();
-    resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"});
+    askedForBesideATwinThatIsNoDevice();
     forgetAll();
     discovery().StartQueryRecords("Cam", HTTP, false);
     turn();

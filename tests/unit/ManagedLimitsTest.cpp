@@ -14,6 +14,18 @@ protected:
         onlyAnswerIs(number, "10.0.0.1");
     }
 
+    /** What is called when the address browser of a device that is found cannot be made. */
+    Lines callsAfterNoAddressBrowserFor(int error)
+    {
+        run();
+        appears("Cam");
+        turn();
+        avahi.failNext("record_browser_new", error);
+        resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        turn(50);
+        return takeCalls();
+    }
+
     /** How often @p name was resolved since the calls were asked for last. */
     int resolvesOf(const std::string& name)
     {
@@ -178,7 +190,6 @@ TEST_F(ManagedLimitsTest, AddressBrowserIsClosedAtItsFirstAddressWhileManyStandI
     for (int number = 1; number <= 33; ++number)
         appears(camName(number).c_str());
     takeCalls();
-    avahi.fireRecord(avahi.recordBrowser(1), AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr, 0);
     const unsigned char address[] = {10, 0, 0, 1};
     avahi.fireRecord(avahi.recordBrowser(1), AVAHI_BROWSER_NEW, "cam.local", address, sizeof address);
     avahi.fireRecord(avahi.recordBrowser(1), AVAHI_BROWSER_CACHE_EXHAUSTED, "cam.local", nullptr, 0);
@@ -188,24 +199,12 @@ TEST_F(ManagedLimitsTest, AddressBrowserIsClosedAtItsFirstAddressWhileManyStandI
 
 TEST_F(ManagedLimitsTest, AddressBrowserThatTheDaemonDoesNotAnswerForEndsTheConnection)
 {
-    run();
-    appears("Cam");
-    turn();
-    avahi.failNext("record_browser_new", AVAHI_ERR_DBUS_ERROR);
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    turn(50);
-    EXPECT_EQ(count(takeCalls(), "client_free(client1)"), 1);
+    EXPECT_EQ(count(callsAfterNoAddressBrowserFor(AVAHI_ERR_DBUS_ERROR), "client_free(client1)"), 1);
 }
 
 TEST_F(ManagedLimitsTest, AddressBrowserThatIsRefusedForItsHostKeepsTheConnection)
 {
-    run();
-    appears("Cam");
-    turn();
-    avahi.failNext("record_browser_new", AVAHI_ERR_INVALID_HOST_NAME);
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    turn(50);
-    EXPECT_EQ(count(takeCalls(), "client_free"), 0);
+    EXPECT_EQ(count(callsAfterNoAddressBrowserFor(AVAHI_ERR_INVALID_HOST_NAME), "client_free"), 0);
 }
 
 TEST_F(ManagedLimitsTest, LongLivedQueryThatIsRefusedForGoodIsGivenUp)

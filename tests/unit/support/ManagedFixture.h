@@ -117,6 +117,29 @@ protected:
         turn();
     }
 
+    /** A camera that was asked for and answered resolver 1, and a service of its name that is none. */
+    void askedForBesideATwinThatIsNoDevice()
+    {
+        run();
+        discovery().ResolveService(2, "Cam", HTTP, "local");
+        turn();
+        resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        fireInDomain(AVAHI_BROWSER_NEW, "example.net");
+        turn();
+        resolved(2, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"});
+    }
+
+    /** A camera found, and seen after a restart, where resolver 2 asks for it. */
+    void seenAgainAfterARestart()
+    {
+        run();
+        found();
+        failClient();
+        turn();
+        appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+        turn();
+    }
+
     /** All that address browser @p number has to tell of "Cam". */
     void onlyAnswerIs(int number, const char* address)
     {
