@@ -35,7 +35,8 @@ namespace vd {
  * - A device is lost when no interface, protocol, type or domain shows it any more.
  * - After the removal of an address the record holds the addresses that remain. The signal still carries the removed
  *   one alone. An address that a look-up does not show any more is looked for once more before it counts as removed.
- * - A web service without a maker's key is resolved again after 5 s, 10 s, and so on up to an hour, as it may get one.
+ * - A web service without a maker's key is resolved again after 5 s, 10 s, and so on up to an hour, as it may get one;
+ *   after a restart of the daemon from 5 s on again.
  * - Every string of the TXT record counts for serviceText, also when the address changes with it, and so do the port
  *   and the host. Of two web services of one name the record tells of the one that was answered last. Changes of either
  *   are signalled, and so is its turn to the one that is left, but no other.
@@ -53,12 +54,17 @@ namespace vd {
  * unix:abstract=, tcp:) at the next attempt, 1.5 s later at most. Attempts that fail while the bus is there are repeated
  * ever more seldom, every 8 s at last; a connection that is lost again within 2 s is taken up 1.5 s later at most.
  *
- * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so the daemon is asked first, without waiting,
- * whether it is ready for them, on a second connection to the bus. One that hangs then delays devices and holds up
- * nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(),
- * TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and publishing anew, and the call that was on
- * its way. To keep these from blocking a window too, make the object in the run() of a QThread and connect its signals
- * to the window by queued connections.
+ * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so those that devices need are made in a thread
+ * that the object starts for them, a few at a time, and the event loop goes on; handlers and slots are called in the
+ * object's thread as ever. The daemon is asked first, without waiting, whether it is ready, on a second connection to the
+ * bus. One that hangs then delays devices and holds up nothing, except what calls it at once: BrowseServices(),
+ * RegisterService(), UpdateTxtRecord(), TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and
+ * publishing anew. These also wait for calls that are on their way. To keep them from blocking a window too, make the
+ * object in the run() of a QThread and connect its signals to the window by queued connections. With the distribution's
+ * poll adapter (VD_USE_SYSTEM_AVAHI_QT), and while a slot runs an event loop, all calls are made in the object's thread.
+ *
+ * The thread may be using @c client at any time but inside a handler; so a class that derives from this one makes no calls
+ * on it elsewhere.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {
@@ -122,6 +128,10 @@ protected:
     void RecordBrowse(AvahiRecordBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
                       const char* name, unsigned short clazz, unsigned short type, const void* rdata,
                       unsigned long size, AvahiLookupResultFlags flags, void* userdata) override;
+    // As the base's, which they hide: both use the client, and wait for a call that another thread makes.
+    bool UpdateTxtRecord(const char* txt);
+    bool AddTxtRecord(const char* txt);
+
     /** Logs the state, and publishes anew what the daemon gave up. A collision is left as it is. */
     void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override;
 
@@ -130,6 +140,7 @@ private Q_SLOTS:
     void connectSoon();
     void makeCalls();
     void daemonAnswered();
+    void callsReturned();
     void retryWaiting();
     void publishWaiting();
     void passGrace();

@@ -138,8 +138,8 @@ struct Q_DECL_EXPORT SResolverInfo
  * @endcode
  *
  * Thread: an object belongs to the thread that made it, which must run a Qt event loop. All operations
- * are called there and all signals are emitted there, synchronously from the event that caused them. A
- * slot may call any operation, or delete the object with deleteLater().
+ * are called there and all signals are emitted there, synchronously from the event that caused them, or from an operation
+ * that works it off. A slot may call any operation, or delete the object with deleteLater().
  *
  * Errors are reported by a false result and a message in the log (LogQt), never by an exception. Nothing
  * is retried.

@@ -2,17 +2,20 @@
 #include "avahi/AvahiPollAdapter.h"
 
 #include "avahi/MonotonicDeadline.h"
+#include "avahi/WatchGroup.h"
 #include "support/QtCompat.h"
 
 #include <QtCore/QBasicTimer>
 #include <QtCore/QEvent>
 #include <QtCore/QObject>
+#include <QtCore/QScopedPointer>
 #include <QtCore/QSocketNotifier>
 
 #include <sys/epoll.h>
 #include <unistd.h>
 
 #include <cstring>
+#include <new>
 
 namespace {
 
@@ -86,16 +89,12 @@ quint32 knownEvents(AvahiWatchEvent events)
  * loop the latter two keep the thread busy on a hang-up without ever reporting it, and on the plain
  * one there can be only one notifier of a kind for a descriptor. The epoll descriptor becomes readable for
  * exactly what is wanted, whatever runs the loop.
- *
- * Events are taken in event(), not from the notifier's signal: nobody touches the notifier after that
- * returns, so it may be destroyed by its callback.
  */
-struct AvahiWatch : public QSocketNotifier
+struct AvahiWatch : public vd::WatchGroup::Member
 {
 public:
     AvahiWatch(int epoll, int descriptor, AvahiWatchCallback callback, void* userdata)
-        : QSocketNotifier(epoll, QSocketNotifier::Read)
-        , m_epoll(epoll)
+        : m_epoll(epoll)
         , m_descriptor(descriptor)
         , m_wanted(0)
         , m_happened(0)
@@ -105,7 +104,7 @@ public:
 
     ~AvahiWatch() override
     {
-        setEnabled(false);
+        m_notifier.reset();
         ::close(m_epoll);
     }
 
@@ -120,16 +119,39 @@ public:
     AvahiWatchEvent happened() const { return static_cast<AvahiWatchEvent>(m_happened); }
 
 protected:
-    bool event(QEvent* qtEvent) override
+    bool isCallingBack() const override { return m_state.isCalling(); }
+    void pause() override
     {
-        if (qtEvent->type() != QEvent::SockAct)
-            return QSocketNotifier::event(qtEvent);
-        if (!m_state.isCalling())
-            deliver();
-        return true;
+        if (m_notifier)
+            m_notifier->setEnabled(false);
     }
+    void resume() override { enableUnlessCalling(); }
 
 private:
+    /**
+     * Events are taken in event(), not from the notifier's signal: nobody touches the notifier after that
+     * returns, so it may be destroyed by the callback.
+     */
+    struct Notifier : public QSocketNotifier
+    {
+        explicit Notifier(AvahiWatch* watch)
+            : QSocketNotifier(watch->m_epoll, QSocketNotifier::Read), m_watch(watch)
+        {}
+
+    protected:
+        bool event(QEvent* qtEvent) override
+        {
+            if (qtEvent->type() != QEvent::SockAct)
+                return QSocketNotifier::event(qtEvent);
+            if (isEnabled() && !m_watch->isCallingBack())
+                m_watch->deliver();
+            return true;
+        }
+
+    private:
+        AvahiWatch* const m_watch;
+    };
+
     bool requestEvents()
     {
         epoll_event request = epoll_event();
@@ -140,7 +162,15 @@ private:
     }
 
     /** Off during the callback, or a nested event loop would be woken over and over by what it can't deliver. */
-    void enableUnlessCalling() { setEnabled(m_wanted != 0 && !m_state.isCalling()); }
+    void enableUnlessCalling()
+    {
+        // Another thread may be at work on it, whose notifiers would not be of this one's event loop.
+        if (isPaused())
+            return;
+        if (!m_notifier)
+            m_notifier.reset(new Notifier(this));
+        m_notifier->setEnabled(m_wanted != 0 && !m_state.isCalling());
+    }
 
     /** Another callback of the same turn may have read the data, or changed what is wanted. */
     quint32 pendingEvents() const
@@ -156,7 +186,7 @@ private:
         m_happened = pendingEvents();
         if (m_happened == 0)
             return;
-        setEnabled(false);
+        m_notifier->setEnabled(false);
         if (!m_state.call([this] { m_callback(this, m_descriptor, happened(), m_userdata); }))
             return;
         m_happened = 0;
@@ -170,9 +200,10 @@ private:
     const AvahiWatchCallback m_callback;
     void* const m_userdata;
     CallState m_state;
+    QScopedPointer<Notifier> m_notifier;
 };
 
-struct AvahiTimeout : public QObject
+struct AvahiTimeout : public vd::WatchGroup::Member
 {
 public:
     AvahiTimeout(AvahiTimeoutCallback callback, void* userdata)
@@ -188,27 +219,58 @@ public:
     }
 
 protected:
-    void timerEvent(QTimerEvent*) override
+    bool isCallingBack() const override { return m_state.isCalling(); }
+    void pause() override
     {
-        m_timer.stop();
+        if (m_timer)
+            m_timer->stop();
+    }
+    void resume() override { startUnlessCalling(); }
+
+private:
+    class Timer : public QObject
+    {
+    public:
+        explicit Timer(AvahiTimeout* timeout) : m_timeout(timeout) {}
+
+        void start(int milliseconds) { vd::startPreciseTimer(m_timer, milliseconds, this); }
+        void stop() { m_timer.stop(); }
+
+    protected:
+        void timerEvent(QTimerEvent*) override
+        {
+            m_timer.stop();
+            m_timeout->timePassed();
+        }
+
+    private:
+        AvahiTimeout* const m_timeout;
+        QBasicTimer m_timer;
+    };
+
+    /** Off during the callback, or a nested event loop would be woken over and over by what it can't deliver. */
+    void startUnlessCalling()
+    {
+        // Another thread may be at work on it, whose timers would not be of this one's event loop.
+        if (isPaused())
+            return;
+        if (!m_armed || m_state.isCalling()) {
+            pause();
+            return;
+        }
+        if (!m_timer)
+            m_timer.reset(new Timer(this));
+        m_timer->start(vd::timerInterval(m_deadline, vd::MonotonicClock::now()));
+    }
+
+    void timePassed()
+    {
         if (!m_armed)
             return;
         if (vd::MonotonicClock::now() < m_deadline)
             startUnlessCalling();
         else
             deliver();
-    }
-
-private:
-    /** Off during the callback, or a nested event loop would be woken over and over by what it can't deliver. */
-    void startUnlessCalling()
-    {
-        if (!m_armed || m_state.isCalling()) {
-            m_timer.stop();
-            return;
-        }
-        const int interval = vd::timerInterval(m_deadline, vd::MonotonicClock::now());
-        vd::startPreciseTimer(m_timer, interval, this);
     }
 
     void deliver()
@@ -220,10 +282,10 @@ private:
 
     bool m_armed;
     vd::MonotonicClock::time_point m_deadline;
-    QBasicTimer m_timer;
     const AvahiTimeoutCallback m_callback;
     void* const m_userdata;
     CallState m_state;
+    QScopedPointer<Timer> m_timer;
 };
 
 namespace {
@@ -234,10 +296,14 @@ AvahiWatch* newWatch(const AvahiPoll*, int descriptor, AvahiWatchEvent events, A
     const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
     if (epoll < 0)
         return nullptr;
-    AvahiWatch* watch = new AvahiWatch(epoll, descriptor, callback, userdata);
-    if (watch->update(events))
+    // Without memory for it Avahi's libraries do without; in a thread that has the client nobody could catch anything.
+    AvahiWatch* watch = new (std::nothrow) AvahiWatch(epoll, descriptor, callback, userdata);
+    if (watch && watch->update(events))
         return watch;
-    delete watch;
+    if (watch)
+        watch->release();
+    else
+        ::close(epoll);
     return nullptr;
 }
 
@@ -253,13 +319,14 @@ AvahiWatchEvent eventsOfWatch(AvahiWatch* watch)
 
 void freeWatch(AvahiWatch* watch)
 {
-    delete watch;
+    watch->release();
 }
 
 AvahiTimeout* newTimeout(const AvahiPoll*, const timeval* wallTime, AvahiTimeoutCallback callback, void* userdata)
 {
-    AvahiTimeout* timeout = new AvahiTimeout(callback, userdata);
-    timeout->update(wallTime);
+    AvahiTimeout* timeout = new (std::nothrow) AvahiTimeout(callback, userdata);
+    if (timeout)
+        timeout->update(wallTime);
     return timeout;
 }
 
@@ -270,7 +337,7 @@ void updateTimeout(AvahiTimeout* timeout, const timeval* wallTime)
 
 void freeTimeout(AvahiTimeout* timeout)
 {
-    delete timeout;
+    timeout->release();
 }
 
 } // namespace

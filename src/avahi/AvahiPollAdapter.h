@@ -11,7 +11,8 @@
  * Avahi's poll interface on the Qt event loop of the calling thread.
  *
  * Watches and timeouts belong to the thread that makes them, which needs a Qt event dispatcher (an
- * application object, or a QThread). They must be used and freed there. The returned table is static.
+ * application object, or a QThread). They must be used and freed there; those of a paused WatchGroup by the thread that
+ * has the client, and take effect when the group is resumed. The returned table is static.
  *
  * A callback never runs inside a call of this interface, and it may update and free any watch or timeout,
  * its own included; what is freed is gone at once and is not called again. Where avahi-common/watch.h

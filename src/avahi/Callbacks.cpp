@@ -1,11 +1,14 @@
 // SPDX-License-Identifier: MIT
 #include "avahi/HandlerScope.h"
+#include "avahi/WatchGroup.h"
 
 namespace vd {
 
 void AvahiServiceDiscovery::SAvahiClientStateChanged_callback(AvahiClient* client, AvahiClientState state,
                                                               void* userdata)
 {
+    // Avahi is making a client, perhaps, and an override may let others be made, which are none of its group.
+    const WatchGroup::Scope otherClients(nullptr);
     static_cast<AvahiServiceDiscovery*>(userdata)->AvahiClientStateChanged(client, state, userdata);
 }
 

@@ -290,8 +290,8 @@ void LibraryOf<Discovery>::fireInsideNextCall(const Step& step)
         m_insideClientNew = &step;
     else if (function == "entry_group_new")
         m_avahi.duringGroupNew([this, &step](AvahiEntryGroup* group) { fireOnGroup(group, step); });
-    else
-        m_avahi.duringGroupCall(function, [this, &step] { fireOnGroup(m_discovery->entryGroup, step); });
+    else if (function.rfind("entry_group", 0) == 0)
+        m_avahi.duringCall(function, [this, &step] { fireOnGroup(m_discovery->entryGroup, step); });
 }
 
 template <typename Discovery>

@@ -5,6 +5,7 @@
 #include "model/VirtualClock.h"
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QVariant>
 
 #include <algorithm>
 #include <iterator>
@@ -77,6 +78,8 @@ ManagedLibrary::ManagedLibrary(const Surroundings& surroundings, bool reusesAddr
 {
     if (surroundings.hasBus)
         m_bus.emplace();
+    if (surroundings.hasThread)
+        avahi().useEventLoop();
 }
 
 void ManagedLibrary::passTimeAfter(const Step& step)
@@ -95,13 +98,23 @@ void ManagedLibrary::passTime(int milliseconds)
         const int slice = std::min(left, SLICE_MS);
         VirtualClock::advance(slice);
         left -= slice;
-        QCoreApplication::processEvents();
+        processEvents();
         if (m_bus && !m_bus->takeQuestions().empty() && m_bus->openConnections() > 0) {
             m_bus->answer();
-            QCoreApplication::processEvents();
+            processEvents();
         }
     } while (left > 0);
     noteCalls();
+}
+
+/** Until no calls are on their way any more, as nothing is told meanwhile. */
+void ManagedLibrary::processEvents()
+{
+    const QObject* thread = nullptr;
+    do {
+        QCoreApplication::processEvents();
+        thread = isDestroyed() ? nullptr : discovery().findChild<QObject*>(QStringLiteral("callThread"));
+    } while (thread && thread->property("busy").toBool());
 }
 
 /** Every object that Avahi owes the end of its first look is told of it, as real ones are. */

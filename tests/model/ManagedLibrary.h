@@ -18,6 +18,8 @@ struct Surroundings
     /** Whether the daemon can be asked if it is ready. */
     bool hasBus = false;
     int objectLimit = 512;
+    /** Whether calls are made in a thread of their own. */
+    bool hasThread = false;
 };
 
 /** Managed discovery over the stand-in for Avahi, with the time in hand, and the rules that it always keeps. */
@@ -51,6 +53,7 @@ private:
 
     void passTimeAfter(const Step& step);
     void passTime(int milliseconds);
+    void processEvents();
     void endLooks();
     bool disappears(const Step& step);
     std::string handleOf(const Step& step);

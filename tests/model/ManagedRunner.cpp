@@ -45,6 +45,7 @@ Surroundings surroundingsOf(std::uint64_t number)
     Surroundings surroundings;
     surroundings.hasBus = number % 2;
     surroundings.objectLimit = limits[number / 2 % std::size(limits)];
+    surroundings.hasThread = number / 2 / std::size(limits) % 2;
     return surroundings;
 }
 
@@ -53,7 +54,7 @@ std::string flawIn(const Sequence& sequence, const Surroundings& surroundings, S
     testing::TestPartResultArray failures;
     // What the stand-ins find wrong with a call is a flaw like any other.
     const testing::ScopedFakeTestPartResultReporter reporter(
-        testing::ScopedFakeTestPartResultReporter::INTERCEPT_ONLY_CURRENT_THREAD, &failures);
+        testing::ScopedFakeTestPartResultReporter::INTERCEPT_ALL_THREADS, &failures);
     const VirtualClock clock;
     const std::string flaw = flawOfAll(sequence, surroundings, failures, signalled);
     return failures.size() > 0 ? failures.GetTestPartResult(0).message() + ('\n' + flaw) : flaw;
@@ -67,5 +68,6 @@ std::string reportOfFlaw(const Sequence& sequence, const Surroundings& surroundi
     if (flaw.empty())
         return origin + ": the flaw does not appear again.\n";
     return origin + ", " + std::to_string(surroundings.objectLimit) + " objects, "
-           + (surroundings.hasBus ? "with" : "without") + " a bus:\n" + describe(shortest) + flaw + '\n';
+           + (surroundings.hasBus ? "with" : "without") + " a bus, "
+           + (surroundings.hasThread ? "with" : "without") + " a thread for calls:\n" + describe(shortest) + flaw + '\n';
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 #include "avahi/AvahiPollAdapter.h"
 #include "avahi/MonotonicDeadline.h"
+#include "avahi/WatchGroup.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QEventLoop>
@@ -22,6 +23,8 @@
 #include <functional>
 #include <limits>
 #include <memory>
+#include <new>
+#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -1187,6 +1190,260 @@ TEST(MonotonicDeadline, SetsATimerForADayAtMost)
 {
     EXPECT_EQ(86400000, intervalFor(std::chrono::hours(24)));
     EXPECT_EQ(86400000, intervalFor(std::chrono::hours(24 * 365 * 30)));
+}
+
+} // namespace
+
+// Groups.
+
+namespace {
+
+/** What is made for one client, which another thread may use while the group is paused. */
+class WatchGroupTest : public AvahiPollAdapterTest
+{
+protected:
+    /** As a thread that has the client does. */
+    void inOtherThread(const std::function<void()>& action)
+    {
+        std::thread([&] {
+            const vd::WatchGroup::Scope scope(&group);
+            action();
+        }).join();
+    }
+
+    std::unique_ptr<Watch> newWatch(int wanted = IN)
+    {
+        const vd::WatchGroup::Scope scope(&group);
+        return std::make_unique<Watch>(ends.here(), wanted);
+    }
+
+    std::unique_ptr<Timeout> newTimeout(const timeval* time)
+    {
+        const vd::WatchGroup::Scope scope(&group);
+        return std::make_unique<Timeout>(time);
+    }
+
+    std::unique_ptr<Timeout> newTimeout(const timeval& time) { return newTimeout(&time); }
+
+    vd::WatchGroup group;
+    Ends ends = Ends::ofSocket();
+};
+
+TEST_F(WatchGroupTest, IsPausableOnceItHasAMember)
+{
+    EXPECT_FALSE(group.isPausable());
+    const Timeout ofNoGroup(nullptr);
+    EXPECT_FALSE(group.isPausable());
+    std::unique_ptr<Timeout> timeout = newTimeout(nullptr);
+    EXPECT_TRUE(group.isPausable());
+    timeout.reset();
+    EXPECT_FALSE(group.isPausable());
+}
+
+TEST_F(WatchGroupTest, IsNotPausableTwice)
+{
+    const std::unique_ptr<Watch> watch = newWatch();
+    group.pause();
+    EXPECT_TRUE(group.isPaused());
+    EXPECT_FALSE(group.isPausable());
+    group.resume();
+    EXPECT_FALSE(group.isPaused());
+    EXPECT_TRUE(group.isPausable());
+}
+
+TEST_F(WatchGroupTest, IsNotPausableInsideACallback)
+{
+    const std::unique_ptr<Watch> watch = newWatch();
+    const std::unique_ptr<Timeout> timeout = newTimeout(inMilliseconds(0));
+    std::vector<bool> answers;
+    watch->then = [&] {
+        ends.drain();
+        answers.push_back(group.isPausable());
+    };
+    timeout->then = [&] { answers.push_back(group.isPausable()); };
+    ends.send();
+    ASSERT_TRUE(runUntil([&] { return answers.size() == 2; }));
+    EXPECT_EQ(answers, (std::vector<bool>{false, false}));
+    EXPECT_TRUE(group.isPausable());
+}
+
+TEST_F(WatchGroupTest, PausedMembersCallBackWhenResumed)
+{
+    const std::unique_ptr<Watch> watch = newWatch();
+    const std::unique_ptr<Timeout> timeout = newTimeout(inMilliseconds(0));
+    group.pause();
+    ends.send();
+    runFor(20);
+    EXPECT_EQ(watch->events, Events());
+    EXPECT_EQ(timeout->calls, 0);
+    group.resume();
+    EXPECT_TRUE(runUntil([&] { return watch->events == Events{IN} && timeout->calls == 1; }));
+}
+
+TEST_F(WatchGroupTest, PausedLoopIsAsleep)
+{
+    const std::unique_ptr<Watch> watch = newWatch();
+    ends.send();
+    group.pause();
+    EXPECT_LT(busyTimeOfIdleLoop(), IDLE);
+    group.resume();
+}
+
+TEST_F(WatchGroupTest, OthersGoOn)
+{
+    Ends otherEnds = Ends::ofSocket();
+    Watch other(otherEnds.here(), IN);
+    Timeout otherTimeout(inMilliseconds(0));
+    const std::unique_ptr<Watch> watch = newWatch();
+    group.pause();
+    otherEnds.send();
+    EXPECT_TRUE(runUntil([&] { return other.events == Events{IN} && otherTimeout.calls == 1; }));
+    group.resume();
+}
+
+TEST_F(WatchGroupTest, WhatTheOtherThreadChangesHoldsWhenResumed)
+{
+    const std::unique_ptr<Watch> watch = newWatch(0);
+    const std::unique_ptr<Timeout> armed = newTimeout(nullptr);
+    const std::unique_ptr<Timeout> disarmed = newTimeout(inMilliseconds(0));
+    group.pause();
+    inOtherThread([&] {
+        watch->update(IN);
+        armed->update(inMilliseconds(0));
+        disarmed->disable();
+    });
+    ends.send();
+    runFor(20);
+    EXPECT_EQ(watch->events, Events());
+    EXPECT_EQ(armed->calls, 0);
+    group.resume();
+    EXPECT_TRUE(runUntil([&] { return watch->events == Events{IN} && armed->calls == 1; }));
+    runFor(20);
+    EXPECT_EQ(disarmed->calls, 0);
+}
+
+TEST_F(WatchGroupTest, WhatTheOtherThreadMakesCallsBackInThisOne)
+{
+    const std::unique_ptr<Timeout> first = newTimeout(nullptr);
+    std::unique_ptr<Watch> watch;
+    std::unique_ptr<Timeout> timeout;
+    group.pause();
+    inOtherThread([&] {
+        watch = std::make_unique<Watch>(ends.here(), IN);
+        timeout = std::make_unique<Timeout>(inMilliseconds(0));
+    });
+    ends.send();
+    runFor(20);
+    EXPECT_EQ(watch->events, Events());
+    EXPECT_EQ(timeout->calls, 0);
+    std::vector<QThread*> threads;
+    watch->then = [&] {
+        ends.drain();
+        threads.push_back(QThread::currentThread());
+    };
+    timeout->then = [&] { threads.push_back(QThread::currentThread()); };
+    group.resume();
+    ASSERT_TRUE(runUntil([&] { return threads.size() == 2; }));
+    EXPECT_EQ(threads, (std::vector<QThread*>{QThread::currentThread(), QThread::currentThread()}));
+}
+
+TEST_F(WatchGroupTest, WhatTheOtherThreadFreesIsGone)
+{
+    std::unique_ptr<Watch> watch = newWatch();
+    std::unique_ptr<Timeout> timeout = newTimeout(inMilliseconds(0));
+    ends.send();
+    group.pause();
+    inOtherThread([&] {
+        watch.reset();
+        timeout.reset();
+        // Both in its own time, as for every call that waits.
+        newTimeout(inMilliseconds(0)).reset();
+    });
+    const int descriptors = openDescriptors();
+    group.resume();
+    EXPECT_EQ(openDescriptors(), descriptors - 1);
+    EXPECT_EQ(liveObjects, 0);
+    EXPECT_FALSE(group.isPausable());
+    runFewTurns();
+}
+
+TEST_F(WatchGroupTest, MembersOutliveTheirGroup)
+{
+    auto mayEnd = std::make_unique<vd::WatchGroup>();
+    std::unique_ptr<Timeout> first;
+    std::unique_ptr<Timeout> second;
+    {
+        const vd::WatchGroup::Scope scope(mayEnd.get());
+        first = std::make_unique<Timeout>(inMilliseconds(0));
+        second = std::make_unique<Timeout>(inMilliseconds(0));
+    }
+    mayEnd.reset();
+    first.reset();
+    EXPECT_TRUE(runUntil([&] { return second->calls == 1; }));
+}
+
+TEST_F(WatchGroupTest, ScopesNest)
+{
+    vd::WatchGroup inner;
+    const vd::WatchGroup::Scope scope(&group);
+    std::unique_ptr<Timeout> ofInner;
+    {
+        const vd::WatchGroup::Scope innerScope(&inner);
+        ofInner = std::make_unique<Timeout>(nullptr);
+    }
+    EXPECT_TRUE(inner.isPausable());
+    EXPECT_FALSE(group.isPausable());
+    const Timeout ofOuter(nullptr);
+    EXPECT_TRUE(group.isPausable());
+}
+
+class FailingMember : public vd::WatchGroup::Member
+{
+public:
+    explicit FailingMember(bool fails) : m_fails(fails) {}
+    ~FailingMember() override = default;
+
+    int resumed = 0;
+
+protected:
+    bool isCallingBack() const override { return false; }
+    void pause() override {}
+    void resume() override
+    {
+        ++resumed;
+        if (m_fails)
+            throw std::bad_alloc();
+    }
+
+private:
+    const bool m_fails;
+};
+
+TEST_F(WatchGroupTest, MemberThatCannotBeResumedIsToldAndTheOthersGoOn)
+{
+    const vd::WatchGroup::Scope scope(&group);
+    FailingMember first(false);
+    FailingMember failing(true);
+    FailingMember last(false);
+    group.pause();
+    EXPECT_THROW(group.resume(), std::bad_alloc);
+    EXPECT_EQ(first.resumed + failing.resumed + last.resumed, 3);
+    EXPECT_FALSE(group.isPaused());
+}
+
+TEST_F(WatchGroupTest, MembersGoInAnyOrder)
+{
+    for (size_t gone = 0; gone < 3; ++gone) {
+        std::vector<std::unique_ptr<Timeout>> timeouts;
+        for (int i = 0; i < 3; ++i)
+            timeouts.push_back(newTimeout(inMilliseconds(0)));
+        timeouts.at(gone).reset();
+        group.pause();
+        runFor(20);
+        for (const std::unique_ptr<Timeout>& timeout : timeouts)
+            EXPECT_EQ(timeout ? timeout->calls : 0, 0) << gone;
+        group.resume();
+    }
 }
 
 } // namespace

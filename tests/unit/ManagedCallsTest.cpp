@@ -6,7 +6,6 @@
 #include <QtCore/QTimer>
 
 #include <algorithm>
-#include <array>
 
 /** Managed discovery with a bus, over which the daemon answers when the test says so. */
 class ManagedCallsTest : public ManagedTest
@@ -19,8 +18,8 @@ protected:
     using ManagedDiscoveryTest::disappears;
     using ManagedDiscoveryTest::resolved;
 
-    /** Runs what waits for the event loop; calls that wait for a quiet moment go on waiting. */
-    static void turn(int milliseconds = 0)
+    /** Runs what waits for the event loop; calls that wait for an answer go on waiting. */
+    void turn(int milliseconds = 0)
     {
         QElapsedTimer waited;
         waited.start();
@@ -28,7 +27,7 @@ protected:
             QCoreApplication::processEvents();
             QCoreApplication::processEvents();
             QThread::msleep(waited.elapsed() < milliseconds ? 1 : 0);
-        } while (waited.elapsed() < milliseconds);
+        } while (waited.elapsed() < milliseconds || areCallsDue() || areCallsMade());
     }
 
     /** Lets so much time pass without a call that the daemon has to be asked before the next one. */
@@ -126,9 +125,6 @@ protected:
 
     // What the library goes by.
     static constexpr int RECENT_MS = 10;
-    static constexpr int LATE_ANSWER_MS = 110;
-    static constexpr int QUIET_MS = 15;
-    static constexpr int FLOW = 4;
     static constexpr int TIME_TO_ANSWER_MS = 20;
     static constexpr size_t MOST_UNSETTLED = 16;
 
@@ -462,33 +458,6 @@ TEST_F(ManagedCallsTest, QuestionThatCannotBeSentStopsNothing)
 
 // When it waits, and for how long it works.
 
-TEST_F(ManagedCallsTest, NothingIsAskedOrCalledWhileServicesAppearOneAfterTheOther)
-{
-    run();
-    bool wasPunctual = false;
-    int number = 0;
-    for (int attempt = 1; attempt <= ATTEMPTS && !wasPunctual; ++attempt) {
-        answerAllQuestions();
-        wasPunctual = true;
-        std::array<QElapsedTimer, FLOW> sinceLast;
-        for (QElapsedTimer& since : sinceLast)
-            since.start();
-        for (std::size_t i = 0; i < 60 && wasPunctual; ++i) {
-            appears(camName(++number).c_str());
-            sinceLast[i % FLOW].start();
-            turn(2);
-            const Lines questions = bus.takeQuestions();
-            const QElapsedTimer& sinceFirst = sinceLast[(i + 1) % FLOW];
-            wasPunctual = sinceFirst.elapsed() < QUIET_MS;
-            ASSERT_TRUE(questions.empty() || !wasPunctual);
-        }
-        if (wasPunctual) {
-            EXPECT_EQ(awaitQuestion(), 1u);
-        }
-    }
-    EXPECT_TRUE(wasPunctual);
-}
-
 /** Where the refusal of a service is logged, which takes its time and makes Avahi refuse the next one too. */
 class SlowLog : public QIODevice
 {
@@ -540,99 +509,4 @@ TEST_F(ManagedCallsTest, CallsThatTakeTimeGoOnInTheNextTurn)
     EXPECT_EQ(inTurns.size(), 4u);
     EXPECT_EQ(std::unique(inTurns.begin(), inTurns.end()), inTurns.end()) << "two calls were made in one turn";
     EXPECT_EQ(bus.takeQuestions(), Lines());
-}
-
-// A flood of answers to come.
-
-class ManagedFloodTest : public ManagedCallsTest
-{
-protected:
-    /** So many resolvers are open that the daemon had the time to answer. */
-    void awaitAnswers(int count)
-    {
-        run();
-        appear(1, count);
-        while (liveCount("resolver") < count) {
-            ASSERT_EQ(awaitQuestion(), 1u);
-            answer();
-        }
-        // The last ones are settled by one more answer.
-        appears("More");
-        ASSERT_EQ(awaitQuestion(), 1u);
-        answer();
-        letTimePass();
-        disappears("More");
-        ASSERT_EQ(awaitQuestion(), 1u);
-        answer();
-        turn(LATE_ANSWER_MS);
-        forgetAll();
-        bus.takeQuestions();
-    }
-
-    void resolveThree()
-    {
-        for (int number = 1; number <= 3; ++number)
-            resolved(number, camName(number).c_str(), "cam.local", "10.0.0.1", cameraTxt);
-    }
-};
-
-TEST_F(ManagedFloodTest, CallsAreMadeOneAtATime)
-{
-    awaitAnswers(80);
-    resolveThree();
-    for (int call = 0; call < 6; ++call) {
-        ASSERT_EQ(awaitQuestion(), 1u);
-        EXPECT_EQ(takeCalls(), Lines());
-        answer();
-        EXPECT_EQ(takeCalls().size(), 1u);
-    }
-}
-
-TEST_F(ManagedFloodTest, CallsAreMadeOneAtATimeWhileOthersStandInLine)
-{
-    awaitAnswers(80);
-    appear(101, 110);
-    for (int call = 0; call < 10; ++call) {
-        ASSERT_EQ(awaitQuestion(), 1u);
-        answer();
-        EXPECT_EQ(takeCalls().size(), 1u);
-    }
-}
-
-TEST_F(ManagedFloodTest, CallsWaitLongerForSilence)
-{
-    awaitAnswers(80);
-    QElapsedTimer waited;
-    waited.start();
-    resolveThree();
-    ASSERT_EQ(awaitQuestion(), 1u);
-    // Both clocks count whole milliseconds.
-    EXPECT_GE(waited.elapsed(), 98);
-}
-
-TEST_F(ManagedFloodTest, FewAnswersToComeAreNoFlood)
-{
-    awaitAnswers(50);
-    resolveThree();
-    ASSERT_EQ(awaitQuestion(), 1u);
-    answer();
-    EXPECT_EQ(takeCalls().size(), 6u);
-}
-
-TEST_F(ManagedCallsTest, NewsFromTheNetworkMakeTheDaemonBeAskedAgain)
-{
-    run();
-    appears("Cam");
-    awaitQuestion();
-    answer();
-    EXPECT_EQ(takeCalls().size(), 1u);
-    // What the daemon knew it would have told by now.
-    turn(LATE_ANSWER_MS);
-    appears("Other");
-    awaitQuestion();
-    answer();
-    EXPECT_EQ(takeCalls().size(), 1u);
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    EXPECT_EQ(awaitQuestion(), 1u);
-    EXPECT_EQ(takeCalls(), Lines());
 }

@@ -696,7 +696,7 @@ TEST_F(ManagedTest, ObjectMayBeDeletedWhenADeviceIsLostAsItsServiceIsRefused)
     found();
     avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
     discovery().StartQueryRecords("Cam", HTTP, false);
-    runInSlotOf([] { QCoreApplication::processEvents(); }, [this] { destroyDiscovery(); });
+    runInSlotOf([this] { turn(); }, [this] { destroyDiscovery(); });
     EXPECT_EQ(avahi.liveHandles(), Lines());
 }
 
@@ -712,6 +712,18 @@ TEST_F(ManagedTest, LossOnOneOfTwoInterfacesResolvesAgain)
     EXPECT_EQ(answerResolvers(), Lines{"Cam"});
 }
 
+TEST_F(ManagedTest, DeviceStaysQueuedByTheServiceThatMayStillBeIt)
+{
+    foundAndSeenSecure();
+    // The heir, then an unanswered service beside it, which is all that is left when the heir has no key.
+    disappears("Cam");
+    appears("Cam");
+    turn();
+    resolved(3, "Cam", "cam.local", "10.0.0.1", Txt{"a=b"}, HTTPS);
+    EXPECT_EQ(table().size(), 1u);
+    EXPECT_EQ(queue(), Lines{"Cam, _http._tcp"});
+}
+
 TEST_F(ManagedTest, WebServiceThatGetsItsKeyLaterIsFound)
 {
     run();
@@ -724,6 +736,26 @@ TEST_F(ManagedTest, WebServiceThatGetsItsKeyLaterIsFound)
     EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 1);
     resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
     EXPECT_EQ(takeSignals().size(), 1u);
+}
+
+TEST_F(ManagedTest, WebServiceWithoutAKeyIsLookedAtSoonAgainAfterARestart)
+{
+    run();
+    appears("Cam");
+    turn();
+    for (int look = 1; look <= 2; ++look) {
+        resolved(look, "Cam", "cam.local", "10.0.0.1", Txt{"path=/"});
+        // The next one after this would follow in 10 s, and then in 20 s.
+        turn(look == 1 ? 5400 : 0);
+    }
+    failClient();
+    turn();
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    resolved(3, "Cam", "cam.local", "10.0.0.1", Txt{"path=/"});
+    takeCalls();
+    turn(5400);
+    EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 1);
 }
 
 TEST_F(ManagedTest, WebServiceOfAnotherDoesNotHideTheLossOfADevice)

@@ -72,9 +72,9 @@ TEST_F(ManagedLimitsTest, DaemonThatAllowsLessLeavesRoomForOthers)
     appears("Cam10");
     discovery().StartQueryRecords("Cam10", HTTP, true);
     turn();
+    EXPECT_EQ(discovery().openObjects(), 20);
     avahi.failNext("record_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
     resolved(10, "Cam10", "cam.local", "10.0.0.1", cameraTxt);
-    EXPECT_EQ(discovery().openObjects(), 20);
     takeCalls();
     appears("New");
     for (int s = 0; s < 8; ++s)

@@ -243,12 +243,12 @@ TEST_F(ManagedPublicationTest, PublicationThatTheDaemonGivesUpAtOnceIsMadeAnew)
 {
     run();
     turn();
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_FAILURE); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_FAILURE); });
     EXPECT_TRUE(registerService());
     EXPECT_TRUE(waits());
     EXPECT_EQ(waitsMs(), 250);
     takeCalls();
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_FAILURE, 2); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_FAILURE, 2); });
     nextAttempt();
     EXPECT_EQ(takeCalls(), withdrawing(1) + publishing(1, 2));
     EXPECT_TRUE(waits());
@@ -413,7 +413,7 @@ TEST_F(ManagedPublicationTest, RegistrationThatCouldNotBeTakenBackIsStillThereTo
 {
     run();
     avahi.failNext("entry_group_commit", AVAHI_ERR_DBUS_ERROR);
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.failNext("entry_group_reset", AVAHI_ERR_DBUS_ERROR); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.failNext("entry_group_reset", AVAHI_ERR_DBUS_ERROR); });
     EXPECT_FALSE(registerService());
     EXPECT_TRUE(discovery().IsRegistered());
     EXPECT_TRUE(discovery().TerminateRegistration());
@@ -543,7 +543,7 @@ TEST_F(ManagedPublicationTest, ServiceIsForgottenWithTheBrowsing)
 TEST_F(ManagedPublicationTest, RegisteringAndWithdrawingInsideARegistrationAreRefused)
 {
     run();
-    avahi.duringGroupCall("entry_group_commit", [this] {
+    avahi.duringCall("entry_group_commit", [this] {
         EXPECT_FALSE(discovery().TerminateRegistration());
         EXPECT_FALSE(registerService("Nested"));
     });
@@ -562,7 +562,7 @@ TEST_F(ManagedPublicationTest, NothingIsPublishedByATurnInsideAPublication)
 {
     runRegistered();
     failClient();
-    avahi.duringGroupCall("entry_group_commit", [this] { nextAttempt(); });
+    avahi.duringCall("entry_group_commit", [this] { nextAttempt(); });
     turn();
     EXPECT_EQ(groupCalls(), publishing(2, 2));
     EXPECT_FALSE(waits());
@@ -594,7 +594,7 @@ protected:
         if (std::string(GetParam()) == "entry_group_new")
             avahi.duringGroupNew([report](AvahiEntryGroup*) { report(); });
         else
-            avahi.duringGroupCall(GetParam(), report);
+            avahi.duringCall(GetParam(), report);
     }
 
     static bool isWithdrawing()

@@ -253,7 +253,7 @@ TEST_F(RegistrationGuardsTest, StatesThatArriveInsideAvahisCallsAreLogged)
 {
     startBrowsing();
     avahi.duringGroupNew([this](AvahiEntryGroup*) { avahi.fireGroupState(AVAHI_ENTRY_GROUP_UNCOMMITED); });
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_REGISTERING); });
     EXPECT_TRUE(registerService());
     EXPECT_EQ(takeLog(),
               (Lines{registering("Setup"), PREFIX + "AvahiEntryGroupChanged() -> entry group uncommitted",
@@ -277,7 +277,7 @@ TEST_F(RegistrationGuardsTest, TerminatingInsideTheCommitIsRefused)
 {
     startBrowsing();
     bool terminated = true;
-    avahi.duringGroupCall("entry_group_commit", [&] { terminated = discovery().TerminateRegistration(); });
+    avahi.duringCall("entry_group_commit", [&] { terminated = discovery().TerminateRegistration(); });
     EXPECT_TRUE(registerService());
     EXPECT_FALSE(terminated);
     EXPECT_EQ(takeLog().back(),
@@ -392,7 +392,7 @@ protected:
         }
         ASSERT_TRUE(registerService());
         forgetAll();
-        avahi.duringGroupCall(std::string("entry_group_") + GetParam(), noted);
+        avahi.duringCall(std::string("entry_group_") + GetParam(), noted);
     }
 
     void TearDown() override { EXPECT_TRUE(m_ran); }

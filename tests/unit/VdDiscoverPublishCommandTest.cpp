@@ -140,7 +140,7 @@ TEST_F(VdDiscoverPublishCommand, TellsThatTheServiceIsEstablishedOnceOnly)
 
 TEST_F(VdDiscoverPublishCommand, IsEstablishedThoughAvahiSaysSoBeforeTheCallIsOver)
 {
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED); });
     start();
     EXPECT_EQ(events(), Lines{"established"});
     EXPECT_EQ(end(), 0);
@@ -249,7 +249,7 @@ TEST_F(VdDiscoverPublishCommand, ANameThatIsTakenOnThisHostIsToldWithTheRemedy)
 
 TEST_F(VdDiscoverPublishCommand, ACollisionToldInsideTheCallIsToldOnce)
 {
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_COLLISION); });
     avahi.failNext("entry_group_commit", AVAHI_ERR_BAD_STATE);
     start();
     processEvents();
@@ -310,7 +310,7 @@ TEST_F(VdDiscoverPublishCommand, ADaemonThatDiesBeforeTheServiceIsEstablishedIsS
 TEST_F(VdDiscoverPublishCommand, ARegistrationThatTheDaemonDiesInIsNoRefusal)
 {
     avahi.failNext("entry_group_commit", AVAHI_ERR_DISCONNECTED);
-    avahi.duringGroupCall("entry_group_commit", [this] { daemon.becomes(AVAHI_CLIENT_FAILURE); });
+    avahi.duringCall("entry_group_commit", [this] { daemon.becomes(AVAHI_CLIENT_FAILURE); });
     start();
     processEvents();
     processEvents();
@@ -419,7 +419,7 @@ TEST_F(VdDiscoverPublishCommand, ASlowReaderOfTheOutputIsNotTakenForADaemonThatH
         char block[4096];
         EXPECT_GT(read(ends[0], block, sizeof block), 0);
     });
-    avahi.duringGroupCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED); });
+    avahi.duringCall("entry_group_commit", [this] { avahi.fireGroupState(AVAHI_ENTRY_GROUP_ESTABLISHED); });
     start();
     reader.join();
     EXPECT_EQ(said(), Lines{});
@@ -497,7 +497,7 @@ class VdDiscoverPublishHang : public VdDiscoverPublishBase
 protected:
     [[noreturn]] void blockInTheFirstRegistration()
     {
-        avahi.duringGroupCall("entry_group_commit", block);
+        avahi.duringCall("entry_group_commit", block);
         start();
         _exit(99);
     }
@@ -505,7 +505,7 @@ protected:
     [[noreturn]] void blockInAWithdrawal()
     {
         startPublished();
-        avahi.duringGroupCall("entry_group_reset", block);
+        avahi.duringCall("entry_group_reset", block);
         command->end();
         processEvents();
         _exit(99);

@@ -49,7 +49,7 @@ void ManagedServiceDiscovery::Private::follow(const ServiceKey& key, const QStri
     TrackedService& service = tracked[key];
     // One that is open says only once which addresses there are.
     const bool isFollowed = service.addressBrowser && (service.missing.isEmpty() || !service.isLookComplete);
-    if ((isFollowed || service.isToBeFollowed) && service.host == host)
+    if ((isFollowed || service.isToBeFollowed || service.isFollowPlanned) && service.host == host)
         return;
     closeAddressBrowser(service);
     service.host = host;

@@ -41,7 +41,6 @@ void ManagedServiceDiscovery::ServiceBrowse(AvahiServiceBrowser* browser, int in
         }
         break;
     case AVAHI_BROWSER_CACHE_EXHAUSTED:
-        d->cacheOfTypeRead(browser);
         break;
     case AVAHI_BROWSER_ALL_FOR_NOW:
         logMessage(LOG_ORDINARY, "ManagedServiceDiscovery::ServiceBrowse() -> all for now");
@@ -70,14 +69,8 @@ void ManagedServiceDiscovery::Private::serviceChanged(const ServiceKey& key, con
         disappeared(key, sighting);
 }
 
-void ManagedServiceDiscovery::Private::cacheOfTypeRead(AvahiServiceBrowser* browser)
-{
-    timing.cacheRead(static_cast<int>(q->serviceBrowsers.indexOf(browser)), clock.elapsed());
-}
-
 void ManagedServiceDiscovery::Private::appeared(const ServiceKey& key, const Sighting& sighting)
 {
-    newsFromNetwork();
     TrackedService& service = tracked[key];
     service.wasSeen = true;
     // Over the other protocol of the same interface there is nothing else to learn, unless the first does not answer.
@@ -152,10 +145,22 @@ void ManagedServiceDiscovery::Private::handOver(const ServiceKey& lost, const Tr
 // What could still have been the device has turned out not to be.
 void ManagedServiceDiscovery::Private::dropIfAllIgnored(const QString& name)
 {
+    if (!q->services.contains(name))
+        return;
     ServiceKey other;
-    const bool mayBeDevice = hasOtherService(name, &other) || hasAskedDevice(name, &other);
-    if (q->services.contains(name) && !mayBeDevice)
+    if (!hasOtherService(name, &other) && !hasAskedDevice(name, &other))
         loseDevice(name);
+    else if (!isQueued(name))
+        putInQueue(other);
+}
+
+bool ManagedServiceDiscovery::Private::isQueued(const QString& name) const
+{
+    for (int i = 0; i < q->recordQueue.size(); ++i) {
+        if (q->recordQueue.at(i).first == name)
+            return true;
+    }
+    return false;
 }
 
 void ManagedServiceDiscovery::Private::loseDevice(const QString& name)

@@ -11,10 +11,9 @@ namespace vd {
 
 namespace {
 
-// How long one turn of the event loop may be spent on calls.
+// How long calls may be made before what they led to is looked at.
 const int TURN_MS = 4;
-// So many resolvers that wait for the network are a flood to come.
-const int FLOOD = 64;
+const int MOST_CALLS = 32;
 // What the daemon can answer from its cache it answers soon, and many at a time slow it down. So no more than
 // these are made before it had the time to answer. Those that wait for the network cost it little, and hold up
 // nobody.
@@ -78,48 +77,27 @@ bool ManagedServiceDiscovery::Private::hasCallsToMake() const
            || !line.isEmpty();
 }
 
-// A call waits for the daemon. So that it does not wait for long, the daemon is asked first whether it is ready.
+// A call waits for the daemon, so one that hangs is not called: it is asked first, without waiting for it.
 void ManagedServiceDiscovery::Private::makeCalls()
 {
     if (!hasBegun || hasFailed || !q->client)
         return;
     balanceKept();
-    const qint64 now = clock.elapsed();
-    if (!hasCallsToMake()) {
-        if (!parked.isEmpty() && now < limitedUntil)
-            scheduleCalls(static_cast<int>(limitedUntil - now));
+    if (callThread.isBusy() || ping.isAsked())
         return;
-    }
-    if (ping.isAsked())
-        return;
-    const bool isFlooded = isFloodAwaited();
-    const int services = static_cast<int>(tracked.size());
-    const int waitMs
-        = isFlooded ? timing.floodPauseMs(now, services, line.isEmpty()) : timing.pauseMs(now, services);
-    const bool isReady = !isFlooded && now - lastAnswerAt < RECENT_MS;
-    if (waitMs > 0)
-        scheduleCalls(waitMs);
+    const bool isReady = lastAnswerAt >= 0 && clock.elapsed() - lastAnswerAt < RECENT_MS;
+    if (!hasCallsToMake())
+        awaitRoom();
     else if (isReady || !askDaemon())
         makeSomeCalls();
 }
 
-// So many answers may come at any time that the daemon is at work on them for long. Then calls are made one at a
-// time, each after a question.
-bool ManagedServiceDiscovery::Private::isFloodAwaited() const
-{
-    int settled = 0;
-    for (QMap<qint64, ServiceKey>::const_iterator next = unanswered.constBegin();
-         next != unanswered.constEnd() && next.key() <= settledResolver && settled < FLOOD; ++next)
-        ++settled;
-    return settled >= FLOOD;
-}
-
-// The daemon is reading it, and perhaps more, just now.
-void ManagedServiceDiscovery::Private::newsFromNetwork()
+// The daemon may allow more then.
+void ManagedServiceDiscovery::Private::awaitRoom()
 {
     const qint64 now = clock.elapsed();
-    timing.newsCame(now);
-    lastAnswerAt = now - RECENT_MS;
+    if (!parked.isEmpty() && now < limitedUntil)
+        scheduleCalls(static_cast<int>(limitedUntil - now));
 }
 
 bool ManagedServiceDiscovery::Private::askDaemon()
@@ -131,48 +109,130 @@ bool ManagedServiceDiscovery::Private::askDaemon()
 
 void ManagedServiceDiscovery::Private::daemonAnswered()
 {
-    settledResolver = lastResolver;
+    if (!callThread.isBusy())
+        settledResolver = lastResolver;
     lastAnswerAt = clock.elapsed();
     const ManagedSession current(this);
-    if (isGraceOver)
+    if (isGraceOver && !callThread.isBusy())
         finishGrace();
     if (!current.ended())
         makeSomeCalls();
 }
 
+// A daemon that is not ready any more, as it reads what a whole network answers, holds up the thread only. What it
+// tells meanwhile is read when the client is back.
 void ManagedServiceDiscovery::Private::makeSomeCalls()
 {
-    if (!hasBegun || !q->client)
+    if (!hasBegun || hasFailed || !q->client || callThread.isBusy())
         return;
-    const bool isFlooded = isFloodAwaited();
-    QElapsedTimer turn;
-    turn.start();
+    // An exception may have left some.
+    if (!calls.isEmpty() && !noteCalls())
+        return;
+    planCalls();
+    if (calls.isEmpty()) {
+        awaitRoom();
+        return;
+    }
+    if (isClientIdle()) {
+        watchGroup.pause();
+        if (callThread.begin([this] { makeCallsInThread(); }))
+            return;
+        watchGroup.resume();
+    }
+    calls.make(TURN_MS);
+    noteCalls();
+}
+
+// Nothing of Avahi is on the stack, so another thread may have the client. Not so with another poll adapter than the
+// library's own, whose watches cannot be paused.
+bool ManagedServiceDiscovery::Private::isClientIdle() const
+{
+    return watchGroup.isPausable() && !isConnecting && !isPublishing;
+}
+
+void ManagedServiceDiscovery::Private::makeCallsInThread()
+{
+    const WatchGroup::Scope scope(&watchGroup);
+    calls.make(TURN_MS);
+}
+
+void ManagedServiceDiscovery::Private::callsReturned()
+{
+    if (callThread.isBusy() && callThread.hasReturned())
+        finishCalls();
+}
+
+// Whoever else uses the client waits for the calls that are made in the thread.
+bool ManagedServiceDiscovery::Private::finishCalls()
+{
+    // A slot that ran an event loop may have let the next ones begin.
+    while (leaveCalls()) {
+        if (!noteCalls())
+            return false;
+    }
+    return true;
+}
+
+bool ManagedServiceDiscovery::Private::leaveCalls()
+{
+    if (!callThread.isBusy())
+        return false;
+    callThread.wait();
+    scheduleCalls(0);
+    watchGroup.resume();
+    return true;
+}
+
+bool ManagedServiceDiscovery::Private::noteCalls()
+{
+    lastAnswerAt = clock.elapsed();
+    const QList<ClientCall> all = calls.takeAll();
+    // In reverse, as each goes to the front of those that wait.
+    for (int i = static_cast<int>(all.size()) - 1; i >= 0 && !all.at(i).isMade; --i)
+        putBack(all.at(i));
     const ManagedSession current(this);
-    while (!hasFailed && makeNextCall()) {
-        if (current.ended())
-            return;
-        lastAnswerAt = clock.elapsed();
-        if (isFlooded || turn.elapsed() >= TURN_MS) {
-            scheduleCalls(0);
-            return;
+    for (int i = 0; i < all.size() && all.at(i).isMade && !current.ended(); ++i) {
+        if (all.at(i).what == ClientCall::MakeResolver)
+            resolverMade(all.at(i));
+        else if (all.at(i).what == ClientCall::MakeAddressBrowser)
+            addressBrowserMade(all.at(i));
+    }
+    if (!current.ended() && isGraceOver)
+        finishGraceIfDaemonAnswers();
+    if (current.ended())
+        return false;
+    if (hasCallsToMake() || !parked.isEmpty())
+        scheduleCalls(0);
+    return true;
+}
+
+void ManagedServiceDiscovery::Private::planCalls()
+{
+    bool isAnyLeft = true;
+    while (isAnyLeft && calls.size() < MOST_CALLS) {
+        ClientCall call;
+        call.client = q->client;
+        call.discovery = q;
+        if (!closedResolvers.isEmpty()) {
+            call.what = ClientCall::FreeResolver;
+            call.resolver = closedResolvers.first();
+            calls.append(call);
+            closedResolvers.removeFirst();
+        } else if (!closedAddressBrowsers.isEmpty()) {
+            call.what = ClientCall::FreeAddressBrowser;
+            call.addressBrowser = closedAddressBrowsers.first();
+            calls.append(call);
+            closedAddressBrowsers.removeFirst();
+        } else if (!toFollow.isEmpty()) {
+            planAddressBrowser(toFollow.takeFirst(), call);
+        } else {
+            // To make room for it others may have to be freed first.
+            isAnyLeft = planResolver(call) || !closedResolvers.isEmpty();
         }
     }
 }
 
-bool ManagedServiceDiscovery::Private::makeNextCall()
-{
-    if (!closedResolvers.isEmpty())
-        avahi_service_resolver_free(closedResolvers.takeFirst());
-    else if (!closedAddressBrowsers.isEmpty())
-        avahi_record_browser_free(closedAddressBrowsers.takeFirst());
-    else if (!toFollow.isEmpty())
-        makeAddressBrowser(toFollow.takeFirst());
-    else
-        return resolveNext();
-    return true;
-}
-
-bool ManagedServiceDiscovery::Private::resolveNext()
+bool ManagedServiceDiscovery::Private::planResolver(ClientCall& call)
 {
     if (line.isEmpty())
         return false;
@@ -182,7 +242,8 @@ bool ManagedServiceDiscovery::Private::resolveNext()
         return false;
     }
     if (!isSettled(now)) {
-        if (!askDaemon())
+        // Asked before the calls are made, it would answer for them too early.
+        if (calls.isEmpty() && !ping.isAsked() && !askDaemon())
             scheduleCalls(TIME_TO_ANSWER_MS);
         return false;
     }
@@ -196,13 +257,26 @@ bool ManagedServiceDiscovery::Private::resolveNext()
         return true;
     }
     keepIfThereIsRoom(key, service);
-    const bool isFollowed = service.addressBrowser || service.isToBeFollowed;
+    const bool isFollowed = service.addressBrowser || service.isToBeFollowed || service.isFollowPlanned;
     if (!hasRoomFor(service.isKept && !isFollowed ? 2 : 1)) {
         scheduleCalls(LOOK_FOR_ROOM_MS);
-        return !closedResolvers.isEmpty();
+        return false;
     }
     leaveLine(service);
-    makeResolver(key, service);
+    service.resolverLink = service.linkToAsk();
+    service.resolvingSince = now;
+    lastResolverMadeAt = now;
+    service.resolverNumber = ++lastResolver;
+    unanswered.insert(lastResolver, key);
+    call.what = ClientCall::MakeResolver;
+    call.key = key;
+    call.link = service.resolverLink;
+    call.nameBytes = bytesFromText(key.name);
+    call.typeBytes = bytesFromText(key.type);
+    call.domainBytes = bytesFromText(key.domain);
+    call.resolverCallback = SServiceResolve_callback;
+    call.resolverNumber = lastResolver;
+    calls.append(call);
     return true;
 }
 
@@ -217,76 +291,127 @@ bool ManagedServiceDiscovery::Private::isSettled(qint64 now)
     return unsettled < MOST_UNSETTLED;
 }
 
-void ManagedServiceDiscovery::Private::makeResolver(const ServiceKey& key, TrackedService& service)
+void ManagedServiceDiscovery::Private::resolverMade(const ClientCall& call)
 {
-    const QByteArray name = bytesFromText(key.name), type = bytesFromText(key.type),
-                     domain = bytesFromText(key.domain);
-    service.resolverLink = service.linkToAsk();
-    service.resolver
-        = avahi_service_resolver_new(q->client, service.resolverLink.first, service.resolverLink.second,
-                                     name.constData(), type.constData(), domain.constData(), AVAHI_PROTO_INET,
-                                     AVAHI_LOOKUP_USE_MULTICAST, SServiceResolve_callback, q);
-    if (!service.resolver) {
-        resolverRefused(key);
-        return;
+    const TrackedServices::iterator service = tracked.find(call.key);
+    const bool isWanted = service != tracked.end() && service->resolverNumber == call.resolverNumber;
+    if (!call.resolver) {
+        unanswered.remove(call.resolverNumber);
+        resolverRefused(call.key, call.error);
+    } else if (!isWanted) {
+        // It was given up meanwhile.
+        unanswered.remove(call.resolverNumber);
+        closedResolvers.append(call.resolver);
+    } else {
+        lastResolverMadeAt = clock.elapsed();
+        service->resolver = call.resolver;
+        service->resolvingSince = lastResolverMadeAt;
+        resolvers.insert(call.resolver, call.key);
     }
-    lastResolverMadeAt = clock.elapsed();
-    service.resolvingSince = lastResolverMadeAt;
-    service.resolverNumber = ++lastResolver;
-    unanswered.insert(lastResolver, key);
-    resolvers.insert(service.resolver, key);
 }
 
-void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key)
+void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key, int error)
 {
-    const int error = avahi_client_errno(q->client);
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
         out << "ManagedServiceDiscovery::ResolveService() -> failed create AvahiServiceResolver "
             << printableText(key.name) << " error: " << avahi_strerror(error);
     });
+    const bool isWanted = tracked.contains(key);
     if (isOfService(error)) {
-        drop(key);
+        if (isWanted)
+            drop(key);
         return;
     }
-    enqueueFirst(key);
+    if (isWanted)
+        enqueueFirst(key);
     if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
         coolDown();
     else
         lostConnection();
 }
 
-void ManagedServiceDiscovery::Private::makeAddressBrowser(const ServiceKey& key)
+void ManagedServiceDiscovery::Private::planAddressBrowser(const ServiceKey& key, ClientCall& call)
 {
     const TrackedServices::iterator service = tracked.find(key);
     if (service == tracked.end() || !service->isToBeFollowed)
         return;
     service->isToBeFollowed = false;
-    // A device may name a host anywhere; the daemon is not to ask the machine's name server for it.
-    service->addressBrowser
-        = avahi_record_browser_new(q->client, AVAHI_IF_UNSPEC, AVAHI_PROTO_UNSPEC,
-                                   bytesFromText(service->host).constData(), AVAHI_DNS_CLASS_IN, AVAHI_DNS_TYPE_A,
-                                   AVAHI_LOOKUP_USE_MULTICAST, SAvahiRecordBrowser_callback, q);
-    if (service->addressBrowser) {
-        addressBrowsers.insert(service->addressBrowser, key);
-        return;
+    service->isFollowPlanned = true;
+    call.what = ClientCall::MakeAddressBrowser;
+    call.key = key;
+    call.host = service->host;
+    call.hostBytes = bytesFromText(service->host);
+    call.addressCallback = SAvahiRecordBrowser_callback;
+    calls.append(call);
+}
+
+// It may have been given up meanwhile.
+bool ManagedServiceDiscovery::Private::takePlanToFollow(const ClientCall& call)
+{
+    const TrackedServices::iterator service = tracked.find(call.key);
+    if (service == tracked.end() || !service->isFollowPlanned)
+        return false;
+    service->isFollowPlanned = false;
+    return service->host == call.host;
+}
+
+void ManagedServiceDiscovery::Private::addressBrowserMade(const ClientCall& call)
+{
+    const bool isWanted = takePlanToFollow(call);
+    if (!call.addressBrowser) {
+        addressBrowserRefused(call.key, call.error);
+    } else if (!isWanted) {
+        closedAddressBrowsers.append(call.addressBrowser);
+    } else {
+        tracked[call.key].addressBrowser = call.addressBrowser;
+        addressBrowsers.insert(call.addressBrowser, call.key);
     }
+}
+
+void ManagedServiceDiscovery::Private::addressBrowserRefused(const ServiceKey& key, int error)
+{
     logMessage(LOG_ORDINARY, [&](QTextStream& out) {
         out << "ManagedServiceDiscovery::ServiceResolve() -> failed to create record browser "
-            << printableText(key.name) << " error: " << errorText(q->client);
+            << printableText(key.name) << " error: " << avahi_strerror(error);
     });
-    const int error = avahi_client_errno(q->client);
     // The daemon may have made it all the same, and only the end of the connection frees it then.
     if (isOfConnection(error))
         lostConnection();
-    else
+    else if (tracked.contains(key))
         retryFailed(key, error);
+    else if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
+        coolDown();
+}
+
+// It was planned, and others took too long or failed.
+void ManagedServiceDiscovery::Private::putBack(const ClientCall& call)
+{
+    switch (call.what) {
+    case ClientCall::FreeResolver:
+        closedResolvers.prepend(call.resolver);
+        break;
+    case ClientCall::FreeAddressBrowser:
+        closedAddressBrowsers.prepend(call.addressBrowser);
+        break;
+    case ClientCall::MakeAddressBrowser:
+        if (takePlanToFollow(call)) {
+            tracked[call.key].isToBeFollowed = true;
+            toFollow.prepend(call.key);
+        }
+        break;
+    case ClientCall::MakeResolver:
+        unanswered.remove(call.resolverNumber);
+        if (tracked.contains(call.key))
+            enqueueFirst(call.key);
+        break;
+    }
 }
 
 bool ManagedServiceDiscovery::Private::hasRoomFor(int objects)
 {
-    const int closed = static_cast<int>(closedResolvers.size() + closedAddressBrowsers.size());
+    const int openWhenAllAreMade = openForServices() + openReservedObjects() + calls.makes();
     const int toCome = awaitedAddressBrowsers() + reservedObjects() - openReservedObjects();
-    const int excess = openObjects() - closed + objects + toCome - objectsAllowed();
+    const int excess = openWhenAllAreMade + objects + toCome - objectsAllowed();
     if (excess > 0)
         makeRoom(excess);
     return excess <= 0;
@@ -299,10 +424,12 @@ void ManagedServiceDiscovery::Private::makeRoom(int excess)
     const qint64 now = clock.elapsed();
     for (QMap<qint64, ServiceKey>::const_iterator next = unanswered.constBegin();
          next != unanswered.constEnd() && leaving.size() < excess; ++next) {
-        const TrackedService& service = tracked[next.value()];
-        if (now - service.resolvingSince < PATIENCE_MS)
+        const TrackedServices::const_iterator service = tracked.constFind(next.value());
+        if (service == tracked.constEnd())
+            continue;
+        if (now - service->resolvingSince < PATIENCE_MS)
             break;
-        if (!service.isKept && now - service.resolvingSince >= patienceMs(service.timesGivenWay))
+        if (!service->isKept && now - service->resolvingSince >= patienceMs(service->timesGivenWay))
             leaving.append(next.value());
     }
     for (int i = 0; i < leaving.size(); ++i)
@@ -344,7 +471,9 @@ int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
     int awaited = static_cast<int>(toFollow.size());
     for (int i = 0; i < kept.size(); ++i) {
         const TrackedServices::const_iterator service = tracked.constFind(kept.at(i));
-        awaited += service->resolver && !service->addressBrowser && !service->isToBeFollowed ? 1 : 0;
+        const bool isResolved = service->resolver || unanswered.contains(service->resolverNumber);
+        const bool isFollowed = service->addressBrowser || service->isToBeFollowed || service->isFollowPlanned;
+        awaited += isResolved && !isFollowed ? 1 : 0;
     }
     return awaited;
 }
@@ -373,6 +502,7 @@ void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& servi
 {
     // The line of those to be followed skips it.
     service.isToBeFollowed = false;
+    service.isFollowPlanned = false;
     if (!service.addressBrowser)
         return;
     addressBrowsers.remove(service.addressBrowser);
@@ -381,11 +511,15 @@ void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& servi
     scheduleCalls(0);
 }
 
+int ManagedServiceDiscovery::Private::openForServices() const
+{
+    return static_cast<int>(resolvers.size() + addressBrowsers.size());
+}
+
 int ManagedServiceDiscovery::Private::openObjects() const
 {
-    return static_cast<int>(resolvers.size() + addressBrowsers.size() + closedResolvers.size()
-                            + closedAddressBrowsers.size())
-           + openReservedObjects();
+    return openForServices() + static_cast<int>(closedResolvers.size() + closedAddressBrowsers.size())
+           + openReservedObjects() + calls.mostOpen();
 }
 
 // They go with their client.
@@ -394,7 +528,7 @@ void ManagedServiceDiscovery::Private::forgetCalls()
     callTimer.stop();
     retryTimer.stop();
     ping.close();
-    timing.reset();
+    calls.takeAll();
     resolvers.clear();
     addressBrowsers.clear();
     closedResolvers.clear();
@@ -405,6 +539,7 @@ void ManagedServiceDiscovery::Private::forgetCalls()
     retries.clear();
     parked.clear();
     kept.clear();
+    lastAnswerAt = -1;
     pausedUntil = 0;
     limitedUntil = 0;
     for (TrackedServices::iterator service = tracked.begin(); service != tracked.end(); ++service)

@@ -133,23 +133,26 @@ bool ManagedServiceDiscovery::Private::browseWantedTypes()
     bool isBrowsed = true;
     // The browsers are made in the order of the types.
     while (isBrowsed && q->serviceBrowsers.size() < types.size())
-        isBrowsed = browse(types.at(q->serviceBrowsers.size()));
+        isBrowsed = browseNextType();
     return isBrowsed && !connecting.objectIsGone();
 }
 
-bool ManagedServiceDiscovery::Private::browse(const QByteArray& type)
+bool ManagedServiceDiscovery::Private::browseNextType()
 {
+    if (!finishCalls() || hasFailed)
+        return false;
+    // A slot may change the list meanwhile.
+    const QByteArray type = types.at(q->serviceBrowsers.size());
     // The base forgets every service when it cannot make the client.
     const QMap<QString, SServiceInfo> knownServices = q->services;
     const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
     const ManagedSession current(this);
+    const WatchGroup::Scope scope(&watchGroup);
     const bool isBrowsed = q->AvahiServiceDiscovery::BrowseServices(type.constData());
     if (current.ended())
         return false;
-    if (isBrowsed) {
-        timing.browserMade(clock.elapsed());
+    if (isBrowsed)
         return true;
-    }
     q->services = knownServices;
     q->recordQueue = knownQueue;
     return false;
@@ -187,6 +190,7 @@ void ManagedServiceDiscovery::Private::dropClient()
 void ManagedServiceDiscovery::Private::endSession()
 {
     ++session;
+    leaveCalls();
     hasFailed = false;
     hasBegun = false;
     pauseMs = 0;

@@ -35,11 +35,18 @@ void ManagedServiceDiscovery::Private::passGrace()
     if (graceLeftMs > 0) {
         nextGraceStep(qMin(graceLeftMs, STEP_MS));
     } else {
-        // A daemon that hangs has not told yet what it sees.
         isGraceOver = true;
-        if (!ping.isAsked() && !askDaemon())
-            finishGrace();
+        // While calls are made, what the daemon told is not read.
+        if (!callThread.isBusy())
+            finishGraceIfDaemonAnswers();
     }
+}
+
+// One that hangs has not told yet what it sees.
+void ManagedServiceDiscovery::Private::finishGraceIfDaemonAnswers()
+{
+    if (!ping.isAsked() && !askDaemon())
+        finishGrace();
 }
 
 void ManagedServiceDiscovery::Private::finishGrace()

@@ -112,7 +112,7 @@ void ManagedServiceDiscovery::Private::retryIn(int milliseconds, const ServiceKe
 {
     TrackedService& service = tracked[key];
     const qint64 at = clock.elapsed() + milliseconds;
-    if (service.isWaiting || (service.retryAt && service.retryAt <= at))
+    if (service.isWaiting || (service.retryAt >= 0 && service.retryAt <= at))
         return;
     forgetRetry(key, service);
     service.retryAt = at;
@@ -123,9 +123,9 @@ void ManagedServiceDiscovery::Private::retryIn(int milliseconds, const ServiceKe
 
 void ManagedServiceDiscovery::Private::forgetRetry(const ServiceKey& key, TrackedService& service)
 {
-    if (service.retryAt)
+    if (service.retryAt >= 0)
         retries.remove(service.retryAt, key);
-    service.retryAt = 0;
+    service.retryAt = -1;
 }
 
 void ManagedServiceDiscovery::Private::retryWaiting()

@@ -53,9 +53,13 @@ bool ManagedServiceDiscovery::Private::needsRenewal() const
 bool ManagedServiceDiscovery::Private::registerService(const char* name, const char* type,
                                                        const SReconfigInfo& info)
 {
+    // A slot may change what is given before it is used.
     const QByteArray givenName(name), givenType(type);
     const SReconfigInfo givenInfo = info;
-    const bool isAccepted = publishes || isPublishing ? replace(name, type, info) : accept(name, type, info);
+    const char* const nameToUse = name ? givenName.constData() : nullptr;
+    const char* const typeToUse = type ? givenType.constData() : nullptr;
+    const bool isAccepted = publishes || isPublishing ? replace(nameToUse, typeToUse, givenInfo)
+                                                      : accept(nameToUse, typeToUse, givenInfo);
     // The object may be gone.
     if (!isAccepted)
         return false;
@@ -80,7 +84,7 @@ bool ManagedServiceDiscovery::Private::accept(const char* name, const char* type
 bool ManagedServiceDiscovery::Private::replace(const char* name, const char* type, const SReconfigInfo& info)
 {
     if (isPublished || isPublishing)
-        return q->AvahiServiceDiscovery::RegisterService(name, type, info);
+        return finishCalls() && q->AvahiServiceDiscovery::RegisterService(name, type, info);
     logMessage(LOG_ORDINARY, [this](QTextStream& out) {
         out << "ManagedServiceDiscovery::RegisterService() -> a service is registered already: "
             << printableText(publishedName.constData());
@@ -119,9 +123,15 @@ bool ManagedServiceDiscovery::Private::isRegistered() const
     return publishes || (q->hasEntryGroup() && !hasFailed);
 }
 
+bool ManagedServiceDiscovery::Private::isToBePublished() const
+{
+    return publishes && !isPublishing && !hasFailed && (!isPublished || isOutdated);
+}
+
 void ManagedServiceDiscovery::Private::publish()
 {
-    if (!publishes || isPublishing || hasFailed || (isPublished && !isOutdated))
+    // A slot may end the publication, or the connection be lost, before the client is free.
+    if (!isToBePublished() || !finishCalls() || !isToBePublished())
         return;
     const ManagedSession current(this);
     bool isDone = !isPublished || withdraw();
@@ -133,6 +143,8 @@ void ManagedServiceDiscovery::Private::publish()
 
 bool ManagedServiceDiscovery::Private::add(const char* name, const char* type, const SReconfigInfo& info)
 {
+    if (!finishCalls())
+        return false;
     const ManagedSession current(this);
     isOutdated = false;
     isPublishing = true;
@@ -149,6 +161,8 @@ bool ManagedServiceDiscovery::Private::add(const char* name, const char* type, c
 
 bool ManagedServiceDiscovery::Private::withdraw()
 {
+    if (q->hasEntryGroup() && !finishCalls())
+        return false;
     const bool wasPublishing = isPublishing;
     const ManagedSession current(this);
     isPublishing = true;

@@ -25,7 +25,6 @@ QByteArray answerOf(const SServiceInfo& info, AvahiStringList* txt)
     return strings;
 }
 
-const int LATE_ANSWER_MS = 100;
 // Devices may publish their text in steps. How long one without a key is left alone, which grows to an hour.
 const int FIRST_IGNORED_MS = 5000;
 const int LONGEST_IGNORED_MS = 3600 * 1000;
@@ -176,9 +175,6 @@ void ManagedServiceDiscovery::Private::resolved(const ServiceKey& key, const SSe
 void ManagedServiceDiscovery::Private::noteAnswer(const ServiceKey& key, TrackedService& service,
                                                   const QByteArray& answer)
 {
-    // What the daemon knew already it would have told before, however much else it had to do.
-    if (clock.elapsed() - service.resolvingSince >= LATE_ANSWER_MS)
-        newsFromNetwork();
     service.answer = answer;
     service.timesUnanswered = 0;
     service.timesGivenWay = 0;

@@ -37,6 +37,7 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , connectTimer(discovery)
     , publishTimer(discovery)
     , callTimer(discovery)
+    , callThread(discovery)
     , session(0)
     , clientState(AVAHI_CLIENT_CONNECTING)
     , isConnecting(false)
@@ -52,7 +53,7 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , lastResolver(0)
     , settledResolver(0)
     , lastResolverMadeAt(0)
-    , lastAnswerAt(0)
+    , lastAnswerAt(-1)
     , pausedUntil(0)
     , daemonLimit(std::numeric_limits<int>::max())
     , limitedUntil(0)
@@ -64,6 +65,7 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     graceTimer.setSingleShot(true);
     callTimer.setObjectName(QLatin1String("callTimer"));
     callTimer.setSingleShot(true);
+    callThread.setObjectName(QLatin1String("callThread"));
     retryTimer.setSingleShot(true);
     clock.start();
 }
@@ -77,6 +79,7 @@ ManagedServiceDiscovery::ManagedServiceDiscovery() : d(new Private(this))
     connect(&d->graceTimer, SIGNAL(timeout()), this, SLOT(passGrace()));
     connect(&d->callTimer, SIGNAL(timeout()), this, SLOT(makeCalls()));
     connect(&d->ping, SIGNAL(answered()), this, SLOT(daemonAnswered()));
+    connect(&d->callThread, SIGNAL(returned()), this, SLOT(callsReturned()), Qt::QueuedConnection);
     connect(&d->retryTimer, SIGNAL(timeout()), this, SLOT(retryWaiting()));
     // In place of the base's, which reaches the first and the last of the queue only.
     queryTimer.disconnect(this);
@@ -86,6 +89,7 @@ ManagedServiceDiscovery::ManagedServiceDiscovery() : d(new Private(this))
 ManagedServiceDiscovery::~ManagedServiceDiscovery()
 {
     ++d->session;
+    d->leaveCalls();
 }
 
 ManagedServiceDiscovery::State ManagedServiceDiscovery::state() const
@@ -181,6 +185,20 @@ bool ManagedServiceDiscovery::TerminateRegistration()
     return d->terminateRegistration();
 }
 
+bool ManagedServiceDiscovery::UpdateTxtRecord(const char* txt)
+{
+    // A slot may change what is given before it is used.
+    const QByteArray given(txt);
+    if (hasEntryGroup() && !d->finishCalls())
+        return false;
+    return AvahiServiceDiscovery::UpdateTxtRecord(txt ? given.constData() : nullptr);
+}
+
+bool ManagedServiceDiscovery::AddTxtRecord(const char* txt)
+{
+    return UpdateTxtRecord(txt);
+}
+
 bool ManagedServiceDiscovery::IsRegistered()
 {
     return d->isRegistered();
@@ -204,6 +222,11 @@ void ManagedServiceDiscovery::makeCalls()
 void ManagedServiceDiscovery::daemonAnswered()
 {
     d->daemonAnswered();
+}
+
+void ManagedServiceDiscovery::callsReturned()
+{
+    d->callsReturned();
 }
 
 void ManagedServiceDiscovery::retryWaiting()

@@ -2,9 +2,11 @@
 #ifndef VD_AVAHI_MANAGED_MANAGEDSERVICEDISCOVERYPRIVATE_H
 #define VD_AVAHI_MANAGED_MANAGEDSERVICEDISCOVERYPRIVATE_H
 
+#include "avahi/WatchGroup.h"
 #include "avahi/managed/Backoff.h"
 #include "avahi/managed/BusSocketWatch.h"
-#include "avahi/managed/CallTiming.h"
+#include "avahi/managed/CallThread.h"
+#include "avahi/managed/ClientCalls.h"
 #include "avahi/managed/DaemonPing.h"
 #include "avahi/managed/TrackedService.h"
 
@@ -46,7 +48,6 @@ public:
     void groupChanged(AvahiEntryGroupState changedTo);
 
     // What browsers see: ManagedBrowsing.cpp
-    void cacheOfTypeRead(AvahiServiceBrowser* browser);
     void serviceChanged(const ServiceKey& key, const Sighting& sighting, bool isThere);
     void lose(const ServiceKey& key);
     void drop(const ServiceKey& key);
@@ -57,10 +58,15 @@ public:
     void enqueue(const ServiceKey& key);
     void retryWaiting();
 
-    // What is made and freed, a few at a time, when the daemon is ready for it: ManagedCalls.cpp
+    // What is made and freed, a few at a time, in a thread of its own: ManagedCalls.cpp
     void scheduleCalls(int milliseconds);
     void makeCalls();
     void daemonAnswered();
+    void callsReturned();
+    /** @return false if a slot has ended what the caller works on. */
+    bool finishCalls();
+    /** Waits for them. What they made goes with its client. */
+    bool leaveCalls();
     int openObjects() const;
 
     // What resolvers tell: ManagedResolution.cpp
@@ -116,8 +122,8 @@ public:
     QTimer graceTimer;
     QTimer callTimer;
     QTimer retryTimer;
-    CallTiming timing;
     DaemonPing ping;
+    CallThread callThread;
     BusSocketWatch busSocketWatch;
 
     /** Changes whenever what a running handler works on is gone. */
@@ -129,7 +135,7 @@ private:
     class ConnectingScope;
 
     bool browseWantedTypes();
-    bool browse(const QByteArray& type);
+    bool browseNextType();
     void retryLater(int longestMs);
     bool leaveClient();
     void attemptFailed();
@@ -139,6 +145,7 @@ private:
     void askAgain();
 
     void nextGraceStep(int milliseconds);
+    void finishGraceIfDaemonAnswers();
     void finishGrace();
     QList<ServiceKey> unseenServices() const;
     void endGrace();
@@ -146,6 +153,7 @@ private:
     bool isDaemonReady() const;
     bool isPublishable(const char* name, const char* type, const SReconfigInfo& info);
     bool needsRenewal() const;
+    bool isToBePublished() const;
     bool accept(const char* name, const char* type, const SReconfigInfo& info);
     bool replace(const char* name, const char* type, const SReconfigInfo& info);
     bool add(const char* name, const char* type, const SReconfigInfo& info);
@@ -162,6 +170,7 @@ private:
     bool hasOtherService(const QString& name, ServiceKey* other) const;
     bool hasAskedDevice(const QString& name, ServiceKey* device) const;
     void handOver(const ServiceKey& lost, const TrackedService& left, const ServiceKey& heir);
+    bool isQueued(const QString& name) const;
     void putInQueue(const ServiceKey& key);
 
     void enqueueFirst(const ServiceKey& key);
@@ -185,19 +194,26 @@ private:
     bool isAnyLongLived(const QString& name) const;
 
     bool hasCallsToMake() const;
-    void newsFromNetwork();
     bool askDaemon();
-    bool isFloodAwaited() const;
+    void awaitRoom();
     void makeSomeCalls();
-    bool makeNextCall();
-    bool resolveNext();
+    bool isClientIdle() const;
+    void makeCallsInThread();
+    bool noteCalls();
+    void planCalls();
+    bool planResolver(ClientCall& call);
     bool isSettled(qint64 now);
-    void makeResolver(const ServiceKey& key, TrackedService& service);
-    void resolverRefused(const ServiceKey& key);
-    void makeAddressBrowser(const ServiceKey& key);
+    void resolverMade(const ClientCall& call);
+    void resolverRefused(const ServiceKey& key, int error);
+    void planAddressBrowser(const ServiceKey& key, ClientCall& call);
+    bool takePlanToFollow(const ClientCall& call);
+    void addressBrowserMade(const ClientCall& call);
+    void addressBrowserRefused(const ServiceKey& key, int error);
+    void putBack(const ClientCall& call);
     bool hasRoomFor(int objects);
     void makeRoom(int excess);
     void giveWay(const ServiceKey& key);
+    int openForServices() const;
     int objectsAllowed() const;
     int awaitedAddressBrowsers() const;
     void coolDown();
@@ -243,6 +259,7 @@ private:
     /** The daemon has had the time for all resolvers up to this one. */
     qint64 settledResolver;
     qint64 lastResolverMadeAt;
+    /** When the daemon last answered anything; -1 if it never did. */
     qint64 lastAnswerAt;
     QList<AvahiServiceResolver*> closedResolvers;
     QList<AvahiRecordBrowser*> closedAddressBrowsers;
@@ -251,6 +268,11 @@ private:
     /** What the daemon turned out to allow. */
     int daemonLimit;
     qint64 limitedUntil;
+
+    /** Of the client. */
+    WatchGroup watchGroup;
+    /** Those that are planned or on their way. */
+    ClientCalls calls;
 };
 
 /** Whether what a handler works on is still there after a signal, whose slots may have done anything. */

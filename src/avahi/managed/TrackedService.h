@@ -64,12 +64,13 @@ struct TrackedService
         , timesIgnored(0)
         , addressBrowser(nullptr)
         , isToBeFollowed(false)
+        , isFollowPlanned(false)
         , isLookComplete(false)
         , wasSeen(false)
         , lostIpv4(false)
         , isWaiting(false)
         , place(0)
-        , retryAt(0)
+        , retryAt(-1)
         , isLongLived(false)
         , isKept(false)
     {}
@@ -83,11 +84,13 @@ struct TrackedService
         linkTurn = 0;
         timesUnanswered = 0;
         timesGivenWay = 0;
+        timesIgnored = 0;
         addressBrowser = nullptr;
         isToBeFollowed = false;
+        isFollowPlanned = false;
         addressLinks.clear();
         isWaiting = false;
-        retryAt = 0;
+        retryAt = -1;
         isKept = false;
     }
 
@@ -120,12 +123,14 @@ struct TrackedService
     int timesUnanswered;
     /** How often its resolver was freed for others without having been answered. */
     int timesGivenWay;
-    /** How often it was resolved without a maker's key; 0 once it had one. */
+    /** How often it was resolved without a maker's key since the last restart; 0 once it had one. */
     int timesIgnored;
 
     AvahiRecordBrowser* addressBrowser;
     /** The address browser is yet to be made. */
     bool isToBeFollowed;
+    /** It is being made, or about to be. */
+    bool isFollowPlanned;
     /** The address browser has seen all there is for now. */
     bool isLookComplete;
     /** What the address browser looks up. */
@@ -144,7 +149,7 @@ struct TrackedService
     /** Stands in line to be resolved. */
     bool isWaiting;
     qint64 place;
-    /** When it is to stand in line again, by the clock of calls; 0 never. */
+    /** When it is to stand in line again, by the clock of calls; -1 never. */
     qint64 retryAt;
     /** A query is to be kept open. */
     bool isLongLived;

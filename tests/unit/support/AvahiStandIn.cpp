@@ -3,6 +3,8 @@
 
 #include <avahi-common/error.h>
 
+#include <QtCore/QCoreApplication>
+
 #include <gtest/gtest.h>
 
 #include <cstdarg>
@@ -105,7 +107,7 @@ void AvahiStandIn::forgetFailures()
 {
     m_failures.clear();
     m_duringGroupNew = nullptr;
-    m_duringGroupCall.clear();
+    m_duringCall.clear();
 }
 
 bool AvahiStandIn::isToFail(const std::string& function)
@@ -128,7 +130,8 @@ AvahiStandIn::Handle* AvahiStandIn::create(Kind kind, Handle* client, void* user
         m_handles.push_back(std::make_unique<Handle>());
         handle = m_handles.back().get();
     }
-    *handle = Handle{kind,    ++m_lastNumber[kind], true, client, userData, nullptr, nullptr, nullptr, nullptr, nullptr};
+    *handle = Handle{kind,    ++m_lastNumber[kind], true,    client,  userData, nullptr,
+                     nullptr, nullptr,              nullptr, nullptr, nullptr,  nullptr};
     m_userData.push_back(userData);
     return handle;
 }
@@ -155,6 +158,9 @@ AvahiStandIn::Handle* AvahiStandIn::checked(const void* pointer, Kind kind, cons
 void AvahiStandIn::release(Handle* handle)
 {
     handle->live = false;
+    if (handle->timeout)
+        handle->poll->timeout_free(handle->timeout);
+    handle->timeout = nullptr;
     m_freedLast[handle->kind] = handle;
 }
 
@@ -170,6 +176,36 @@ std::string AvahiStandIn::nameOf(const Handle* handle)
 {
     static const char* const names[] = {"client", "browser", "resolver", "recordBrowser", "group"};
     return names[handle->kind] + std::to_string(handle->number);
+}
+
+void AvahiStandIn::waitOn(const AvahiPoll* poll, Handle* client)
+{
+    if (!m_usesEventLoop || !poll)
+        return;
+    client->poll = poll;
+    client->timeout = poll->timeout_new(
+        poll, nullptr,
+        [](AvahiTimeout*, void* standIn) {
+            std::function<void()> action;
+            action.swap(static_cast<AvahiStandIn*>(standIn)->m_inCallback);
+            if (action)
+                action();
+        },
+        this);
+}
+
+void AvahiStandIn::inCallback(const std::function<void()>& action)
+{
+    const Handle* const waiting = byNumber(Client, 1);
+    bool isOver = false;
+    m_inCallback = [&] {
+        action();
+        isOver = true;
+    };
+    const timeval past = {1, 0};
+    waiting->poll->timeout_update(waiting->timeout, &past);
+    while (!isOver)
+        QCoreApplication::processEvents();
 }
 
 void AvahiStandIn::runDuringClientNew(AvahiClient* client)
@@ -207,12 +243,17 @@ int AvahiStandIn::callOnGroup(AvahiEntryGroup* group, const std::string& functio
         return AVAHI_ERR_BAD_STATE;
     record(function + '(' + nameOf(handle) + arguments + ')');
     const int error = isToFail(function) ? m_error : AVAHI_OK;
-    std::function<void()> action;
-    action.swap(m_duringGroupCall[function]);
-    if (action)
-        action();
+    runDuringCall(function);
     EXPECT_TRUE(handle->live) << function << " returns to a group that was freed meanwhile";
     return error;
+}
+
+void AvahiStandIn::runDuringCall(const std::string& function)
+{
+    std::function<void()> action;
+    action.swap(m_duringCall[function]);
+    if (action)
+        action();
 }
 
 AvahiStandIn::Handle* AvahiStandIn::byNumber(Kind kind, int number) const
@@ -317,6 +358,7 @@ AvahiStandIn::Handle* makeOn(AvahiClient* client, AvahiStandIn::Kind kind, const
     if (!owner)
         return nullptr;
     const std::string call = function + '(' + AvahiStandIn::nameOf(owner) + arguments + ')';
+    avahi().runDuringCall(function);
     if (avahi().isToFail(function)) {
         avahi().record(call + " = null");
         return nullptr;
@@ -335,6 +377,7 @@ int freeHandle(const void* pointer, AvahiStandIn::Kind kind, const std::string& 
     if (!handle)
         return AVAHI_ERR_BAD_STATE;
     avahi().record(callText(function, AvahiStandIn::nameOf(handle)));
+    avahi().runDuringCall(function);
     if (before)
         (avahi().*before)();
     avahi().release(handle);
@@ -366,6 +409,7 @@ AvahiClient* avahi_client_new(const AvahiPoll* poll, AvahiClientFlags flags, Ava
     }
     AvahiStandIn::Handle* handle = standIn.create(AvahiStandIn::Client, nullptr, userData);
     handle->clientCallback = callback;
+    standIn.waitOn(poll, handle);
     standIn.record(call + " = " + AvahiStandIn::nameOf(handle));
     standIn.runDuringClientNew(opaque<AvahiClient>(handle));
     return opaque<AvahiClient>(handle);

@@ -34,7 +34,7 @@ public:
     /** Makes the next call of @p function ("service_resolver_new") fail with @p error. */
     void failNext(const std::string& function, int error);
 
-    /** Nothing fails in calls to come, and nothing runs inside those on groups. */
+    /** Nothing fails in calls to come, and nothing runs inside them. */
     void forgetFailures();
 
     /** What avahi_client_errno() answers from now on. */
@@ -49,11 +49,19 @@ public:
 
     /** Runs inside the next avahi_entry_group_new(), once its callback could be called. */
     void duringGroupNew(std::function<void(AvahiEntryGroup*)> action) { m_duringGroupNew = std::move(action); }
-    /** Runs inside the next call of @p function ("entry_group_commit"), before it returns. */
-    void duringGroupCall(const std::string& function, std::function<void()> action)
+    /** Runs inside the next call of @p function of a group, resolver or record browser, before it returns. */
+    void duringCall(const std::string& function, std::function<void()> action)
     {
-        m_duringGroupCall[function] = std::move(action);
+        m_duringCall[function] = std::move(action);
     }
+
+    /**
+     * Clients have the event loop wait for something from now on, as libavahi-client's do, so that whoever calls can
+     * tell whether Avahi is at work.
+     */
+    void useEventLoop() { m_usesEventLoop = true; }
+    /** Runs @p action in the event loop, as what the first client waits for. */
+    void inCallback(const std::function<void()>& action);
 
     /** A new handle gets the address of the one of its kind that was freed last, as a real allocator may do. */
     void reuseAddresses() { m_reuseAddresses = true; }
@@ -96,6 +104,8 @@ public:
         AvahiServiceResolverCallback resolverCallback;
         AvahiRecordBrowserCallback recordCallback;
         AvahiEntryGroupCallback groupCallback;
+        const AvahiPoll* poll;
+        AvahiTimeout* timeout;
     };
 
     void record(const std::string& call) { m_calls.push_back(call); }
@@ -108,10 +118,12 @@ public:
     void releaseChildren(Handle* client);
     static std::string nameOf(const Handle* handle);
     int error() const { return m_error; }
+    void waitOn(const AvahiPoll* poll, Handle* client);
     void runDuringClientNew(AvahiClient* client);
     void runDuringBrowserFree();
     void runDuringClientFree();
     void runDuringGroupNew(AvahiEntryGroup* group);
+    void runDuringCall(const std::string& function);
     /** Records a call on the group and runs what is to run inside it; what Avahi is to answer. */
     int callOnGroup(AvahiEntryGroup* group, const std::string& function, const std::string& arguments = "");
 
@@ -129,7 +141,9 @@ private:
     std::function<void()> m_duringBrowserFree;
     std::function<void()> m_duringClientFree;
     std::function<void(AvahiEntryGroup*)> m_duringGroupNew;
-    std::map<std::string, std::function<void()>> m_duringGroupCall;
+    std::map<std::string, std::function<void()>> m_duringCall;
+    std::function<void()> m_inCallback;
     int m_error = 0;
     bool m_reuseAddresses = false;
+    bool m_usesEventLoop = false;
 };

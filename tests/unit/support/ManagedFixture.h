@@ -7,6 +7,7 @@
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
+#include <QtCore/QVariant>
 
 #include <algorithm>
 
@@ -22,14 +23,23 @@ inline std::string camera(const std::string& name, const std::string& host, cons
            + host + "' recordHostName='" + host + "' " + rest;
 }
 
+/** The managed ones of these tests run a second time with this in their environment. */
+const char CALLS_IN_THREAD[] = "VD_TEST_CALLS_IN_THREAD";
+
 class ManagedTest : public ManagedDiscoveryTest
 {
 protected:
+    ManagedTest()
+    {
+        if (qEnvironmentVariableIsSet(CALLS_IN_THREAD))
+            avahi.useEventLoop();
+    }
+
     const Txt cameraTxt = {SERIAL};
     const std::string known
         = "serialNumber=66051 txtChecksum=" + std::to_string(crcOf(SERIAL));
 
-    /** Runs what waits for the event loop, and the calls that wait for a quiet moment. */
+    /** Runs what waits for the event loop, and the calls that follow from it. */
     void turn(int milliseconds = 0)
     {
         QElapsedTimer waited;
@@ -39,7 +49,20 @@ protected:
             QCoreApplication::processEvents();
             if (milliseconds || areCallsDue())
                 QThread::msleep(1);
-        } while (waited.elapsed() < milliseconds || areCallsDue());
+        } while (waited.elapsed() < milliseconds || areCallsDue() || areCallsMade());
+    }
+
+    bool areCallsDue()
+    {
+        const QTimer* const timer = hasDiscovery() ? discovery().findChild<QTimer*>("callTimer") : nullptr;
+        return timer && timer->isActive() && timer->interval() == 0;
+    }
+
+    /** Just now, in a thread of their own. */
+    bool areCallsMade()
+    {
+        const QObject* const thread = hasDiscovery() ? discovery().findChild<QObject*>("callThread") : nullptr;
+        return thread && thread->property("busy").toBool();
     }
 
     // What these events lead to is called when the event loop runs again.
@@ -228,12 +251,5 @@ protected:
     }
 
 private:
-    bool areCallsDue()
-    {
-        const int quietMs = 15;
-        const QTimer* const timer = hasDiscovery() ? discovery().findChild<QTimer*>("callTimer") : nullptr;
-        return timer && timer->isActive() && timer->interval() <= quietMs;
-    }
-
     int m_clients = 0;
 };
