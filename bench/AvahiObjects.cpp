@@ -9,6 +9,7 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <mutex>
 #include <unordered_map>
 
 namespace {
@@ -22,6 +23,13 @@ std::unordered_map<const void*, std::string>& openObjects()
 
 int mostOpen = 0;
 
+/** Calls are made in several threads. */
+std::mutex& mutex()
+{
+    static std::mutex one;
+    return one;
+}
+
 template <typename Function>
 Function* original(const char* name)
 {
@@ -34,9 +42,10 @@ Function* original(const char* name)
 template <typename Object>
 Object* made(Object* object, const std::string& description)
 {
+    const std::lock_guard<std::mutex> locker(mutex());
     if (object) {
         openObjects()[object] = description;
-        mostOpen = std::max(mostOpen, AvahiObjects::open());
+        mostOpen = std::max(mostOpen, static_cast<int>(openObjects().size()));
     }
     return object;
 }
@@ -44,7 +53,10 @@ Object* made(Object* object, const std::string& description)
 template <typename Object>
 int freed(const char* name, Object* object)
 {
-    openObjects().erase(object);
+    {
+        const std::lock_guard<std::mutex> locker(mutex());
+        openObjects().erase(object);
+    }
     return original<int(Object*)>(name)(object);
 }
 
@@ -52,16 +64,19 @@ int freed(const char* name, Object* object)
 
 int AvahiObjects::open()
 {
+    const std::lock_guard<std::mutex> locker(mutex());
     return static_cast<int>(openObjects().size());
 }
 
 int AvahiObjects::most()
 {
+    const std::lock_guard<std::mutex> locker(mutex());
     return mostOpen;
 }
 
 std::vector<std::string> AvahiObjects::descriptions()
 {
+    const std::lock_guard<std::mutex> locker(mutex());
     std::vector<std::string> all;
     for (const auto& object : openObjects())
         all.push_back(object.second);
@@ -130,6 +145,7 @@ int avahi_entry_group_free(AvahiEntryGroup* group)
 void avahi_client_free(AvahiClient* client)
 {
     original<void(AvahiClient*)>("avahi_client_free")(client);
+    const std::lock_guard<std::mutex> locker(mutex());
     openObjects().clear();
 }
 

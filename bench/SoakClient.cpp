@@ -70,6 +70,7 @@ public:
             {QStringLiteral("queue"), int(recordQueue.size())},
             {QStringLiteral("objects"), AvahiObjects::open()},
             {QStringLiteral("objectsTold"), openObjects()},
+            {QStringLiteral("callsAreMade"), findChild<QObject*>(QStringLiteral("callThread"))->property("busy").toBool()},
             {QStringLiteral("descriptors"), openDescriptors()},
             {QStringLiteral("timers"), QtObjects::activeTimers()},
             {QStringLiteral("qtObjects"), QtObjects::count()},
