@@ -9,15 +9,22 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 #include <mutex>
 #include <unordered_map>
 
 namespace {
 
-/** By the objects, what they are for. */
-std::unordered_map<const void*, std::string>& openObjects()
+struct Made
 {
-    static std::unordered_map<const void*, std::string> all;
+    const AvahiClient* client;
+    std::string description;
+};
+
+/** By the objects. */
+std::unordered_map<const void*, Made>& openObjects()
+{
+    static std::unordered_map<const void*, Made> all;
     return all;
 }
 
@@ -40,11 +47,11 @@ Function* original(const char* name)
 }
 
 template <typename Object>
-Object* made(Object* object, const std::string& description)
+Object* made(const AvahiClient* client, Object* object, const std::string& description)
 {
     const std::lock_guard<std::mutex> locker(mutex());
     if (object) {
-        openObjects()[object] = description;
+        openObjects()[object] = Made{client, description};
         mostOpen = std::max(mostOpen, static_cast<int>(openObjects().size()));
     }
     return object;
@@ -79,7 +86,7 @@ std::vector<std::string> AvahiObjects::descriptions()
     const std::lock_guard<std::mutex> locker(mutex());
     std::vector<std::string> all;
     for (const auto& object : openObjects())
-        all.push_back(object.second);
+        all.push_back(object.second.description);
     return all;
 }
 
@@ -90,7 +97,7 @@ AvahiServiceBrowser* avahi_service_browser_new(AvahiClient* client, AvahiIfIndex
                                                AvahiServiceBrowserCallback callback, void* userdata)
 {
     static const auto make = original<decltype(avahi_service_browser_new)>("avahi_service_browser_new");
-    return made(make(client, interface, protocol, type, domain, flags, callback, userdata),
+    return made(client, make(client, interface, protocol, type, domain, flags, callback, userdata),
                 std::string("browser of ") + type);
 }
 
@@ -101,7 +108,7 @@ AvahiServiceResolver* avahi_service_resolver_new(AvahiClient* client, AvahiIfInd
                                                  void* userdata)
 {
     static const auto make = original<decltype(avahi_service_resolver_new)>("avahi_service_resolver_new");
-    return made(make(client, interface, protocol, name, type, domain, addressProtocol, flags, callback, userdata),
+    return made(client, make(client, interface, protocol, name, type, domain, addressProtocol, flags, callback, userdata),
                 std::string("resolver of ") + name);
 }
 
@@ -111,14 +118,14 @@ AvahiRecordBrowser* avahi_record_browser_new(AvahiClient* client, AvahiIfIndex i
                                              void* userdata)
 {
     static const auto make = original<decltype(avahi_record_browser_new)>("avahi_record_browser_new");
-    return made(make(client, interface, protocol, name, clazz, type, flags, callback, userdata),
+    return made(client, make(client, interface, protocol, name, clazz, type, flags, callback, userdata),
                 std::string("address browser of ") + name);
 }
 
 AvahiEntryGroup* avahi_entry_group_new(AvahiClient* client, AvahiEntryGroupCallback callback, void* userdata)
 {
     static const auto make = original<decltype(avahi_entry_group_new)>("avahi_entry_group_new");
-    return made(make(client, callback, userdata), "entry group");
+    return made(client, make(client, callback, userdata), "entry group");
 }
 
 int avahi_service_browser_free(AvahiServiceBrowser* browser)
@@ -146,7 +153,8 @@ void avahi_client_free(AvahiClient* client)
 {
     original<void(AvahiClient*)>("avahi_client_free")(client);
     const std::lock_guard<std::mutex> locker(mutex());
-    openObjects().clear();
+    for (auto object = openObjects().begin(); object != openObjects().end();)
+        object = object->second.client == client ? openObjects().erase(object) : std::next(object);
 }
 
 } // extern "C"

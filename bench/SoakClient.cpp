@@ -8,6 +8,7 @@
 #include "AvahiObjects.h"
 #include "QtObjects.h"
 
+#include "CallThreads.h"
 #include "CommandReader.h"
 #include "JsonLines.h"
 #include "ProbeDiscovery.h"
@@ -70,7 +71,7 @@ public:
             {QStringLiteral("queue"), int(recordQueue.size())},
             {QStringLiteral("objects"), AvahiObjects::open()},
             {QStringLiteral("objectsTold"), openObjects()},
-            {QStringLiteral("callsAreMade"), findChild<QObject*>(QStringLiteral("callThread"))->property("busy").toBool()},
+            {QStringLiteral("callsAreMade"), areCallsMadeFor(*this)},
             {QStringLiteral("descriptors"), openDescriptors()},
             {QStringLiteral("timers"), QtObjects::activeTimers()},
             {QStringLiteral("qtObjects"), QtObjects::count()},

@@ -56,15 +56,19 @@ namespace vd {
  *
  * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so those that devices need are made in a thread
  * that the object starts for them, a few at a time, and the event loop goes on; handlers and slots are called in the
- * object's thread as ever. The daemon is asked first, without waiting, whether it is ready, on a second connection to the
- * bus. One that hangs then delays devices and holds up nothing, except what calls it at once: BrowseServices(),
- * RegisterService(), UpdateTxtRecord(), TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and
- * publishing anew. These also wait for calls that are on their way. To keep them from blocking a window too, make the
- * object in the run() of a QThread and connect its signals to the window by queued connections. With the distribution's
- * poll adapter (VD_USE_SYSTEM_AVAHI_QT), and while a slot runs an event loop, all calls are made in the object's thread.
+ * object's thread as ever. While many services stand in line, a second Avahi client, with a thread of its own, takes part
+ * in the look-up of addresses, so that the daemon need not wait for the next call. The daemon is asked first, without
+ * waiting, whether it is ready, on one more connection to the bus. One that hangs then delays devices and holds up
+ * nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(), TerminateRegistration(),
+ * TerminateBrowsing(), the destructor, connecting and publishing anew. These also wait for calls that are on their way, on
+ * the client that they use. To keep them from blocking a window too, make the object in the run() of a QThread and connect
+ * its signals to the window by queued connections. With the distribution's poll adapter (VD_USE_SYSTEM_AVAHI_QT) all calls
+ * are made in the object's thread, and while a slot runs an event loop those on the client whose handler emitted the
+ * signal.
  *
- * The thread may be using @c client at any time but inside a handler; so a class that derives from this one makes no calls
- * on it elsewhere.
+ * The thread may be using @c client whenever the event loop has run. So a class that derives from this one makes calls on
+ * it in two places only: inside a handler other than RecordBrowse(), whose browser may be of the second client, and right
+ * after one of these operations. avahi_client_get_state() is allowed in the object's thread at any time.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {
@@ -128,12 +132,13 @@ protected:
     void RecordBrowse(AvahiRecordBrowser* browser, int interface, int protocol, AvahiBrowserEvent event,
                       const char* name, unsigned short clazz, unsigned short type, const void* rdata,
                       unsigned long size, AvahiLookupResultFlags flags, void* userdata) override;
-    // As the base's, which they hide: both use the client, and wait for a call that another thread makes.
-    bool UpdateTxtRecord(const char* txt);
-    bool AddTxtRecord(const char* txt);
-
     /** Logs the state, and publishes anew what the daemon gave up. A collision is left as it is. */
     void AvahiEntryGroupChanged(AvahiEntryGroup* group, AvahiEntryGroupState state, void* userdata) override;
+
+    /** As the base's, which it hides, after waiting for calls on the client that are on their way. */
+    bool UpdateTxtRecord(const char* txt);
+    /** The same. */
+    bool AddTxtRecord(const char* txt);
 
 private Q_SLOTS:
     void connectToDaemon();

@@ -3,9 +3,9 @@
 
 #include "model/ManagedProbe.h"
 #include "model/VirtualClock.h"
+#include "support/CallThreads.h"
 
 #include <QtCore/QCoreApplication>
-#include <QtCore/QVariant>
 
 #include <algorithm>
 #include <iterator>
@@ -110,11 +110,9 @@ void ManagedLibrary::passTime(int milliseconds)
 /** Until no calls are on their way any more, as nothing is told meanwhile. */
 void ManagedLibrary::processEvents()
 {
-    const QObject* thread = nullptr;
     do {
         QCoreApplication::processEvents();
-        thread = isDestroyed() ? nullptr : discovery().findChild<QObject*>(QStringLiteral("callThread"));
-    } while (thread && thread->property("busy").toBool());
+    } while (!isDestroyed() && areCallsMadeFor(discovery()));
 }
 
 /** Every object that Avahi owes the end of its first look is told of it, as real ones are. */

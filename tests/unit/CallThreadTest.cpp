@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: MIT
 #include "avahi/managed/CallThread.h"
+#include "support/NoMoreThreads.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
@@ -148,15 +149,12 @@ TEST_F(CallThreadTest, ItsOwnFaultsAreNotBlocked)
 
 TEST_F(CallThreadTest, NothingIsCalledWhenThereIsNoThreadToBeHad)
 {
-    pthread_attr_t before;
-    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
-    pthread_attr_t tooLarge;
-    pthread_attr_init(&tooLarge);
-    pthread_attr_setstacksize(&tooLarge, size_t(1) << 47);
-    ASSERT_EQ(pthread_setattr_default_np(&tooLarge), 0);
     bool isCalled = false;
-    const bool hasBegun = thread->begin([&] { isCalled = true; });
-    ASSERT_EQ(pthread_setattr_default_np(&before), 0);
+    bool hasBegun = true;
+    {
+        const NoMoreThreads noMoreThreads;
+        hasBegun = thread->begin([&] { isCalled = true; });
+    }
     EXPECT_FALSE(hasBegun);
     EXPECT_FALSE(thread->isBusy());
     EXPECT_FALSE(isCalled);
@@ -164,6 +162,4 @@ TEST_F(CallThreadTest, NothingIsCalledWhenThereIsNoThreadToBeHad)
     ASSERT_TRUE(thread->begin([&] { isCalled = true; }));
     thread->wait();
     EXPECT_TRUE(isCalled);
-    pthread_attr_destroy(&tooLarge);
-    pthread_attr_destroy(&before);
 }

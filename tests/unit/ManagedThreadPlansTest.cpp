@@ -1,12 +1,11 @@
 // SPDX-License-Identifier: MIT
 #include "support/BusStandIn.h"
 #include "support/ManagedThreadFixture.h"
+#include "support/NoMoreThreads.h"
 
 #include <avahi-common/watch.h>
 
 #include <algorithm>
-
-#include <pthread.h>
 
 /** What is planned and what becomes of it. */
 class ManagedThreadPlansTest : public ManagedThreadTest
@@ -44,11 +43,21 @@ protected:
     }
 
     /** There is no room for so many others, none of which is answered. */
-    void makeOthersWait(int others, int milliseconds = 1500)
+    void makeOthersWait(int others, int milliseconds)
     {
         for (int i = 1; i <= others; ++i)
             appears(camName(i).c_str());
         turn(milliseconds);
+    }
+
+    /** "Cam", resolved by resolver @p number, is not asked for again when @p others find no room. */
+    void expectThatNothingGivesWay(int number, int others, int milliseconds = 1500)
+    {
+        resolved(number, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+        takeCalls();
+        makeOthersWait(others, milliseconds);
+        EXPECT_EQ(callsFor("Cam"), 0);
     }
 
     int callsFor(const std::string& name)
@@ -156,11 +165,7 @@ TEST_F(ManagedThreadPlansTest, ResolverThatWasGivenUpBeforeItWasMadeIsForgotten)
     appears("Cam");
     letReturn();
     turn();
-    resolved(2, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
-    takeCalls();
-    makeOthersWait(8);
-    EXPECT_EQ(callsFor("Cam"), 0);
+    expectThatNothingGivesWay(2, 8);
 }
 
 TEST_F(ManagedThreadPlansTest, ResolverThatWasRefusedIsForgotten)
@@ -169,11 +174,7 @@ TEST_F(ManagedThreadPlansTest, ResolverThatWasRefusedIsForgotten)
     avahi.failNext("service_resolver_new", AVAHI_ERR_TOO_MANY_OBJECTS);
     appears("Cam");
     turn(1100);
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
-    takeCalls();
-    makeOthersWait(4, 2600);
-    EXPECT_EQ(callsFor("Cam"), 0);
+    expectThatNothingGivesWay(1, 4, 2600);
 }
 
 TEST_F(ManagedThreadPlansTest, ResolverThatWasPutBackIsForgotten)
@@ -184,11 +185,7 @@ TEST_F(ManagedThreadPlansTest, ResolverThatWasPutBackIsForgotten)
     appears("Cam");
     avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
     turn();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
-    takeCalls();
-    makeOthersWait(8);
-    EXPECT_EQ(callsFor("Cam"), 0);
+    expectThatNothingGivesWay(1, 8);
 }
 
 TEST_F(ManagedThreadPlansTest, PatienceBeginsWhenTheResolverIsMade)
@@ -215,7 +212,6 @@ TEST_F(ManagedThreadPlansTest, NothingIsCalledAfterAFailureThatHasNoError)
     turn();
     EXPECT_EQ(count(takeCalls(), "service_resolver_new"), 1);
 }
-
 
 TEST_F(ManagedThreadPlansTest, RefusedQueryThatWasGivenUpDoesNotAskForItsDeviceAgain)
 {
@@ -410,6 +406,20 @@ TEST_F(ManagedThreadPlansTest, PublishingTwiceWaits)
     turn();
 }
 
+TEST_F(ManagedThreadPlansTest, CallsAreMadeInTheObjectsThreadWhenThereIsNoOther)
+{
+    run();
+    {
+        const NoMoreThreads noMoreThreads;
+        EXPECT_EQ(callerFor(), std::this_thread::get_id());
+        turn();
+    }
+    // The next ones may be made in another again.
+    EXPECT_NE(callerFor("Next"), std::this_thread::get_id());
+    turn();
+}
+
+/** The daemon can be asked whether it answers. */
 class ManagedThreadBusTest : public ManagedThreadPlansTest
 {
 protected:
@@ -503,10 +513,11 @@ TEST_F(ManagedThreadBusTest, EndOfTheGracePeriodAsksNothingOfADaemonThatIsAsked)
     turn(50);
     failClient();
     discovery().ResolveService(2, "Other", HTTP, "local");
-    while (liveClient() == 1)
+    QElapsedTimer waited;
+    waited.start();
+    while (liveClient() == 1 && waited.elapsed() < LONG_MS)
         QCoreApplication::processEvents();
     discovery().ResolveService(2, "Other", HTTP, "local");
-    QElapsedTimer waited;
     waited.start();
     size_t questions = 0;
     while (waited.elapsed() < 300) {
@@ -514,25 +525,6 @@ TEST_F(ManagedThreadBusTest, EndOfTheGracePeriodAsksNothingOfADaemonThatIsAsked)
         questions += bus.takeQuestions().size();
     }
     EXPECT_EQ(questions, 1u);
-}
-
-TEST_F(ManagedThreadPlansTest, CallsAreMadeInTheObjectsThreadWhenThereIsNoOther)
-{
-    run();
-    pthread_attr_t before;
-    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
-    pthread_attr_t tooLarge;
-    pthread_attr_init(&tooLarge);
-    pthread_attr_setstacksize(&tooLarge, size_t(1) << 47);
-    ASSERT_EQ(pthread_setattr_default_np(&tooLarge), 0);
-    EXPECT_EQ(callerFor(), std::this_thread::get_id());
-    turn();
-    ASSERT_EQ(pthread_setattr_default_np(&before), 0);
-    // The next ones may be made in another again.
-    EXPECT_NE(callerFor("Next"), std::this_thread::get_id());
-    turn();
-    pthread_attr_destroy(&tooLarge);
-    pthread_attr_destroy(&before);
 }
 
 TEST_F(ManagedThreadBusTest, CallsAfterOneThatTookLongNeedNoQuestion)

@@ -38,6 +38,11 @@ CallThread::CallThread(QObject* parent) : QObject(parent), m_isBusy(false), m_is
 
 CallThread::~CallThread()
 {
+    end();
+}
+
+void CallThread::end()
+{
     if (!m_thread.joinable())
         return;
     {
@@ -46,6 +51,8 @@ CallThread::~CallThread()
     }
     m_changed.notify_all();
     m_thread.join();
+    m_isToEnd = false;
+    m_isBusy = false;
 }
 
 bool CallThread::begin(const std::function<void()>& call)
@@ -56,8 +63,8 @@ bool CallThread::begin(const std::function<void()>& call)
         const std::lock_guard<std::mutex> locker(m_mutex);
         m_call = call;
         m_isCalling = true;
+        m_isBusy = true;
     }
-    m_isBusy = true;
     m_changed.notify_all();
     return true;
 }

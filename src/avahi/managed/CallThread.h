@@ -30,12 +30,14 @@ public:
      * @return false when there is no thread to be had; nothing is called then.
      */
     bool begin(const std::function<void()>& call);
-    /** A call was begun and not waited for yet. */
+    /** A call was begun and not waited for yet. The call may ask this too. */
     bool isBusy() const { return m_isBusy; }
     /** It has returned, so that wait() does not wait. */
     bool hasReturned() const;
     /** Waits until the call has returned, and lets the next one begin. */
     void wait();
+    /** Waits as well, and ends the thread until the next call begins. */
+    void end();
 
 Q_SIGNALS:
     /** Emitted by the thread that makes the calls, so connect it as a queued one. The call may be waited for since. */

@@ -39,12 +39,12 @@ void ClientCall::make()
         error = AVAHI_ERR_FAILURE;
 }
 
-int ClientCalls::makes() const
+int ClientCalls::count(ClientCall::What what) const
 {
-    int count = 0;
+    int found = 0;
     for (int i = 0; i < m_calls.size(); ++i)
-        count += m_calls.at(i).isMaking() ? 1 : 0;
-    return count;
+        found += m_calls.at(i).what == what ? 1 : 0;
+    return found;
 }
 
 int ClientCalls::mostOpen() const

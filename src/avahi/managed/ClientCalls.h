@@ -11,8 +11,8 @@ struct ClientCall
 {
     enum What { MakeResolver, FreeResolver, MakeAddressBrowser, FreeAddressBrowser };
 
-    explicit ClientCall(What what_ = FreeResolver)
-        : what(what_)
+    explicit ClientCall(What kind = FreeResolver)
+        : what(kind)
         , client(nullptr)
         , discovery(nullptr)
         , resolverCallback(nullptr)
@@ -25,7 +25,7 @@ struct ClientCall
     {}
 
     bool isMaking() const { return what == MakeResolver || what == MakeAddressBrowser; }
-    bool hasFailed() const { return isMade && error != 0; }
+    bool hasFailed() const { return error != 0; }
 
     void make();
 
@@ -39,7 +39,6 @@ struct ClientCall
     /** What an object is made for. */
     ServiceKey key;
     Link link;
-    QString host;
     // The same as Avahi takes it.
     QByteArray nameBytes;
     QByteArray typeBytes;
@@ -61,8 +60,9 @@ class ClientCalls
 public:
     bool isEmpty() const { return m_calls.isEmpty(); }
     int size() const { return static_cast<int>(m_calls.size()); }
+    int count(ClientCall::What what) const;
     /** How many of them make an object. */
-    int makes() const;
+    int makes() const { return count(ClientCall::MakeResolver) + count(ClientCall::MakeAddressBrowser); }
     /** How many objects that they free or make are open at a time, at the most, while they are made. */
     int mostOpen() const;
 

@@ -23,6 +23,7 @@ void ManagedServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int inte
     if (found == d->addressBrowsers.constEnd())
         return;
     const ServiceKey key = found.value();
+    d->addressBrowserTells(browser);
     const QString address = getQHostAddress(static_cast<const unsigned char*>(rdata), size).toString();
     switch (event) {
     case AVAHI_BROWSER_NEW:
@@ -41,6 +42,13 @@ void ManagedServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int inte
         d->addressBrowserFailed(key);
         break;
     }
+}
+
+// Another may have its turn then.
+void ManagedServiceDiscovery::Private::addressBrowserTells(AvahiRecordBrowser* browser)
+{
+    if (unreadAddressBrowsers.removeOne(browser) && !toFollow.isEmpty())
+        scheduleCalls(0);
 }
 
 // Its address browser is made when the daemon is ready for it.

@@ -14,6 +14,13 @@ namespace {
 // How long calls may be made before what they led to is looked at.
 const int TURN_MS = 4;
 const int MOST_CALLS = 32;
+// With so many in line a second client is worth what it takes to make it.
+const int MANY_IN_LINE = 64;
+// Both clients together have no more address browsers than these whose addresses the daemon is yet to read from its
+// cache: more of them slow it down.
+const int MOST_UNREAD = 24;
+// When more wait for their address browsers, the object's own client helps.
+const int MOST_FOR_SECOND = 8;
 // What the daemon can answer from its cache it answers soon, and many at a time slow it down. So no more than
 // these are made before it had the time to answer. Those that wait for the network cost it little, and hold up
 // nobody.
@@ -73,8 +80,37 @@ void ManagedServiceDiscovery::Private::scheduleCalls(int milliseconds)
 
 bool ManagedServiceDiscovery::Private::hasCallsToMake() const
 {
-    return !closedResolvers.isEmpty() || !closedAddressBrowsers.isEmpty() || !toFollow.isEmpty()
-           || !line.isEmpty();
+    return hasCallsToMake(ownCalls) || hasCallsToMake(second);
+}
+
+bool ManagedServiceDiscovery::Private::hasCallsToMake(const ThreadedCalls& calls) const
+{
+    // An exception may have left some of those that were planned.
+    if (!calls.closedAddressBrowsers.isEmpty() || isToFollow(calls)
+        || (!calls.isBusy() && !calls.planned.isEmpty()))
+        return true;
+    return &calls == &ownCalls && (!closedResolvers.isEmpty() || !line.isEmpty());
+}
+
+bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) const
+{
+    if (toFollow.isEmpty())
+        return false;
+    if (!second.client())
+        return &calls == &ownCalls;
+    const int unread = static_cast<int>(unreadAddressBrowsers.size())
+                       + ownCalls.planned.count(ClientCall::MakeAddressBrowser)
+                       + second.planned.count(ClientCall::MakeAddressBrowser);
+    const bool isLeftToIt
+        = &calls == &second || (toFollow.size() > MOST_FOR_SECOND && unread < MOST_UNREAD - MOST_FOR_SECOND);
+    return unread < MOST_UNREAD && isLeftToIt && !isRoomToCome();
+}
+
+// Its place is reserved, but what is to leave it may be freed later than the other client takes it.
+bool ManagedServiceDiscovery::Private::isRoomToCome() const
+{
+    const bool isAnyLeaving = !closedResolvers.isEmpty() || ownCalls.frees() > 0 || second.frees() > 0;
+    return isAnyLeaving && openObjects() >= objectsAllowed();
 }
 
 // A call waits for the daemon, so one that hangs is not called: it is asked first, without waiting for it.
@@ -83,13 +119,32 @@ void ManagedServiceDiscovery::Private::makeCalls()
     if (!hasBegun || hasFailed || !q->client)
         return;
     balanceKept();
-    if (callThread.isBusy() || ping.isAsked())
+    if (ping.isAsked())
         return;
     const bool isReady = lastAnswerAt >= 0 && clock.elapsed() - lastAnswerAt < RECENT_MS;
-    if (!hasCallsToMake())
+    const bool isOwnNext = !ownCalls.isBusy() && hasCallsToMake(ownCalls);
+    const bool isSecondNext = !second.isBusy() && hasCallsToMake(second);
+    if (!isOwnNext && !isSecondNext) {
         awaitRoom();
-    else if (isReady || !askDaemon())
+        endSecondClientIfIdle();
+    } else if (isReady || ownCalls.isBusy() || !askDaemon()) {
+        // An answer that comes after the object's own calls were planned would not be one to these.
         makeSomeCalls();
+    }
+}
+
+// It costs a connection, its descriptors and a thread.
+void ManagedServiceDiscovery::Private::endSecondClientIfIdle()
+{
+    const bool isAnyLeft = !toFollow.isEmpty() || second.isBusy() || second.hasWork();
+    if (isAnyLeft || line.size() + unanswered.size() >= MANY_IN_LINE / 2)
+        return;
+    for (QMap<AvahiRecordBrowser*, ServiceKey>::const_iterator browser = addressBrowsers.constBegin();
+         browser != addressBrowsers.constEnd(); ++browser) {
+        if (tracked[browser.value()].addressBrowserCalls == &second)
+            return;
+    }
+    second.clear();
 }
 
 // The daemon may allow more then.
@@ -109,95 +164,96 @@ bool ManagedServiceDiscovery::Private::askDaemon()
 
 void ManagedServiceDiscovery::Private::daemonAnswered()
 {
-    if (!callThread.isBusy())
+    if (!ownCalls.isBusy())
         settledResolver = lastResolver;
     lastAnswerAt = clock.elapsed();
     const ManagedSession current(this);
-    if (isGraceOver && !callThread.isBusy())
+    if (isGraceOver && !ownCalls.isBusy())
         finishGrace();
     if (!current.ended())
         makeSomeCalls();
 }
 
-// A daemon that is not ready any more, as it reads what a whole network answers, holds up the thread only. What it
+// A daemon that is not ready any more, as it reads what a whole network answers, holds up the threads only. What it
 // tells meanwhile is read when the client is back.
 void ManagedServiceDiscovery::Private::makeSomeCalls()
 {
-    if (!hasBegun || hasFailed || !q->client || callThread.isBusy())
+    // While browsing or publishing begins, Avahi is at work on the object's own client.
+    if (!makeSomeCalls(ownCalls, !isConnecting && !isPublishing))
         return;
+    // It is of use only where calls are made in threads.
+    if (ownCalls.isBusy() && line.size() >= MANY_IN_LINE)
+        second.make();
+    if (second.client())
+        makeSomeCalls(second, true);
+}
+
+bool ManagedServiceDiscovery::Private::makeSomeCalls(ThreadedCalls& calls, bool mayUseThread)
+{
+    if (!hasBegun || hasFailed || !q->client || calls.isBusy())
+        return true;
     // An exception may have left some.
-    if (!calls.isEmpty() && !noteCalls())
-        return;
-    planCalls();
-    if (calls.isEmpty()) {
+    if (!calls.planned.isEmpty() && !noteCalls(calls))
+        return false;
+    planCalls(calls);
+    if (calls.planned.isEmpty()) {
         awaitRoom();
-        return;
+        return true;
     }
-    if (isClientIdle()) {
-        watchGroup.pause();
-        if (callThread.begin([this] { makeCallsInThread(); }))
-            return;
-        watchGroup.resume();
-    }
-    calls.make(TURN_MS);
-    noteCalls();
-}
-
-// Nothing of Avahi is on the stack, so another thread may have the client. Not so with another poll adapter than the
-// library's own, whose watches cannot be paused.
-bool ManagedServiceDiscovery::Private::isClientIdle() const
-{
-    return watchGroup.isPausable() && !isConnecting && !isPublishing;
-}
-
-void ManagedServiceDiscovery::Private::makeCallsInThread()
-{
-    const WatchGroup::Scope scope(&watchGroup);
-    calls.make(TURN_MS);
+    if (mayUseThread && calls.begin(TURN_MS))
+        return true;
+    calls.planned.make(TURN_MS);
+    return noteCalls(calls);
 }
 
 void ManagedServiceDiscovery::Private::callsReturned()
 {
-    if (callThread.isBusy() && callThread.hasReturned())
-        finishCalls();
+    if (ownCalls.haveReturned() && !finishCalls())
+        return;
+    if (second.haveReturned())
+        finishCalls(second);
 }
 
-// Whoever else uses the client waits for the calls that are made in the thread.
 bool ManagedServiceDiscovery::Private::finishCalls()
 {
+    return finishCalls(ownCalls);
+}
+
+bool ManagedServiceDiscovery::Private::finishCalls(ThreadedCalls& calls)
+{
     // A slot that ran an event loop may have let the next ones begin.
-    while (leaveCalls()) {
-        if (!noteCalls())
+    while (calls.isBusy()) {
+        scheduleCalls(0);
+        calls.wait();
+        if (!noteCalls(calls))
             return false;
     }
     return true;
 }
 
-bool ManagedServiceDiscovery::Private::leaveCalls()
+void ManagedServiceDiscovery::Private::leaveCalls()
 {
-    if (!callThread.isBusy())
-        return false;
-    callThread.wait();
-    scheduleCalls(0);
-    watchGroup.resume();
-    return true;
+    if (ownCalls.isBusy())
+        ownCalls.wait();
+    second.clear();
 }
 
-bool ManagedServiceDiscovery::Private::noteCalls()
+bool ManagedServiceDiscovery::Private::noteCalls(ThreadedCalls& calls)
 {
     lastAnswerAt = clock.elapsed();
-    const QList<ClientCall> all = calls.takeAll();
+    const QList<ClientCall> all = calls.planned.takeAll();
     // In reverse, as each goes to the front of those that wait.
     for (int i = static_cast<int>(all.size()) - 1; i >= 0 && !all.at(i).isMade; --i)
-        putBack(all.at(i));
+        putBack(all.at(i), calls);
     const ManagedSession current(this);
     for (int i = 0; i < all.size() && all.at(i).isMade && !current.ended(); ++i) {
         if (all.at(i).what == ClientCall::MakeResolver)
             resolverMade(all.at(i));
         else if (all.at(i).what == ClientCall::MakeAddressBrowser)
-            addressBrowserMade(all.at(i));
+            addressBrowserMade(all.at(i), calls);
     }
-    if (!current.ended() && isGraceOver)
+    // While calls are made on the object's client, what the daemon told is not read.
+    if (!current.ended() && isGraceOver && !ownCalls.isBusy())
         finishGraceIfDaemonAnswers();
     if (current.ended())
         return false;
@@ -206,33 +262,40 @@ bool ManagedServiceDiscovery::Private::noteCalls()
     return true;
 }
 
-void ManagedServiceDiscovery::Private::planCalls()
+void ManagedServiceDiscovery::Private::planCalls(ThreadedCalls& calls)
 {
+    const bool isOwn = &calls == &ownCalls;
     bool isAnyLeft = true;
-    while (isAnyLeft && calls.size() < MOST_CALLS) {
-        ClientCall call;
-        call.client = q->client;
-        call.discovery = q;
-        if (!closedResolvers.isEmpty()) {
-            call.what = ClientCall::FreeResolver;
-            call.resolver = closedResolvers.first();
-            calls.append(call);
-            closedResolvers.removeFirst();
-        } else if (!closedAddressBrowsers.isEmpty()) {
-            call.what = ClientCall::FreeAddressBrowser;
-            call.addressBrowser = closedAddressBrowsers.first();
-            calls.append(call);
-            closedAddressBrowsers.removeFirst();
-        } else if (!toFollow.isEmpty()) {
-            planAddressBrowser(toFollow.takeFirst(), call);
-        } else {
+    while (isAnyLeft && calls.planned.size() < MOST_CALLS) {
+        if (isOwn && !closedResolvers.isEmpty())
+            planToFreeResolver();
+        else if (!calls.closedAddressBrowsers.isEmpty())
+            planToFreeAddressBrowser(calls);
+        else if (isToFollow(calls))
+            planAddressBrowser(toFollow.takeFirst(), calls);
+        else
             // To make room for it others may have to be freed first.
-            isAnyLeft = planResolver(call) || !closedResolvers.isEmpty();
-        }
+            isAnyLeft = isOwn && (planResolver() || !closedResolvers.isEmpty());
     }
 }
 
-bool ManagedServiceDiscovery::Private::planResolver(ClientCall& call)
+void ManagedServiceDiscovery::Private::planToFreeResolver()
+{
+    ClientCall call(ClientCall::FreeResolver);
+    call.resolver = closedResolvers.first();
+    ownCalls.planned.append(call);
+    closedResolvers.removeFirst();
+}
+
+void ManagedServiceDiscovery::Private::planToFreeAddressBrowser(ThreadedCalls& calls)
+{
+    ClientCall call(ClientCall::FreeAddressBrowser);
+    call.addressBrowser = calls.closedAddressBrowsers.first();
+    calls.planned.append(call);
+    calls.closedAddressBrowsers.removeFirst();
+}
+
+bool ManagedServiceDiscovery::Private::planResolver()
 {
     if (line.isEmpty())
         return false;
@@ -243,7 +306,7 @@ bool ManagedServiceDiscovery::Private::planResolver(ClientCall& call)
     }
     if (!isSettled(now)) {
         // Asked before the calls are made, it would answer for them too early.
-        if (calls.isEmpty() && !ping.isAsked() && !askDaemon())
+        if (ownCalls.planned.isEmpty() && !ping.isAsked() && !askDaemon())
             scheduleCalls(TIME_TO_ANSWER_MS);
         return false;
     }
@@ -268,7 +331,9 @@ bool ManagedServiceDiscovery::Private::planResolver(ClientCall& call)
     lastResolverMadeAt = now;
     service.resolverNumber = ++lastResolver;
     unanswered.insert(lastResolver, key);
-    call.what = ClientCall::MakeResolver;
+    ClientCall call(ClientCall::MakeResolver);
+    call.client = q->client;
+    call.discovery = q;
     call.key = key;
     call.link = service.resolverLink;
     call.nameBytes = bytesFromText(key.name);
@@ -276,7 +341,7 @@ bool ManagedServiceDiscovery::Private::planResolver(ClientCall& call)
     call.domainBytes = bytesFromText(key.domain);
     call.resolverCallback = SServiceResolve_callback;
     call.resolverNumber = lastResolver;
-    calls.append(call);
+    ownCalls.planned.append(call);
     return true;
 }
 
@@ -330,40 +395,44 @@ void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key, in
         lostConnection();
 }
 
-void ManagedServiceDiscovery::Private::planAddressBrowser(const ServiceKey& key, ClientCall& call)
+void ManagedServiceDiscovery::Private::planAddressBrowser(const ServiceKey& key, ThreadedCalls& calls)
 {
     const TrackedServices::iterator service = tracked.find(key);
     if (service == tracked.end() || !service->isToBeFollowed)
         return;
     service->isToBeFollowed = false;
     service->isFollowPlanned = true;
-    call.what = ClientCall::MakeAddressBrowser;
+    ClientCall call(ClientCall::MakeAddressBrowser);
+    call.client = &calls == &second ? second.client() : q->client;
+    call.discovery = q;
     call.key = key;
-    call.host = service->host;
     call.hostBytes = bytesFromText(service->host);
     call.addressCallback = SAvahiRecordBrowser_callback;
-    calls.append(call);
+    calls.planned.append(call);
 }
 
-// It may have been given up meanwhile.
+// It may have been given up meanwhile, and another host be followed.
 bool ManagedServiceDiscovery::Private::takePlanToFollow(const ClientCall& call)
 {
     const TrackedServices::iterator service = tracked.find(call.key);
-    if (service == tracked.end() || !service->isFollowPlanned)
+    if (service == tracked.end() || !service->isFollowPlanned || bytesFromText(service->host) != call.hostBytes)
         return false;
     service->isFollowPlanned = false;
-    return service->host == call.host;
+    return true;
 }
 
-void ManagedServiceDiscovery::Private::addressBrowserMade(const ClientCall& call)
+void ManagedServiceDiscovery::Private::addressBrowserMade(const ClientCall& call, ThreadedCalls& calls)
 {
     const bool isWanted = takePlanToFollow(call);
     if (!call.addressBrowser) {
         addressBrowserRefused(call.key, call.error);
     } else if (!isWanted) {
-        closedAddressBrowsers.append(call.addressBrowser);
+        calls.closedAddressBrowsers.append(call.addressBrowser);
     } else {
-        tracked[call.key].addressBrowser = call.addressBrowser;
+        TrackedService& service = tracked[call.key];
+        service.addressBrowser = call.addressBrowser;
+        service.addressBrowserCalls = &calls;
+        unreadAddressBrowsers.append(call.addressBrowser);
         addressBrowsers.insert(call.addressBrowser, call.key);
     }
 }
@@ -384,14 +453,14 @@ void ManagedServiceDiscovery::Private::addressBrowserRefused(const ServiceKey& k
 }
 
 // It was planned, and others took too long or failed.
-void ManagedServiceDiscovery::Private::putBack(const ClientCall& call)
+void ManagedServiceDiscovery::Private::putBack(const ClientCall& call, ThreadedCalls& calls)
 {
     switch (call.what) {
     case ClientCall::FreeResolver:
         closedResolvers.prepend(call.resolver);
         break;
     case ClientCall::FreeAddressBrowser:
-        closedAddressBrowsers.prepend(call.addressBrowser);
+        calls.closedAddressBrowsers.prepend(call.addressBrowser);
         break;
     case ClientCall::MakeAddressBrowser:
         if (takePlanToFollow(call)) {
@@ -409,12 +478,14 @@ void ManagedServiceDiscovery::Private::putBack(const ClientCall& call)
 
 bool ManagedServiceDiscovery::Private::hasRoomFor(int objects)
 {
-    const int openWhenAllAreMade = openForServices() + openReservedObjects() + calls.makes();
+    const int openWhenAllAreMade
+        = openForServices() + openReservedObjects() + ownCalls.planned.makes() + second.planned.makes();
     const int toCome = awaitedAddressBrowsers() + reservedObjects() - openReservedObjects();
     const int excess = openWhenAllAreMade + objects + toCome - objectsAllowed();
     if (excess > 0)
         makeRoom(excess);
-    return excess <= 0;
+    // The other client may free these later than this one takes their places.
+    return excess + second.frees() <= 0;
 }
 
 // Of those that wait for the network in vain, the oldest go first.
@@ -506,7 +577,8 @@ void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& servi
     if (!service.addressBrowser)
         return;
     addressBrowsers.remove(service.addressBrowser);
-    closedAddressBrowsers.append(service.addressBrowser);
+    unreadAddressBrowsers.removeOne(service.addressBrowser);
+    service.addressBrowserCalls->closedAddressBrowsers.append(service.addressBrowser);
     service.addressBrowser = nullptr;
     scheduleCalls(0);
 }
@@ -518,8 +590,10 @@ int ManagedServiceDiscovery::Private::openForServices() const
 
 int ManagedServiceDiscovery::Private::openObjects() const
 {
-    return openForServices() + static_cast<int>(closedResolvers.size() + closedAddressBrowsers.size())
-           + openReservedObjects() + calls.mostOpen();
+    const int closed = static_cast<int>(closedResolvers.size() + ownCalls.closedAddressBrowsers.size()
+                                        + second.closedAddressBrowsers.size());
+    return openForServices() + closed + openReservedObjects() + ownCalls.planned.mostOpen()
+           + second.planned.mostOpen();
 }
 
 // They go with their client.
@@ -528,11 +602,12 @@ void ManagedServiceDiscovery::Private::forgetCalls()
     callTimer.stop();
     retryTimer.stop();
     ping.close();
-    calls.takeAll();
+    ownCalls.planned.takeAll();
+    ownCalls.closedAddressBrowsers.clear();
     resolvers.clear();
     addressBrowsers.clear();
+    unreadAddressBrowsers.clear();
     closedResolvers.clear();
-    closedAddressBrowsers.clear();
     unanswered.clear();
     toFollow.clear();
     line.clear();

@@ -147,7 +147,7 @@ bool ManagedServiceDiscovery::Private::browseNextType()
     const QMap<QString, SServiceInfo> knownServices = q->services;
     const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
     const ManagedSession current(this);
-    const WatchGroup::Scope scope(&watchGroup);
+    const WatchGroup::Scope scope(&ownCalls.watchGroup);
     const bool isBrowsed = q->AvahiServiceDiscovery::BrowseServices(type.constData());
     if (current.ended())
         return false;

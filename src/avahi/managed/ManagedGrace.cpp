@@ -37,7 +37,7 @@ void ManagedServiceDiscovery::Private::passGrace()
     } else {
         isGraceOver = true;
         // While calls are made, what the daemon told is not read.
-        if (!callThread.isBusy())
+        if (!ownCalls.isBusy())
             finishGraceIfDaemonAnswers();
     }
 }

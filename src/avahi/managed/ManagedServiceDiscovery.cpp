@@ -37,7 +37,8 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , connectTimer(discovery)
     , publishTimer(discovery)
     , callTimer(discovery)
-    , callThread(discovery)
+    , ownCalls(discovery)
+    , second(discovery, [this] { lostConnection(); })
     , session(0)
     , clientState(AVAHI_CLIENT_CONNECTING)
     , isConnecting(false)
@@ -65,7 +66,6 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     graceTimer.setSingleShot(true);
     callTimer.setObjectName(QLatin1String("callTimer"));
     callTimer.setSingleShot(true);
-    callThread.setObjectName(QLatin1String("callThread"));
     retryTimer.setSingleShot(true);
     clock.start();
 }
@@ -79,7 +79,8 @@ ManagedServiceDiscovery::ManagedServiceDiscovery() : d(new Private(this))
     connect(&d->graceTimer, SIGNAL(timeout()), this, SLOT(passGrace()));
     connect(&d->callTimer, SIGNAL(timeout()), this, SLOT(makeCalls()));
     connect(&d->ping, SIGNAL(answered()), this, SLOT(daemonAnswered()));
-    connect(&d->callThread, SIGNAL(returned()), this, SLOT(callsReturned()), Qt::QueuedConnection);
+    connect(&d->ownCalls.thread, SIGNAL(returned()), this, SLOT(callsReturned()), Qt::QueuedConnection);
+    connect(&d->second.thread, SIGNAL(returned()), this, SLOT(callsReturned()), Qt::QueuedConnection);
     connect(&d->retryTimer, SIGNAL(timeout()), this, SLOT(retryWaiting()));
     // In place of the base's, which reaches the first and the last of the queue only.
     queryTimer.disconnect(this);

@@ -2,12 +2,10 @@
 #ifndef VD_AVAHI_MANAGED_MANAGEDSERVICEDISCOVERYPRIVATE_H
 #define VD_AVAHI_MANAGED_MANAGEDSERVICEDISCOVERYPRIVATE_H
 
-#include "avahi/WatchGroup.h"
 #include "avahi/managed/Backoff.h"
 #include "avahi/managed/BusSocketWatch.h"
-#include "avahi/managed/CallThread.h"
-#include "avahi/managed/ClientCalls.h"
 #include "avahi/managed/DaemonPing.h"
+#include "avahi/managed/SecondClient.h"
 #include "avahi/managed/TrackedService.h"
 
 #include <vd/ManagedServiceDiscovery.h>
@@ -58,15 +56,15 @@ public:
     void enqueue(const ServiceKey& key);
     void retryWaiting();
 
-    // What is made and freed, a few at a time, in a thread of its own: ManagedCalls.cpp
+    // What is made and freed, a few at a time, in threads of their own: ManagedCalls.cpp
     void scheduleCalls(int milliseconds);
     void makeCalls();
     void daemonAnswered();
     void callsReturned();
-    /** @return false if a slot has ended what the caller works on. */
+    /** Whoever else uses the object's client waits for calls on it. @return false if a slot has ended what it works on. */
     bool finishCalls();
-    /** Waits for them. What they made goes with its client. */
-    bool leaveCalls();
+    /** Waits for all calls, and frees the second client. What was made of the first one goes with it. */
+    void leaveCalls();
     int openObjects() const;
 
     // What resolvers tell: ManagedResolution.cpp
@@ -77,6 +75,7 @@ public:
     void forget(const ServiceKey& key);
 
     // Following addresses: ManagedAddresses.cpp
+    void addressBrowserTells(AvahiRecordBrowser* browser);
     void addressAdded(const ServiceKey& key, const QString& address, const Link& link);
     void addressRemoved(const ServiceKey& key, const QString& address, const Link& link);
     void cacheRead(const ServiceKey& key);
@@ -123,7 +122,10 @@ public:
     QTimer callTimer;
     QTimer retryTimer;
     DaemonPing ping;
-    CallThread callThread;
+    /** On the object's own client, of all kinds. */
+    ThreadedCalls ownCalls;
+    /** For address browsers, when many are needed. */
+    SecondClient second;
     BusSocketWatch busSocketWatch;
 
     /** Changes whenever what a running handler works on is gone. */
@@ -196,20 +198,26 @@ private:
     bool hasCallsToMake() const;
     bool askDaemon();
     void awaitRoom();
+    bool hasCallsToMake(const ThreadedCalls& calls) const;
+    bool isToFollow(const ThreadedCalls& calls) const;
+    bool isRoomToCome() const;
+    void endSecondClientIfIdle();
     void makeSomeCalls();
-    bool isClientIdle() const;
-    void makeCallsInThread();
-    bool noteCalls();
-    void planCalls();
-    bool planResolver(ClientCall& call);
+    bool makeSomeCalls(ThreadedCalls& calls, bool mayUseThread);
+    bool finishCalls(ThreadedCalls& calls);
+    bool noteCalls(ThreadedCalls& calls);
+    void planCalls(ThreadedCalls& calls);
+    void planToFreeResolver();
+    void planToFreeAddressBrowser(ThreadedCalls& calls);
+    void planAddressBrowser(const ServiceKey& key, ThreadedCalls& calls);
+    bool planResolver();
     bool isSettled(qint64 now);
     void resolverMade(const ClientCall& call);
     void resolverRefused(const ServiceKey& key, int error);
-    void planAddressBrowser(const ServiceKey& key, ClientCall& call);
     bool takePlanToFollow(const ClientCall& call);
-    void addressBrowserMade(const ClientCall& call);
+    void addressBrowserMade(const ClientCall& call, ThreadedCalls& calls);
     void addressBrowserRefused(const ServiceKey& key, int error);
-    void putBack(const ClientCall& call);
+    void putBack(const ClientCall& call, ThreadedCalls& calls);
     bool hasRoomFor(int objects);
     void makeRoom(int excess);
     void giveWay(const ServiceKey& key);
@@ -262,17 +270,13 @@ private:
     /** When the daemon last answered anything; -1 if it never did. */
     qint64 lastAnswerAt;
     QList<AvahiServiceResolver*> closedResolvers;
-    QList<AvahiRecordBrowser*> closedAddressBrowsers;
     QList<ServiceKey> toFollow;
+    /** Address browsers that have told nothing yet. */
+    QList<AvahiRecordBrowser*> unreadAddressBrowsers;
     qint64 pausedUntil;
     /** What the daemon turned out to allow. */
     int daemonLimit;
     qint64 limitedUntil;
-
-    /** Of the client. */
-    WatchGroup watchGroup;
-    /** Those that are planned or on their way. */
-    ClientCalls calls;
 };
 
 /** Whether what a handler works on is still there after a signal, whose slots may have done anything. */

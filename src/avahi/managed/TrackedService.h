@@ -13,6 +13,8 @@
 
 namespace vd {
 
+class ThreadedCalls;
+
 /** Avahi's number of an interface, and its protocol: where something was seen. */
 typedef QPair<int, int> Link;
 
@@ -63,6 +65,7 @@ struct TrackedService
         , timesGivenWay(0)
         , timesIgnored(0)
         , addressBrowser(nullptr)
+        , addressBrowserCalls(nullptr)
         , isToBeFollowed(false)
         , isFollowPlanned(false)
         , isLookComplete(false)
@@ -127,6 +130,8 @@ struct TrackedService
     int timesIgnored;
 
     AvahiRecordBrowser* addressBrowser;
+    /** Those on the client that it was made of. */
+    ThreadedCalls* addressBrowserCalls;
     /** The address browser is yet to be made. */
     bool isToBeFollowed;
     /** It is being made, or about to be. */

@@ -4,6 +4,7 @@
 #include <avahi-common/error.h>
 
 #include <QtCore/QCoreApplication>
+#include <QtCore/QElapsedTimer>
 
 #include <gtest/gtest.h>
 
@@ -12,6 +13,8 @@
 #include <sstream>
 
 namespace {
+
+const int LONG_MS = 5000;
 
 AvahiStandIn* theInstance = nullptr;
 
@@ -93,18 +96,27 @@ AvahiStandIn::~AvahiStandIn()
 
 std::vector<std::string> AvahiStandIn::takeCalls()
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     std::vector<std::string> calls;
     calls.swap(m_calls);
     return calls;
 }
 
+void AvahiStandIn::record(const std::string& call)
+{
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
+    m_calls.push_back(call);
+}
+
 void AvahiStandIn::failNext(const std::string& function, int error)
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     m_failures[function] = error;
 }
 
 void AvahiStandIn::forgetFailures()
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     m_failures.clear();
     m_duringGroupNew = nullptr;
     m_duringCall.clear();
@@ -112,6 +124,7 @@ void AvahiStandIn::forgetFailures()
 
 bool AvahiStandIn::isToFail(const std::string& function)
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     const auto failure = m_failures.find(function);
     if (failure == m_failures.end())
         return false;
@@ -122,6 +135,7 @@ bool AvahiStandIn::isToFail(const std::string& function)
 
 AvahiStandIn::Handle* AvahiStandIn::create(Kind kind, Handle* client, void* userData)
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     Handle* handle = m_reuseAddresses ? m_freedLast[kind] : nullptr;
     m_freedLast[kind] = nullptr;
     if (handle) {
@@ -138,6 +152,7 @@ AvahiStandIn::Handle* AvahiStandIn::create(Kind kind, Handle* client, void* user
 
 AvahiStandIn::Handle* AvahiStandIn::checked(const void* pointer, Kind kind, const std::string& function)
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     if (!pointer) {
         ADD_FAILURE() << function << " was called with a null handle";
         return nullptr;
@@ -157,6 +172,7 @@ AvahiStandIn::Handle* AvahiStandIn::checked(const void* pointer, Kind kind, cons
 
 void AvahiStandIn::release(Handle* handle)
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     handle->live = false;
     if (handle->timeout)
         handle->poll->timeout_free(handle->timeout);
@@ -166,6 +182,7 @@ void AvahiStandIn::release(Handle* handle)
 
 void AvahiStandIn::releaseChildren(Handle* client)
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     for (const std::unique_ptr<Handle>& handle : m_handles) {
         if (handle->live && handle->client == client)
             release(handle.get());
@@ -194,9 +211,9 @@ void AvahiStandIn::waitOn(const AvahiPoll* poll, Handle* client)
         this);
 }
 
-void AvahiStandIn::inCallback(const std::function<void()>& action)
+void AvahiStandIn::inCallback(const std::function<void()>& action, int client)
 {
-    const Handle* const waiting = byNumber(Client, 1);
+    const Handle* const waiting = byNumber(Client, client);
     bool isOver = false;
     m_inCallback = [&] {
         action();
@@ -204,8 +221,11 @@ void AvahiStandIn::inCallback(const std::function<void()>& action)
     };
     const timeval past = {1, 0};
     waiting->poll->timeout_update(waiting->timeout, &past);
-    while (!isOver)
+    QElapsedTimer waited;
+    waited.start();
+    while (!isOver && waited.elapsed() < LONG_MS)
         QCoreApplication::processEvents();
+    EXPECT_TRUE(isOver) << "what the client waits for did not happen";
 }
 
 void AvahiStandIn::runDuringClientNew(AvahiClient* client)
@@ -251,13 +271,17 @@ int AvahiStandIn::callOnGroup(AvahiEntryGroup* group, const std::string& functio
 void AvahiStandIn::runDuringCall(const std::string& function)
 {
     std::function<void()> action;
-    action.swap(m_duringCall[function]);
+    {
+        const std::lock_guard<std::recursive_mutex> locker(m_mutex);
+        action.swap(m_duringCall[function]);
+    }
     if (action)
         action();
 }
 
 AvahiStandIn::Handle* AvahiStandIn::byNumber(Kind kind, int number) const
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     for (const std::unique_ptr<Handle>& handle : m_handles) {
         if (handle->kind == kind && handle->number == number)
             return handle.get();
@@ -293,6 +317,7 @@ AvahiEntryGroup* AvahiStandIn::group(int number) const
 
 std::vector<std::string> AvahiStandIn::liveHandles() const
 {
+    const std::lock_guard<std::recursive_mutex> locker(m_mutex);
     std::vector<std::string> names;
     for (const std::unique_ptr<Handle>& handle : m_handles) {
         if (handle->live)
@@ -402,6 +427,7 @@ AvahiClient* avahi_client_new(const AvahiPoll* poll, AvahiClientFlags flags, Ava
 {
     AvahiStandIn& standIn = avahi();
     const std::string call = callText("client_new", poll ? "poll" : "null", static_cast<int>(flags));
+    standIn.runDuringCall("client_new");
     if (standIn.isToFail("client_new")) {
         *error = standIn.error();
         standIn.record(call + " = null");

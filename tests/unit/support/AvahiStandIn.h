@@ -9,6 +9,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -52,6 +53,7 @@ public:
     /** Runs inside the next call of @p function of a group, resolver or record browser, before it returns. */
     void duringCall(const std::string& function, std::function<void()> action)
     {
+        const std::lock_guard<std::recursive_mutex> locker(m_mutex);
         m_duringCall[function] = std::move(action);
     }
 
@@ -60,8 +62,8 @@ public:
      * tell whether Avahi is at work.
      */
     void useEventLoop() { m_usesEventLoop = true; }
-    /** Runs @p action in the event loop, as what the first client waits for. */
-    void inCallback(const std::function<void()>& action);
+    /** Runs @p action in the event loop, as what the client of that number waits for. */
+    void inCallback(const std::function<void()>& action, int client = 1);
 
     /** A new handle gets the address of the one of its kind that was freed last, as a real allocator may do. */
     void reuseAddresses() { m_reuseAddresses = true; }
@@ -108,7 +110,7 @@ public:
         AvahiTimeout* timeout;
     };
 
-    void record(const std::string& call) { m_calls.push_back(call); }
+    void record(const std::string& call);
     /** Whether the call is to fail; sets the error if so. */
     bool isToFail(const std::string& function);
     Handle* create(Kind kind, Handle* client, void* userData);
@@ -130,6 +132,8 @@ public:
 private:
     Handle* byNumber(Kind kind, int number) const;
 
+    // Clients may be used in several threads, each of them in one at a time. Nothing runs inside a call while it is held.
+    mutable std::recursive_mutex m_mutex;
     std::vector<std::string> m_calls;
     std::vector<std::unique_ptr<Handle>> m_handles;
     std::vector<std::unique_ptr<Handle>> m_graveyard;

@@ -1,13 +1,13 @@
 // SPDX-License-Identifier: MIT
 #pragma once
 
+#include "support/CallThreads.h"
 #include "support/DiscoveryFixture.h"
 
 #include <QtCore/QCoreApplication>
 #include <QtCore/QElapsedTimer>
 #include <QtCore/QThread>
 #include <QtCore/QTimer>
-#include <QtCore/QVariant>
 
 #include <algorithm>
 
@@ -59,11 +59,7 @@ protected:
     }
 
     /** Just now, in a thread of their own. */
-    bool areCallsMade()
-    {
-        const QObject* const thread = hasDiscovery() ? discovery().findChild<QObject*>("callThread") : nullptr;
-        return thread && thread->property("busy").toBool();
-    }
+    bool areCallsMade() { return hasDiscovery() && areCallsMadeFor(discovery()); }
 
     // What these events lead to is called when the event loop runs again.
     void resolved(int resolver, const char* name, const char* host, const char* address, AvahiStringList* txt,
