@@ -17,7 +17,9 @@ namespace {
 
 struct Made
 {
+    // cppcheck-suppress unusedStructMember ; it is read through an iterator
     const AvahiClient* client;
+    // cppcheck-suppress unusedStructMember ; likewise
     std::string description;
 };
 

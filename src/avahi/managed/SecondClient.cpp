@@ -44,7 +44,7 @@ void SecondClient::wait()
 void SecondClient::clear()
 {
     if (isBusy())
-        wait();
+        SecondClient::wait();
     if (m_client)
         avahi_client_free(m_client);
     m_client = nullptr;
