@@ -11,11 +11,12 @@ from pathlib import Path
 
 import pytest
 
-from labkit.devices import camera, camera_txt
+from labkit.devices import camera, camera_txt, numbered
 from labkit.discover import events, with_either_class
 from labkit.lines import wait_until
+from labkit.managed import RUNNING, wait_for_state
 from labkit.paths import BUILD, PROBE
-from labkit.usage import cpu_seconds
+from labkit.usage import share_of_a_processor
 
 SHIFTED_CLOCK = BUILD / "tests" / "lab" / "probe" / "vd-shifted-clock.so"
 
@@ -35,10 +36,6 @@ def with_descriptors(limit):
     return ["prlimit", f"--nofile={limit}"]
 
 
-def numbered(number):
-    return camera(f"Cam {number}", f"camera-{number}", f"10.77.0.{100 + number}")
-
-
 def names(probe, signal_name):
     return [dict(line["argument"])["serviceName"] for line in probe.said.all
             if line["event"] == "signal" and line["signal"] == signal_name]
@@ -50,13 +47,6 @@ def is_found(probe, device, seconds=SOON_S):
 
 def is_lost(probe, name, seconds=SOON_S):
     return probe.said.wait_for(lambda _: name in names(probe, "serviceLost"), seconds)
-
-
-def share_of_a_processor(pid):
-    """Used in a while from now on."""
-    before = cpu_seconds(pid)
-    time.sleep(WATCHED_S)
-    return (cpu_seconds(pid) - before) / WATCHED_S
 
 
 @with_either_class
@@ -92,7 +82,7 @@ def test_managed_discovery_begins_when_there_are_descriptors_again(stage):
     publisher.publish(camera())
     assert probe.call("take-descriptors") > 0
     assert probe.call("browse", type="_http._tcp") is True
-    assert share_of_a_processor(probe.pid) < MOST_CPU
+    assert share_of_a_processor(probe.pid, WATCHED_S) < MOST_CPU
     assert names(probe, "serviceFound") == []
 
     probe.call("give-descriptors-back")
@@ -105,7 +95,7 @@ def test_plain_discovery_fails_without_descriptors_and_can_begin_later(stage):
     publisher.publish(camera())
     assert probe.call("take-descriptors") > 0
     assert probe.call("browse", type="_http._tcp") is False
-    assert share_of_a_processor(probe.pid) < MOST_CPU
+    assert share_of_a_processor(probe.pid, WATCHED_S) < MOST_CPU
 
     probe.call("give-descriptors-back")
     assert probe.call("browse", type="_http._tcp") is True
@@ -125,7 +115,7 @@ def test_managed_discovery_gets_over_a_restart_of_the_bus_without_descriptors(st
     for fault in ("dbus-start", "daemon-start"):
         lab.fault("viewer", fault)
     publisher.publish(numbered(1))
-    assert share_of_a_processor(probe.pid) < MOST_CPU
+    assert share_of_a_processor(probe.pid, WATCHED_S) < MOST_CPU
     assert not is_found(probe, numbered(1), 0)
 
     probe.call("give-descriptors-back")
@@ -179,7 +169,7 @@ def test_discovery_and_queries_go_on_when_the_clock_is_set(stage, options):
         publisher.goodbye(numbered(number).name)
         assert is_lost(probe, numbered(number).name), shift
         before = queries(probe)
-        assert share_of_a_processor(probe.pid) < MOST_CPU, shift
+        assert share_of_a_processor(probe.pid, WATCHED_S) < MOST_CPU, shift
         assert queries(probe) - before >= WATCHED_S * 3, shift
 
 
@@ -271,7 +261,7 @@ def test_a_stop_during_the_grace_period_loses_nobody(stage):
     # Nobody answers, so that nobody is seen again before the stop.
     lab.fault("fleet", "isolate")
     lab.fault("viewer", "daemon-start")
-    assert wait_until(lambda: [line["state"] for line in probe.said.all if line["event"] == "state"][-1] == 2)
+    assert wait_for_state(probe, RUNNING)
     suspend(probe, lambda: lab.fault("fleet", "join"))
     time.sleep(2 * SOON_S)
     assert names(probe, "serviceLost") == []

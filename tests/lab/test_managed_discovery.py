@@ -5,41 +5,19 @@ import time
 
 import pytest
 
-from labkit.devices import camera, camera_txt
-from labkit.labs import FEW_OBJECTS, NO_DAEMON, TWO_SEGMENTS
+from labkit.devices import camera, camera_txt, numbered
+from labkit.labs import FEW_OBJECTS, NO_DAEMON, PLAIN, TWO_SEGMENTS
 from labkit.lines import Lines, wait_until
+from labkit.managed import RUNNING, UNAVAILABLE, found, managed, states, wait_for_state
 from labkit.paths import WORKER_THREAD_EXAMPLE
+from labkit.usage import share_of_a_processor
 
-UNAVAILABLE, CONNECTING, RUNNING = 0, 1, 2
 BACK_WITHIN_S = 2.0
 
 # What breaks the daemon, and what mends it again.
 BREAKS = {"daemon-stop": ["daemon-start"], "daemon-kill": ["daemon-start"],
           "dbus-kill": ["dbus-start", "daemon-start"]}
 breaks = pytest.mark.parametrize("fault", BREAKS)
-
-
-def numbered(number):
-    return camera(f"Cam {number}", f"camera-{number}", f"10.77.0.{100 + number}")
-
-
-def managed(stage, options=(), lab_options=None):
-    lab = stage.lab(lab_options) if lab_options else stage.lab()
-    return lab, stage.probe(lab, "--managed", *options), stage.publisher(lab)
-
-
-def states(probe):
-    return [line["state"] for line in probe.said.all if line["event"] == "state"]
-
-
-def wait_for_state(probe, state):
-    return probe.said.wait_for(lambda lines: states(probe)[-1:] == [state])
-
-
-def found(probe, publisher, lab, *devices):
-    publisher.publish(*devices)
-    signals = probe.take_signals(len(devices))
-    assert sorted(name for name, _ in signals) == ["serviceFound"] * len(devices)
 
 
 def mend(lab, fault):
@@ -64,7 +42,7 @@ def test_a_device_is_found_and_followed(stage):
 def test_devices_that_are_still_there_after_a_restart_cause_no_signal(stage, fault):
     lab, probe, publisher = managed(stage, ["--grace", "6000"])
     probe.call("browse", type="_http._tcp")
-    found(probe, publisher, lab, camera())
+    found(probe, publisher, camera())
     before = probe.table()
     lab.fault("viewer", fault)
     assert wait_for_state(probe, UNAVAILABLE)
@@ -82,7 +60,7 @@ def test_changes_during_a_restart_are_signalled(stage, fault):
     lab, probe, publisher = managed(stage, ["--grace", "5000"])
     probe.call("browse", type="_http._tcp")
     text, gone = numbered(2), numbered(3)
-    found(probe, publisher, lab, camera(), text, gone)
+    found(probe, publisher, camera(), text, gone)
     lab.fault("viewer", fault)
     assert wait_for_state(probe, UNAVAILABLE)
     publisher.goodbye(gone.name)
@@ -112,6 +90,53 @@ def test_browsing_begins_when_the_daemon_does(stage):
     assert [name for name, _ in probe.take_signals(1)] == ["serviceFound"]
 
 
+ATTEMPT = "AvahiServiceDiscovery::BrowseServices() -> starting to browse for Bonjour services"
+WATCHED_S = 3
+# An attempt without a bus takes 0.3 ms. Where there is one, Avahi waits for the daemon, and nothing is done.
+MOST_ATTEMPTS_WITHOUT_A_BUS = 4
+CPU_S_OF_AN_ATTEMPT = 0.001
+MOST_OTHER_CPU_S = 0.003
+
+
+def times_of_attempts(probe):
+    return [time for line, time in zip(list(probe.said.all), probe.said.times) if line.get("text") == ATTEMPT]
+
+
+@pytest.mark.parametrize("lab_options, faults_before, faults_after, most_attempts", [
+    (NO_DAEMON, [], [], 0), (NO_DAEMON, ["dbus-kill"], [], MOST_ATTEMPTS_WITHOUT_A_BUS),
+    (PLAIN, [], ["daemon-kill"], 0), (PLAIN, [], ["dbus-kill"], MOST_ATTEMPTS_WITHOUT_A_BUS),
+], ids=["no-daemon", "no-bus", "daemon-killed", "bus-killed"])
+def test_waiting_takes_next_to_no_cpu(stage, lab_options, faults_before, faults_after, most_attempts):
+    lab = stage.lab(lab_options)
+    probe = stage.probe(lab, "--managed")
+    for fault in faults_before:
+        lab.fault("viewer", fault)
+    for service_type in ("_http._tcp", "_https._tcp"):
+        assert probe.call("browse", type=service_type) is True
+    for fault in faults_after:
+        assert wait_for_state(probe, RUNNING)
+        lab.fault("viewer", fault)
+        assert wait_for_state(probe, UNAVAILABLE)
+    # The first attempt follows at once.
+    time.sleep(BACK_WITHIN_S / 4)
+    before = len(times_of_attempts(probe))
+    most_cpu_s = MOST_OTHER_CPU_S + most_attempts * CPU_S_OF_AN_ATTEMPT
+    assert share_of_a_processor(probe.pid, WATCHED_S) * WATCHED_S < most_cpu_s
+    assert len(times_of_attempts(probe)) - before <= most_attempts
+
+
+def test_attempts_without_a_bus_become_ever_more_seldom(stage):
+    lab = stage.lab(NO_DAEMON)
+    probe = stage.probe(lab, "--managed")
+    lab.fault("viewer", "dbus-kill")
+    assert probe.call("browse", type="_http._tcp") is True
+    assert probe.said.wait_for(lambda _: len(times_of_attempts(probe)) == 6)
+    times = times_of_attempts(probe)
+    gaps = [later - earlier for earlier, later in zip(times, times[1:])]
+    # Each is twice as long, and the machine may be busy.
+    assert gaps == sorted(gaps) and gaps[-1] > 4 * gaps[0], gaps
+
+
 @breaks
 def test_a_published_service_is_published_again(stage, fault):
     lab, probe, _ = managed(stage)
@@ -131,7 +156,7 @@ def test_a_published_service_is_published_again(stage, fault):
 def test_a_hung_daemon_loses_nothing(stage):
     lab, probe, publisher = managed(stage, ["--grace", "5000"])
     probe.call("browse", type="_http._tcp")
-    found(probe, publisher, lab, camera())
+    found(probe, publisher, camera())
     lab.fault("viewer", "daemon-hang")
     time.sleep(3)
     publisher.add_address("Lobby", "10.77.0.250")
@@ -145,7 +170,7 @@ def test_a_hung_daemon_loses_nothing(stage):
 def test_flaps_of_one_of_two_networks_lose_nothing(stage):
     lab, probe, publisher = managed(stage, lab_options=TWO_SEGMENTS)
     probe.call("browse", type="_http._tcp")
-    found(probe, publisher, lab, camera())
+    found(probe, publisher, camera())
     for _ in range(3):
         lab.fault("viewer", "link-down", "--link", "1")
         time.sleep(1.5)
@@ -166,7 +191,7 @@ def test_more_devices_than_the_daemon_has_objects_are_all_found(stage):
 def test_an_address_that_moves_is_followed(stage):
     lab, probe, publisher = managed(stage)
     probe.call("browse", type="_http._tcp")
-    found(probe, publisher, lab, camera())
+    found(probe, publisher, camera())
     assert probe.start_query("Lobby", True) is True
     time.sleep(1)
     publisher.add_address("Lobby", "10.77.0.250")

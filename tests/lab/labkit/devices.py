@@ -12,6 +12,11 @@ def camera(name="Lobby", host="camera-1", address="10.77.0.101", txt=None, **fie
                      "txt": txt or camera_txt(), **fields})
 
 
+def numbered(number):
+    """One of many cameras."""
+    return camera(f"Cam {number}", f"camera-{number}", f"10.77.0.{100 + number}")
+
+
 def camera_txt(serial=SERIAL, model="Dome 4", version="4.2.1"):
     """Its head, the only part whose changes are signalled, tells the model."""
     return [b"full_name.vandrel.com=" + model.encode(), b"ser_no.vandrel.com=" + serial,

@@ -1,8 +1,8 @@
 # SPDX-License-Identifier: MIT
 """What a running program holds of the machine."""
 
-import os
 import re
+import time
 from pathlib import Path
 
 import pytest
@@ -28,8 +28,15 @@ def handles(pid):
 
 
 def cpu_seconds(pid):
-    fields = Path(f"/proc/{pid}/stat").read_text(encoding="utf-8", errors="replace").rsplit(")", 1)[1].split()
-    return (int(fields[11]) + int(fields[12])) / os.sysconf("SC_CLK_TCK")
+    """Exact, by the clock that clock_getcpuclockid() names."""
+    return time.clock_gettime(~pid << 3 | 2)
+
+
+def share_of_a_processor(pid, seconds):
+    """Used in so many seconds from now on."""
+    before, begin = cpu_seconds(pid), time.monotonic()
+    time.sleep(seconds)
+    return (cpu_seconds(pid) - before) / (time.monotonic() - begin)
 
 
 def catches(pid, name, number):

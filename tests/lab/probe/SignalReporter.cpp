@@ -20,6 +20,12 @@ QString currentThreadName()
 
 } // namespace
 
+void SignalReporter::runNestedLoopOnce(const QString& signal, int milliseconds)
+{
+    m_nestedLoopAt = signal;
+    m_nestedLoopMs = milliseconds;
+}
+
 void SignalReporter::connectTo(const vd::ServiceDiscovery* discovery, Qt::ConnectionType type)
 {
     connect(discovery, SIGNAL(serviceFound(vd::SServiceInfo)), SLOT(reportFound(vd::SServiceInfo)), type);
@@ -32,8 +38,6 @@ void SignalReporter::connectTo(const vd::ServiceDiscovery* discovery, Qt::Connec
 void SignalReporter::reportFound(vd::SServiceInfo info)
 {
     report("serviceFound", jsonOf(info));
-    if (m_nestedLoopMs > 0)
-        runNestedLoop();
 }
 
 void SignalReporter::reportAddress(vd::SServiceInfo info)
@@ -64,6 +68,8 @@ void SignalReporter::report(const char* signal, const QJsonValue& argument)
         {QStringLiteral("argument"), argument},
         {QStringLiteral("thread"), currentThreadName()},
     });
+    if (m_nestedLoopMs > 0 && m_nestedLoopAt == QLatin1String(signal))
+        runNestedLoop();
 }
 
 void SignalReporter::runNestedLoop()

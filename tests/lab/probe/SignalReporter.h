@@ -11,8 +11,8 @@ class SignalReporter : public QObject
     Q_OBJECT
 
 public:
-    /** The slot of the next serviceFound runs an event loop of its own for so long. */
-    void runNestedLoopOnce(int milliseconds) { m_nestedLoopMs = milliseconds; }
+    /** The slot of the next signal of this name runs an event loop of its own for so long. */
+    void runNestedLoopOnce(const QString& signal, int milliseconds);
 
     /** Connects by name, as hosts with Qt 4 do. */
     void connectTo(const vd::ServiceDiscovery* discovery, Qt::ConnectionType type);
@@ -28,5 +28,6 @@ private:
     void report(const char* signal, const QJsonValue& argument);
     void runNestedLoop();
 
+    QString m_nestedLoopAt;
     int m_nestedLoopMs = 0;
 };

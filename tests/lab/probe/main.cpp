@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// vd-lab-probe [--receive-in-thread | --discover-in-thread] [--nested-loop MILLISECONDS]
+// vd-lab-probe [--receive-in-thread | --discover-in-thread] [--nested-loop MILLISECONDS [--nested-loop-at SIGNAL]]
 //              [--managed [--grace MILLISECONDS] [--objects N]]
 //
 // A host application for tests: standard input steers a discovery object, and standard output tells what it
@@ -45,6 +45,7 @@ struct Options
     int graceMs;
     int objects;
     int nestedLoopMs;
+    QString nestedLoopAt;
 };
 
 std::unique_ptr<ProbedDiscovery> makeManaged(const Options& options)
@@ -114,7 +115,7 @@ int run(const Options& options, QThread* receivingThread)
 {
     const LogCapture log;
     SignalReporter reporter;
-    reporter.runNestedLoopOnce(options.nestedLoopMs);
+    reporter.runNestedLoopOnce(options.nestedLoopAt, options.nestedLoopMs);
     const std::unique_ptr<ProbedDiscovery> probed = make(options);
     reporter.connectTo(probed->discovery(), receivingThread ? Qt::QueuedConnection : Qt::DirectConnection);
     if (receivingThread) {
@@ -139,19 +140,21 @@ int main(int argc, char** argv)
     QCoreApplication application(argc, argv);
     const QCommandLineOption inThread(QStringLiteral("receive-in-thread"));
     const QCommandLineOption nestedLoop(QStringLiteral("nested-loop"), QString(), QStringLiteral("MILLISECONDS"));
+    const QCommandLineOption nestedLoopAt(QStringLiteral("nested-loop-at"), QString(), QStringLiteral("SIGNAL"),
+                                          QStringLiteral("serviceFound"));
     const QCommandLineOption managed(QStringLiteral("managed"));
     const QCommandLineOption grace(QStringLiteral("grace"), QString(), QStringLiteral("MILLISECONDS"),
                                    QStringLiteral("-1"));
     const QCommandLineOption objects(QStringLiteral("objects"), QString(), QStringLiteral("N"));
     QCommandLineParser parser;
     const QCommandLineOption discoverInThread(QStringLiteral("discover-in-thread"));
-    parser.addOptions({inThread, discoverInThread, nestedLoop, managed, grace, objects});
+    parser.addOptions({inThread, discoverInThread, nestedLoop, nestedLoopAt, managed, grace, objects});
     parser.process(application);
 
     QThread receiver;
     receiver.setObjectName(QStringLiteral("receiver"));
     const Options options = {parser.isSet(managed), parser.value(grace).toInt(), parser.value(objects).toInt(),
-                             parser.value(nestedLoop).toInt()};
+                             parser.value(nestedLoop).toInt(), parser.value(nestedLoopAt)};
     if (parser.isSet(discoverInThread))
         return runWithDiscoveryInThread(options);
     return run(options, parser.isSet(inThread) ? &receiver : nullptr);
