@@ -12,9 +12,9 @@ def camera(name="Lobby", host="camera-1", address="10.77.0.101", txt=None, **fie
                      "txt": txt or camera_txt(), **fields})
 
 
-def numbered(number):
+def numbered(number, **fields):
     """One of many cameras."""
-    return camera(f"Cam {number}", f"camera-{number}", f"10.77.0.{100 + number}")
+    return camera(f"Cam {number}", f"camera-{number}", f"10.77.0.{100 + number}", **fields)
 
 
 def camera_txt(serial=SERIAL, model="Dome 4", version="4.2.1"):

@@ -20,4 +20,9 @@ def wait_for_state(probe, state):
 def found(probe, publisher, *devices):
     publisher.publish(*devices)
     signals = probe.take_signals(len(devices))
-    assert sorted(name for name, _ in signals) == ["serviceFound"] * len(devices)
+    assert told(signals) == sorted(("serviceFound", device.name) for device in devices)
+
+
+def told(signals):
+    """Which signals told of which devices, in no certain order."""
+    return sorted((name, dict(record)["serviceName"]) for name, record in signals)

@@ -66,6 +66,17 @@ class Probe(Conversation):
         self._signals_taken = len(signals)
         return signals[begin:]
 
+    def wait_for_found(self, *names):
+        """Waits until services of these names were found; returns when the last of them was."""
+        def last_found(lines):
+            found = {dict(line["argument"])["serviceName"]: number for number, line in enumerate(lines)
+                     if line.get("signal") == "serviceFound"}
+            return found.keys() >= set(names) and max(found[name] for name in names)
+
+        last = self.said.wait_for(last_found)
+        assert last, f"not all of {names} were found"
+        return self.said.times[last]
+
     def take_log(self):
         """The log lines since the last time."""
         texts = _log(self.said.all)

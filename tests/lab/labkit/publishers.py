@@ -36,3 +36,8 @@ class Publisher(Conversation):
 
     def goodbye(self, *names):
         self.tell("goodbye", services=list(names))
+
+    def replace(self, device):
+        """The device comes back changed, all of it told in one packet."""
+        self.tell("vanish", services=[device.name])
+        self.publish(device)

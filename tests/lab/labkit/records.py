@@ -51,7 +51,10 @@ def checksum(text):
 
 @dataclasses.dataclass(frozen=True)
 class Device:
-    """A service and the host it stands on. `txt` is a list of strings in bytes, the head first."""
+    """A service and the host it stands on. `txt` is a list of strings in bytes, the head first.
+
+    Publishers know it by its `identifier`, which is its name unless another service has that name too.
+    """
 
     name: str
     host: str
@@ -59,11 +62,12 @@ class Device:
     txt: list
     type: str = "_http._tcp"
     port: int = 80
+    identifier: str = ""
 
     def request(self):
         """The service as a publisher is told of it."""
-        return {"name": self.name, "type": self.type, "host": self.host, "port": self.port,
-                "addresses": self.addresses, "txt": encoded(self.txt)}
+        return {"service": self.identifier or self.name, "name": self.name, "type": self.type, "host": self.host,
+                "port": self.port, "addresses": self.addresses, "txt": encoded(self.txt)}
 
 
 def encoded(txt):
