@@ -29,13 +29,13 @@ WatchGroup::Scope::~Scope()
     currentGroup = m_outer;
 }
 
-bool WatchGroup::isPausable() const
+bool WatchGroup::isCallingBack() const
 {
     for (const Member* member = m_first; member; member = member->m_next) {
         if (member->isCallingBack())
-            return false;
+            return true;
     }
-    return m_first && !m_isPaused;
+    return false;
 }
 
 void WatchGroup::pause()

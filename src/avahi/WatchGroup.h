@@ -35,8 +35,10 @@ public:
         WatchGroup* const m_outer;
     };
 
+    /** One of them calls back, in which the client is at work. */
+    bool isCallingBack() const;
     /** Nobody uses the client, and there is something to pause: another adapter's watches do not join. */
-    bool isPausable() const;
+    bool isPausable() const { return m_first && !m_isPaused && !isCallingBack(); }
     bool isPaused() const { return m_isPaused; }
 
     // In the thread of the members.

@@ -6,6 +6,7 @@
 #include <QtCore/QTimer>
 
 #include <algorithm>
+#include <atomic>
 
 /** Managed discovery with a bus, over which the daemon answers when the test says so. */
 class ManagedCallsTest : public ManagedTest
@@ -96,6 +97,28 @@ protected:
         letTimePass();
         EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver1", "recordBrowser1"}));
         forgetAll();
+    }
+
+    /** A call failed for a daemon that hangs, which is asked for the first time since. */
+    void hangInACall()
+    {
+        run();
+        appears("Cam");
+        awaitQuestion();
+        avahi.failNext("service_resolver_new", AVAHI_ERR_DBUS_ERROR);
+        answer();
+        EXPECT_EQ(awaitQuestion(), 1u);
+        forgetAll();
+    }
+
+    /** The client that failed was left for the next one. */
+    void expectConnectedAnew()
+    {
+        const Lines calls = takeCalls();
+        EXPECT_EQ(count(calls, "service_browser_free(browser1)"), 1);
+        EXPECT_EQ(count(calls, "client_free(client1)"), 1);
+        EXPECT_EQ(count(calls, "client_new"), 1);
+        EXPECT_EQ(count(calls, "service_browser_new(client2"), 1);
     }
 
     /** Answers what @p first asks; what @p next leads to right afterwards are so many @p calls and no question. */
@@ -456,6 +479,93 @@ TEST_F(ManagedCallsTest, QuestionThatCannotBeSentStopsNothing)
     EXPECT_EQ(bus.openConnections(), 0);
 }
 
+// A daemon that hangs in a call.
+
+TEST_F(ManagedCallsTest, DaemonThatHungInACallIsNotCalledBeforeItAnswers)
+{
+    hangInACall();
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Unavailable);
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    expectConnectedAnew();
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+    appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, 2);
+    awaitQuestion();
+    answer();
+    EXPECT_EQ(count(takeCalls(), "service_resolver_new(client2"), 1);
+}
+
+TEST_F(ManagedCallsTest, DaemonThatHungWhileAHostWasToBeFollowedIsNotCalledBeforeItAnswers)
+{
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    avahi.failNext("record_browser_new", AVAHI_ERR_TIMEOUT);
+    letTimePass();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    awaitQuestion();
+    answer();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    takeCalls();
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(count(takeCalls(), "client_new"), 1);
+}
+
+TEST_F(ManagedCallsTest, DaemonThatHungInACallAndWasEndedIsConnectedTo)
+{
+    hangInACall();
+    bus.answerWithError(DBUS_ERROR_NO_REPLY);
+    turn();
+    expectConnectedAnew();
+}
+
+TEST_F(ManagedCallsTest, BusThatIsLostAfterACallThatHungIsConnectedTo)
+{
+    hangInACall();
+    bus.loseConnection();
+    turn();
+    expectConnectedAnew();
+}
+
+TEST_F(ManagedCallsTest, FurtherTypeIsBrowsedWhenADaemonThatHungAnswers)
+{
+    hangInACall();
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(count(takeCalls(), "service_browser_new"), 2);
+}
+
+TEST_F(ManagedCallsTest, BrowsingThatBeginsAnewWaitsForNoAnswer)
+{
+    hangInACall();
+    discovery().TerminateBrowsing();
+    takeCalls();
+    EXPECT_TRUE(discovery().BrowseServices(HTTP));
+    EXPECT_EQ(count(takeCalls(), "service_browser_new"), 1);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
+TEST_F(ManagedCallsTest, DaemonThatHungInAnAttemptIsAskedBeforeTheNext)
+{
+    daemonRuns();
+    avahi.duringCall("client_new", [] { QThread::msleep(5000); });
+    avahi.failNext("client_new", AVAHI_ERR_DBUS_ERROR);
+    EXPECT_TRUE(discovery().BrowseServices(HTTP));
+    takeCalls();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    turn(300);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(count(takeCalls(), "client_new"), 1);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
 // When it waits, and for how long it works.
 
 /** Where the refusal of a service is logged, which takes its time and makes Avahi refuse the next one too. */
@@ -490,6 +600,80 @@ private:
     int m_turn = 0;
     std::vector<int> m_turnsOfRefusals;
 };
+
+/** In which turns of the event loop a function of Avahi is called, of which each call may take its time. */
+class CallTurns
+{
+public:
+    CallTurns(AvahiStandIn& avahi, const std::string& function, int milliseconds)
+        : m_avahi(avahi), m_function(function), m_milliseconds(milliseconds)
+    {
+        QObject::connect(&m_turns, &QTimer::timeout, [this] { ++m_turn; });
+        m_turns.start(0);
+        awaitCall();
+    }
+
+    int calls() const { return m_calls; }
+    int mostInATurn() const { return m_mostInATurn; }
+
+private:
+    void awaitCall()
+    {
+        m_avahi.duringCall(m_function, [this] {
+            m_inTurn = m_turn == m_turnOfLast ? m_inTurn + 1 : 1;
+            m_turnOfLast = m_turn.load();
+            m_mostInATurn = std::max(m_mostInATurn.load(), m_inTurn.load());
+            ++m_calls;
+            QThread::msleep(static_cast<unsigned long>(m_milliseconds));
+            awaitCall();
+        });
+    }
+
+    AvahiStandIn& m_avahi;
+    const std::string m_function;
+    const int m_milliseconds;
+    QTimer m_turns;
+    // The calls may be made in another thread.
+    std::atomic<int> m_turn{0};
+    std::atomic<int> m_turnOfLast{-1};
+    std::atomic<int> m_inTurn{0};
+    std::atomic<int> m_mostInATurn{0};
+    std::atomic<int> m_calls{0};
+};
+
+TEST_F(ManagedCallsTest, CallsOfWhichOneTakesWhatATurnMayTakeHaveATurnEach)
+{
+    run();
+    appear(1, 4);
+    awaitQuestion();
+    CallTurns turns(avahi, "service_resolver_new", 5);
+    bus.answer();
+    QElapsedTimer waited;
+    waited.start();
+    while (turns.calls() < 4 && waited.elapsed() < LONG_MS)
+        answerAllQuestions();
+    EXPECT_EQ(turns.calls(), 4);
+    EXPECT_EQ(turns.mostInATurn(), 1);
+    avahi.forgetFailures();
+}
+
+TEST_F(ManagedCallsTest, NoMoreThanThirtyTwoCallsAreMadeInATurn)
+{
+    run();
+    appear(1, 40);
+    QElapsedTimer waited;
+    waited.start();
+    while (discovery().openObjects() < 41 && waited.elapsed() < LONG_MS)
+        answerAllQuestions();
+    CallTurns turns(avahi, "service_resolver_free", 0);
+    for (int number = 1; number <= 40; ++number)
+        disappears(camName(number).c_str());
+    while (turns.calls() < 40 && waited.elapsed() < LONG_MS)
+        answerAllQuestions();
+    EXPECT_EQ(turns.calls(), 40);
+    EXPECT_LE(turns.mostInATurn(), 32);
+    avahi.forgetFailures();
+}
 
 TEST_F(ManagedCallsTest, CallsThatTakeTimeGoOnInTheNextTurn)
 {

@@ -494,6 +494,24 @@ TEST_F(ManagedConnectionTest, DevicesThatDoNotComeBackAreLostOnceAfterTheGracePe
     EXPECT_EQ(table().size(), 1u);
 }
 
+TEST_F(ManagedConnectionTest, GracePeriodCountsFromWhenTheDaemonIsReady)
+{
+    discovery().setGracePeriod(400);
+    run();
+    found();
+    daemonIsAway();
+    avahi.failNext("service_browser_new", AVAHI_ERR_BAD_STATE);
+    failClient();
+    turn(600);
+    daemonRuns();
+    avahi.fireClientState(AVAHI_CLIENT_S_RUNNING, liveClient());
+    turn(200);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+    EXPECT_EQ(takeSignals(), Lines());
+    turn(400);
+    EXPECT_EQ(takeSignals(), Lines{"lost " + camera("Cam", "cam.local", "addresses=[10.0.0.1] " + known)});
+}
+
 TEST_F(ManagedConnectionTest, QueriesWithoutADaemonMakeNoClients)
 {
     run();
@@ -532,6 +550,19 @@ TEST_F(ManagedConnectionTest, FurtherTypeThatFailsOnceIsBrowsedLater)
     turn(400);
     EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
     EXPECT_EQ(liveCount("browser"), 2);
+}
+
+TEST_F(ManagedConnectionTest, DevicesAreQueriedThoughAFurtherTypeCannotBeBrowsed)
+{
+    run();
+    found();
+    avahi.failNext("service_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    discovery().BrowseServices(HTTPS);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Connecting);
+    takeCalls();
+    QMetaObject::invokeMethod(&discovery(), "queryNextInTurn");
+    turn(1100);
+    EXPECT_EQ(count("service_resolver_new"), 1);
 }
 
 TEST_F(ManagedConnectionTest, QueryWithoutABusIsMadeWhenThereIsOne)

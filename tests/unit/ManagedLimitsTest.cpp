@@ -26,6 +26,16 @@ protected:
         return takeCalls();
     }
 
+    /** What is called when the resolver of a service cannot be made. */
+    Lines callsAfterNoResolverFor(int error)
+    {
+        run();
+        avahi.failNext("service_resolver_new", error);
+        appears("Cam");
+        turn(50);
+        return takeCalls();
+    }
+
     /** How often @p name was resolved since the calls were asked for last. */
     int resolvesOf(const std::string& name)
     {
@@ -197,6 +207,51 @@ TEST_F(ManagedLimitsTest, AddressBrowserIsClosedAtItsFirstAddressWhileManyStandI
     EXPECT_EQ(count(takeCalls(), "record_browser_free(recordBrowser1)"), 1);
 }
 
+TEST_F(ManagedLimitsTest, SilentServicesGiveWayToATypeForWhichTheDaemonHasNoRoom)
+{
+    run();
+    appears("Silent");
+    appears("Other");
+    turn(1100);
+    takeCalls();
+    avahi.failNext("service_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    turn();
+    EXPECT_EQ(count(takeCalls(), "service_resolver_free(resolver1)"), 1);
+    turn(400);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+    EXPECT_EQ(liveCount("browser"), 2);
+}
+
+TEST_F(ManagedLimitsTest, SilentServicesGiveWayToAPublicationForWhichTheDaemonHasNoRoom)
+{
+    run();
+    appears("Silent");
+    turn(1100);
+    takeCalls();
+    avahi.failNext("entry_group_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    EXPECT_FALSE(discovery().RegisterService("Setup", HTTP, vd::SReconfigInfo()));
+    turn();
+    EXPECT_EQ(count(takeCalls(), "service_resolver_free(resolver1)"), 1);
+}
+
+TEST_F(ManagedLimitsTest, NothingGivesWayToATypeThatIsRefusedForAnotherReason)
+{
+    run();
+    appears("Silent");
+    turn(1100);
+    takeCalls();
+    avahi.failNext("service_browser_new", AVAHI_ERR_INVALID_SERVICE_TYPE);
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    turn();
+    EXPECT_EQ(count(takeCalls(), "service_resolver_free"), 0);
+}
+
+TEST_F(ManagedLimitsTest, LimitIsHalfOfTheDaemonsUnlessItIsSet)
+{
+    EXPECT_EQ(discovery().objectLimit(), 512);
+}
+
 TEST_F(ManagedLimitsTest, AddressBrowserThatTheDaemonDoesNotAnswerForEndsTheConnection)
 {
     EXPECT_EQ(count(callsAfterNoAddressBrowserFor(AVAHI_ERR_DBUS_ERROR), "client_free(client1)"), 1);
@@ -205,6 +260,18 @@ TEST_F(ManagedLimitsTest, AddressBrowserThatTheDaemonDoesNotAnswerForEndsTheConn
 TEST_F(ManagedLimitsTest, AddressBrowserThatIsRefusedForItsHostKeepsTheConnection)
 {
     EXPECT_EQ(count(callsAfterNoAddressBrowserFor(AVAHI_ERR_INVALID_HOST_NAME), "client_free"), 0);
+}
+
+TEST_F(ManagedLimitsTest, ResolverForWhichTheClientIsInNoStateEndsTheConnection)
+{
+    EXPECT_EQ(count(callsAfterNoResolverFor(AVAHI_ERR_BAD_STATE), "client_free(client1)"), 1);
+}
+
+TEST_F(ManagedLimitsTest, RefusedServiceIsResolvedLater)
+{
+    EXPECT_EQ(count(callsAfterNoResolverFor(AVAHI_ERR_NO_MEMORY), "client_free"), 0);
+    turn(5300);
+    EXPECT_EQ(count(takeCalls(), newResolver("Cam", 1)), 1);
 }
 
 TEST_F(ManagedLimitsTest, LongLivedQueryThatIsRefusedForGoodIsGivenUp)

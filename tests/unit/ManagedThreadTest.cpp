@@ -312,6 +312,37 @@ TEST_F(ManagedThreadTest, GracePeriodDoesNotEndWhileWhatIsToldIsNotRead)
     EXPECT_EQ(count(takeSignals(), "lost serviceType"), 1);
 }
 
+TEST_F(ManagedThreadTest, GracePeriodDoesNotEndWhileASlotRunsAnEventLoop)
+{
+    run();
+    found();
+    discovery().setGracePeriod(100);
+    failClient();
+    turn();
+    avahi.inCallback([this] { turn(500); }, 2);
+    EXPECT_EQ(takeSignals(), Lines());
+    turn(600);
+    EXPECT_EQ(count(takeSignals(), "lost serviceType"), 1);
+}
+
+TEST_F(ManagedThreadTest, GracePeriodLastsAStepLongerAfterASlotThatRanAnEventLoop)
+{
+    const int graceMs = 1000;
+    run();
+    found();
+    discovery().setGracePeriod(graceMs);
+    failClient();
+    turn();
+    QElapsedTimer waited;
+    waited.start();
+    avahi.inCallback([this] { turn(graceMs + 150); }, 2);
+    // The step that began inside.
+    turn(2 * graceMs + 400 - static_cast<int>(waited.elapsed()));
+    EXPECT_EQ(takeSignals(), Lines());
+    turn(graceMs);
+    EXPECT_EQ(count(takeSignals(), "lost serviceType"), 1);
+}
+
 TEST_F(ManagedThreadTest, ResolverOfAServiceThatWasGivenUpIsFreed)
 {
     run();

@@ -47,6 +47,15 @@ int ClientCalls::count(ClientCall::What what) const
     return found;
 }
 
+bool ClientCalls::areAnyOfAddressesFor(const ServiceKey& key) const
+{
+    for (int i = 0; i < m_calls.size(); ++i) {
+        if (m_calls.at(i).isOfAddresses() && m_calls.at(i).key == key)
+            return true;
+    }
+    return false;
+}
+
 int ClientCalls::mostOpen() const
 {
     int open = size() - makes();

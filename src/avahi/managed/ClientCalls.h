@@ -25,6 +25,7 @@ struct ClientCall
     {}
 
     bool isMaking() const { return what == MakeResolver || what == MakeAddressBrowser; }
+    bool isOfAddresses() const { return what == MakeAddressBrowser || what == FreeAddressBrowser; }
     bool hasFailed() const { return error != 0; }
 
     void make();
@@ -36,7 +37,7 @@ struct ClientCall
     AvahiServiceResolverCallback resolverCallback;
     AvahiRecordBrowserCallback addressCallback;
 
-    /** What an object is made for. */
+    /** What an object is made for, or was, if it is an address browser. */
     ServiceKey key;
     Link link;
     // The same as Avahi takes it.
@@ -61,6 +62,7 @@ public:
     bool isEmpty() const { return m_calls.isEmpty(); }
     int size() const { return static_cast<int>(m_calls.size()); }
     int count(ClientCall::What what) const;
+    bool areAnyOfAddressesFor(const ServiceKey& key) const;
     /** How many of them make an object. */
     int makes() const { return count(ClientCall::MakeResolver) + count(ClientCall::MakeAddressBrowser); }
     /** How many objects that they free or make are open at a time, at the most, while they are made. */

@@ -33,7 +33,10 @@ const int PATIENCE_MS = 1000;
 const int LONGEST_PATIENCE_MS = 60000;
 // A daemon that answered so lately need not be asked.
 const int RECENT_MS = 10;
+// What a device takes to answer at the most.
+const int ANSWER_MS = 5000;
 const int LOOK_FOR_ROOM_MS = 100;
+const int LOOK_FOR_IDLE_MS = 1000;
 const int COOL_DOWN_MS = 1000;
 const int LIMITED_MS = 60000;
 // A resolver and an address browser: with less room nothing would ever be found.
@@ -59,6 +62,7 @@ bool isOfConnection(int error)
     case AVAHI_ERR_DISCONNECTED:
     case AVAHI_ERR_NO_DAEMON:
     case AVAHI_ERR_TIMEOUT:
+    case AVAHI_ERR_BAD_STATE:
         return true;
     default:
         return false;
@@ -86,7 +90,7 @@ bool ManagedServiceDiscovery::Private::hasCallsToMake() const
 bool ManagedServiceDiscovery::Private::hasCallsToMake(const ThreadedCalls& calls) const
 {
     // An exception may have left some of those that were planned.
-    if (!calls.closedAddressBrowsers.isEmpty() || isToFollow(calls)
+    if (!calls.addressBrowsersToFree.isEmpty() || isToFollow(calls)
         || (!calls.isBusy() && !calls.planned.isEmpty()))
         return true;
     return &calls == &ownCalls && (!closedResolvers.isEmpty() || !line.isEmpty());
@@ -94,7 +98,7 @@ bool ManagedServiceDiscovery::Private::hasCallsToMake(const ThreadedCalls& calls
 
 bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) const
 {
-    if (toFollow.isEmpty())
+    if (placeOfNextToFollow(calls) == toFollow.size())
         return false;
     if (!second.client())
         return &calls == &ownCalls;
@@ -104,6 +108,16 @@ bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) co
     const bool isLeftToIt
         = &calls == &second || (toFollow.size() > MOST_FOR_SECOND && unread < MOST_UNREAD - MOST_FOR_SECOND);
     return unread < MOST_UNREAD && isLeftToIt && !isRoomToCome();
+}
+
+// The address browser that a service had before, on the other client, is to be freed first.
+int ManagedServiceDiscovery::Private::placeOfNextToFollow(const ThreadedCalls& calls) const
+{
+    const ThreadedCalls& other = &calls == &ownCalls ? second : ownCalls;
+    int place = 0;
+    while (place < toFollow.size() && other.areAnyOfAddressesFor(toFollow.at(place)))
+        ++place;
+    return place;
 }
 
 // Its place is reserved, but what is to leave it may be freed later than the other client takes it.
@@ -116,7 +130,7 @@ bool ManagedServiceDiscovery::Private::isRoomToCome() const
 // A call waits for the daemon, so one that hangs is not called: it is asked first, without waiting for it.
 void ManagedServiceDiscovery::Private::makeCalls()
 {
-    if (!hasBegun || hasFailed || !q->client)
+    if (!isAtWork())
         return;
     balanceKept();
     if (ping.isAsked())
@@ -137,14 +151,33 @@ void ManagedServiceDiscovery::Private::makeCalls()
 void ManagedServiceDiscovery::Private::endSecondClientIfIdle()
 {
     const bool isAnyLeft = !toFollow.isEmpty() || second.isBusy() || second.hasWork();
-    if (isAnyLeft || line.size() + unanswered.size() >= MANY_IN_LINE / 2)
+    if (isAnyLeft)
         return;
+    if (line.size() + answersToCome() >= MANY_IN_LINE / 2) {
+        scheduleCalls(LOOK_FOR_IDLE_MS);
+        return;
+    }
     for (QMap<AvahiRecordBrowser*, ServiceKey>::const_iterator browser = addressBrowsers.constBegin();
          browser != addressBrowsers.constEnd(); ++browser) {
         if (tracked[browser.value()].addressBrowserCalls == &second)
             return;
     }
     second.clear();
+}
+
+// Those that were asked longer ago are silent.
+int ManagedServiceDiscovery::Private::answersToCome() const
+{
+    int awaited = 0;
+    QMap<qint64, ServiceKey>::const_iterator next = unanswered.constEnd();
+    while (next != unanswered.constBegin()) {
+        --next;
+        const TrackedServices::const_iterator service = tracked.constFind(next.value());
+        if (service != tracked.constEnd() && clock.elapsed() - service->resolvingSince >= ANSWER_MS)
+            break;
+        ++awaited;
+    }
+    return awaited;
 }
 
 // The daemon may allow more then.
@@ -167,6 +200,11 @@ void ManagedServiceDiscovery::Private::daemonAnswered()
     if (!ownCalls.isBusy())
         settledResolver = lastResolver;
     lastAnswerAt = clock.elapsed();
+    if (mayHang) {
+        mayHang = false;
+        connectToDaemon();
+        return;
+    }
     const ManagedSession current(this);
     if (isGraceOver && !ownCalls.isBusy())
         finishGrace();
@@ -190,7 +228,7 @@ void ManagedServiceDiscovery::Private::makeSomeCalls()
 
 bool ManagedServiceDiscovery::Private::makeSomeCalls(ThreadedCalls& calls, bool mayUseThread)
 {
-    if (!hasBegun || hasFailed || !q->client || calls.isBusy())
+    if (!isAtWork() || calls.isBusy())
         return true;
     // An exception may have left some.
     if (!calls.planned.isEmpty() && !noteCalls(calls))
@@ -269,10 +307,10 @@ void ManagedServiceDiscovery::Private::planCalls(ThreadedCalls& calls)
     while (isAnyLeft && calls.planned.size() < MOST_CALLS) {
         if (isOwn && !closedResolvers.isEmpty())
             planToFreeResolver();
-        else if (!calls.closedAddressBrowsers.isEmpty())
+        else if (!calls.addressBrowsersToFree.isEmpty())
             planToFreeAddressBrowser(calls);
         else if (isToFollow(calls))
-            planAddressBrowser(toFollow.takeFirst(), calls);
+            planAddressBrowser(toFollow.takeAt(placeOfNextToFollow(calls)), calls);
         else
             // To make room for it others may have to be freed first.
             isAnyLeft = isOwn && (planResolver() || !closedResolvers.isEmpty());
@@ -289,10 +327,8 @@ void ManagedServiceDiscovery::Private::planToFreeResolver()
 
 void ManagedServiceDiscovery::Private::planToFreeAddressBrowser(ThreadedCalls& calls)
 {
-    ClientCall call(ClientCall::FreeAddressBrowser);
-    call.addressBrowser = calls.closedAddressBrowsers.first();
-    calls.planned.append(call);
-    calls.closedAddressBrowsers.removeFirst();
+    calls.planned.append(calls.addressBrowsersToFree.first());
+    calls.addressBrowsersToFree.removeFirst();
 }
 
 bool ManagedServiceDiscovery::Private::planResolver()
@@ -381,18 +417,25 @@ void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key, in
         out << "ManagedServiceDiscovery::ResolveService() -> failed create AvahiServiceResolver "
             << printableText(key.name) << " error: " << avahi_strerror(error);
     });
-    const bool isWanted = tracked.contains(key);
-    if (isOfService(error)) {
-        if (isWanted)
-            drop(key);
-        return;
-    }
-    if (isWanted)
-        enqueueFirst(key);
-    if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
+    if (isOfConnection(error)) {
+        callFailed();
+    } else if (error == AVAHI_ERR_TOO_MANY_OBJECTS) {
+        if (tracked.contains(key))
+            enqueueFirst(key);
         coolDown();
-    else
-        lostConnection();
+    } else if (tracked.contains(key)) {
+        if (isOfService(error))
+            drop(key);
+        else
+            retryFailed(key, error);
+    }
+}
+
+// It may have waited for a daemon that hangs, and so would the next one.
+void ManagedServiceDiscovery::Private::callFailed()
+{
+    mayHang = true;
+    lostConnection();
 }
 
 void ManagedServiceDiscovery::Private::planAddressBrowser(const ServiceKey& key, ThreadedCalls& calls)
@@ -411,11 +454,11 @@ void ManagedServiceDiscovery::Private::planAddressBrowser(const ServiceKey& key,
     calls.planned.append(call);
 }
 
-// It may have been given up meanwhile, and another host be followed.
+// It may have been given up meanwhile.
 bool ManagedServiceDiscovery::Private::takePlanToFollow(const ClientCall& call)
 {
     const TrackedServices::iterator service = tracked.find(call.key);
-    if (service == tracked.end() || !service->isFollowPlanned || bytesFromText(service->host) != call.hostBytes)
+    if (service == tracked.end() || !service->isFollowPlanned)
         return false;
     service->isFollowPlanned = false;
     return true;
@@ -427,7 +470,7 @@ void ManagedServiceDiscovery::Private::addressBrowserMade(const ClientCall& call
     if (!call.addressBrowser) {
         addressBrowserRefused(call.key, call.error);
     } else if (!isWanted) {
-        calls.closedAddressBrowsers.append(call.addressBrowser);
+        calls.freeAddressBrowser(call.addressBrowser, call.key);
     } else {
         TrackedService& service = tracked[call.key];
         service.addressBrowser = call.addressBrowser;
@@ -445,7 +488,7 @@ void ManagedServiceDiscovery::Private::addressBrowserRefused(const ServiceKey& k
     });
     // The daemon may have made it all the same, and only the end of the connection frees it then.
     if (isOfConnection(error))
-        lostConnection();
+        callFailed();
     else if (tracked.contains(key))
         retryFailed(key, error);
     else if (error == AVAHI_ERR_TOO_MANY_OBJECTS)
@@ -460,7 +503,7 @@ void ManagedServiceDiscovery::Private::putBack(const ClientCall& call, ThreadedC
         closedResolvers.prepend(call.resolver);
         break;
     case ClientCall::FreeAddressBrowser:
-        calls.closedAddressBrowsers.prepend(call.addressBrowser);
+        calls.addressBrowsersToFree.prepend(call);
         break;
     case ClientCall::MakeAddressBrowser:
         if (takePlanToFollow(call)) {
@@ -549,6 +592,15 @@ int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
     return awaited;
 }
 
+// It is tried again by whoever was refused, and what waits for the network in vain gives way to it.
+void ManagedServiceDiscovery::Private::noteRefusal()
+{
+    if (!q->client || avahi_client_errno(q->client) != AVAHI_ERR_TOO_MANY_OBJECTS)
+        return;
+    coolDown();
+    makeRoom(1);
+}
+
 // What is open now is as much as the daemon allows, for some time.
 void ManagedServiceDiscovery::Private::coolDown()
 {
@@ -576,9 +628,9 @@ void ManagedServiceDiscovery::Private::closeAddressBrowser(TrackedService& servi
     service.isFollowPlanned = false;
     if (!service.addressBrowser)
         return;
-    addressBrowsers.remove(service.addressBrowser);
+    const ServiceKey key = addressBrowsers.take(service.addressBrowser);
     unreadAddressBrowsers.removeOne(service.addressBrowser);
-    service.addressBrowserCalls->closedAddressBrowsers.append(service.addressBrowser);
+    service.addressBrowserCalls->freeAddressBrowser(service.addressBrowser, key);
     service.addressBrowser = nullptr;
     scheduleCalls(0);
 }
@@ -590,8 +642,8 @@ int ManagedServiceDiscovery::Private::openForServices() const
 
 int ManagedServiceDiscovery::Private::openObjects() const
 {
-    const int closed = static_cast<int>(closedResolvers.size() + ownCalls.closedAddressBrowsers.size()
-                                        + second.closedAddressBrowsers.size());
+    const int closed = static_cast<int>(closedResolvers.size() + ownCalls.addressBrowsersToFree.size()
+                                        + second.addressBrowsersToFree.size());
     return openForServices() + closed + openReservedObjects() + ownCalls.planned.mostOpen()
            + second.planned.mostOpen();
 }
@@ -603,7 +655,7 @@ void ManagedServiceDiscovery::Private::forgetCalls()
     retryTimer.stop();
     ping.close();
     ownCalls.planned.takeAll();
-    ownCalls.closedAddressBrowsers.clear();
+    ownCalls.addressBrowsersToFree.clear();
     resolvers.clear();
     addressBrowsers.clear();
     unreadAddressBrowsers.clear();

@@ -11,6 +11,8 @@ namespace {
 const int SOON_MS = 1500;
 // A connection that was lost sooner is not tried again at once.
 const int LASTING_MS = 2000;
+// What takes so long to fail has waited for a daemon that hangs.
+const int LONG_MS = 5000;
 
 bool isDaemonThere(AvahiClientState state)
 {
@@ -90,6 +92,11 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
         connectTimer.start(0);
         return;
     }
+    if (mayHang && isDaemonAsked()) {
+        setState(Unavailable);
+        return;
+    }
+    mayHang = false;
     if (hasFailed && !leaveClient())
         return;
 
@@ -106,6 +113,14 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
         attemptFailed();
 }
 
+// All that follows waits for the daemon, which is taken up when it answers.
+bool ManagedServiceDiscovery::Private::isDaemonAsked()
+{
+    if (!ping.isOpen())
+        ping.open();
+    return ping.isAsked() || askDaemon();
+}
+
 // The state is told before the next attempt, which may hang.
 bool ManagedServiceDiscovery::Private::leaveClient()
 {
@@ -120,6 +135,7 @@ void ManagedServiceDiscovery::Private::attemptFailed()
 {
     const bool isDaemonAwaited = q->client && clientState == AVAHI_CLIENT_CONNECTING;
     const bool isBusWatched = q->client || busSocketWatch.turnOn();
+    mayHang = attempt.elapsed() >= LONG_MS;
     if (!isDaemonAwaited)
         retryLater(isBusWatched ? LONGEST_RETRY_MS : SOON_MS);
     if (!q->client)
@@ -155,6 +171,7 @@ bool ManagedServiceDiscovery::Private::browseNextType()
         return true;
     q->services = knownServices;
     q->recordQueue = knownQueue;
+    noteRefusal();
     return false;
 }
 
@@ -248,6 +265,7 @@ void ManagedServiceDiscovery::Private::reset()
     types.clear();
     tracked.clear();
     publishes = false;
+    mayHang = false;
     backoff.reset();
 }
 

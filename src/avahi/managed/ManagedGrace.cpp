@@ -26,6 +26,7 @@ void ManagedServiceDiscovery::Private::nextGraceStep(int milliseconds)
 {
     graceTimer.start(milliseconds);
     graceStep.start();
+    isGraceStepHeldUp = ownCalls.watchGroup.isCallingBack();
 }
 
 void ManagedServiceDiscovery::Private::passGrace()
@@ -53,7 +54,10 @@ void ManagedServiceDiscovery::Private::finishGrace()
 {
     isGraceOver = false;
     const int stepMs = graceTimer.interval();
-    if (graceStep.elapsed() > stepMs + PUNCTUAL_MS && graceExtensions < MOST_EXTENSIONS) {
+    if (isGraceStepHeldUp || ownCalls.watchGroup.isCallingBack()) {
+        // A slot runs an event loop, however long, and what the daemon tells is read when it has returned.
+        nextGraceStep(qMax(stepMs, PUNCTUAL_MS));
+    } else if (graceStep.elapsed() > stepMs + PUNCTUAL_MS && graceExtensions < MOST_EXTENSIONS) {
         ++graceExtensions;
         nextGraceStep(stepMs);
     } else {

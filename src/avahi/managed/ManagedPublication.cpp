@@ -153,9 +153,11 @@ bool ManagedServiceDiscovery::Private::add(const char* name, const char* type, c
         return false;
     isPublishing = false;
     isPublished = isDone;
-    // Nothing half done may stand in the way of the next attempt.
-    if (!isDone)
+    if (!isDone) {
+        noteRefusal();
+        // Nothing half done may stand in the way of the next attempt.
         withdraw();
+    }
     return isDone;
 }
 

@@ -44,10 +44,12 @@ ManagedServiceDiscovery::Private::Private(ManagedServiceDiscovery* discovery)
     , isConnecting(false)
     , hasFailed(false)
     , hasBegun(false)
+    , mayHang(false)
     , pauseMs(0)
     , begunAt(0)
     , graceLeftMs(0)
     , graceExtensions(0)
+    , isGraceStepHeldUp(false)
     , isGraceOver(false)
     , lastPlace(0)
     , firstPlace(0)
@@ -248,7 +250,7 @@ void ManagedServiceDiscovery::passGrace()
 void ManagedServiceDiscovery::queryNextInTurn()
 {
     queryTimer.setInterval(NEXT_QUERY_MS);
-    if (recordQueue.isEmpty() || d->state != Running)
+    if (recordQueue.isEmpty() || !d->isAtWork())
         return;
     const QPair<QString, QString> next = recordQueue.takeFirst();
     recordQueue.append(next);

@@ -32,6 +32,8 @@ public:
     void reset();
     /** @return false if a slot has ended what the caller works on. */
     bool setState(State newState);
+    /** There is a client to make calls on. */
+    bool isAtWork() const { return hasBegun && !hasFailed && q->client; }
 
     // What may be missing for a while after a restart: ManagedGrace.cpp
     void startGrace();
@@ -139,6 +141,7 @@ private:
     bool browseWantedTypes();
     bool browseNextType();
     void retryLater(int longestMs);
+    bool isDaemonAsked();
     bool leaveClient();
     void attemptFailed();
     void dropClient();
@@ -200,8 +203,10 @@ private:
     void awaitRoom();
     bool hasCallsToMake(const ThreadedCalls& calls) const;
     bool isToFollow(const ThreadedCalls& calls) const;
+    int placeOfNextToFollow(const ThreadedCalls& calls) const;
     bool isRoomToCome() const;
     void endSecondClientIfIdle();
+    int answersToCome() const;
     void makeSomeCalls();
     bool makeSomeCalls(ThreadedCalls& calls, bool mayUseThread);
     bool finishCalls(ThreadedCalls& calls);
@@ -217,6 +222,7 @@ private:
     bool takePlanToFollow(const ClientCall& call);
     void addressBrowserMade(const ClientCall& call, ThreadedCalls& calls);
     void addressBrowserRefused(const ServiceKey& key, int error);
+    void callFailed();
     void putBack(const ClientCall& call, ThreadedCalls& calls);
     bool hasRoomFor(int objects);
     void makeRoom(int excess);
@@ -224,6 +230,8 @@ private:
     int openForServices() const;
     int objectsAllowed() const;
     int awaitedAddressBrowsers() const;
+    /** After a call of the object's own client that failed. */
+    void noteRefusal();
     void coolDown();
     void closeResolver(TrackedService& service);
     void closeAddressBrowser(TrackedService& service);
@@ -244,6 +252,8 @@ private:
     bool isConnecting;
     bool hasFailed;
     bool hasBegun;
+    /** The daemon is to be asked before the client is left or made. */
+    bool mayHang;
     Backoff backoff;
     /** How long to wait after the connection was lost. */
     int pauseMs;
@@ -252,8 +262,10 @@ private:
     QElapsedTimer attempt;
     Backoff publishBackoff;
     int graceLeftMs;
-    /** How often more the grace period may be prolonged. */
+    /** How often the grace period was prolonged. */
     int graceExtensions;
+    /** When the step began, what the daemon told was not read. */
+    bool isGraceStepHeldUp;
     /** The period has passed, if the daemon answers in time. */
     bool isGraceOver;
     QElapsedTimer graceStep;

@@ -32,7 +32,7 @@ void SecondClient::make()
 
 bool SecondClient::hasWork() const
 {
-    return !planned.isEmpty() || !closedAddressBrowsers.isEmpty() || (m_client && !watchGroup.isPausable());
+    return !planned.isEmpty() || !addressBrowsersToFree.isEmpty() || (m_client && !watchGroup.isPausable());
 }
 
 void SecondClient::wait()
@@ -50,7 +50,7 @@ void SecondClient::clear()
     m_client = nullptr;
     m_wasTried = false;
     planned.takeAll();
-    closedAddressBrowsers.clear();
+    addressBrowsersToFree.clear();
     thread.end();
 }
 

@@ -33,9 +33,26 @@ bool ThreadedCalls::beginInThread(const std::function<void()>& call)
     return false;
 }
 
+void ThreadedCalls::freeAddressBrowser(AvahiRecordBrowser* browser, const ServiceKey& key)
+{
+    ClientCall call(ClientCall::FreeAddressBrowser);
+    call.addressBrowser = browser;
+    call.key = key;
+    addressBrowsersToFree.append(call);
+}
+
+bool ThreadedCalls::areAnyOfAddressesFor(const ServiceKey& key) const
+{
+    for (int i = 0; i < addressBrowsersToFree.size(); ++i) {
+        if (addressBrowsersToFree.at(i).key == key)
+            return true;
+    }
+    return planned.areAnyOfAddressesFor(key);
+}
+
 int ThreadedCalls::frees() const
 {
-    return static_cast<int>(closedAddressBrowsers.size()) + planned.size() - planned.makes();
+    return static_cast<int>(addressBrowsersToFree.size()) + planned.size() - planned.makes();
 }
 
 void ThreadedCalls::wait()

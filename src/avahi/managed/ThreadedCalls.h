@@ -25,11 +25,14 @@ public:
     WatchGroup watchGroup;
     /** Those that are planned or on their way, and what became of them. */
     ClientCalls planned;
-    /** Their freeing is to be planned. */
-    QList<AvahiRecordBrowser*> closedAddressBrowsers;
+    /** To be planned. */
+    QList<ClientCall> addressBrowsersToFree;
 
     /** Calls are on their way, or have returned and were not waited for. */
     bool isBusy() const { return thread.isBusy(); }
+    void freeAddressBrowser(AvahiRecordBrowser* browser, const ServiceKey& key);
+    /** One of these calls makes or frees an address browser of this service. */
+    bool areAnyOfAddressesFor(const ServiceKey& key) const;
     /** How many objects are to be freed, or are on their way to it. */
     int frees() const;
     bool haveReturned() const { return isBusy() && thread.hasReturned(); }
