@@ -10,6 +10,7 @@ class ManagedSecondClientTest : public ManagedThreadTest
 {
 protected:
     static constexpr int MANY = 100;
+    static constexpr int MOST_UNREAD = 24;
 
     void appear(int devices)
     {
@@ -76,6 +77,16 @@ protected:
                 record(number, AVAHI_BROWSER_ALL_FOR_NOW, "any.local", nullptr);
         }
         turn();
+    }
+
+    /** How many address browsers are open when all are resolved and nothing is told of addresses. */
+    int unreadAfterResolving()
+    {
+        for (int round = 0; round < 20; ++round) {
+            resolveNext();
+            turn();
+        }
+        return static_cast<int>(addressBrowsers().size());
     }
 
     /** Of this process. One that has ended is there a moment longer. */
@@ -629,6 +640,20 @@ TEST_F(ManagedSecondClientTest, AfterAFailureItsCallsAreMadeAgain)
     avahi.failNext("record_browser_new", AVAHI_ERR_INVALID_HOST_NAME);
     turn(50);
     EXPECT_EQ(liveCount("recordBrowser"), 3);
+}
+
+TEST_F(ManagedSecondClientTest, WhatWasUnreadWhenTheConnectionEndedHoldsUpNobodyAfterwards)
+{
+    manyAppear();
+    EXPECT_EQ(unreadAfterResolving(), MOST_UNREAD);
+    failClient();
+    turn();
+    takeCalls();
+    for (int i = 1; i <= MANY; ++i)
+        appearsOn(camName(i).c_str(), 2, AVAHI_PROTO_INET, HTTP, 2);
+    turn();
+    ASSERT_EQ(addressBrowsers(), std::vector<int>());
+    EXPECT_EQ(unreadAfterResolving(), MOST_UNREAD);
 }
 
 TEST_F(ManagedSecondClientTest, LongLivedQueryIsEndedOnTheClientThatItIsOf)

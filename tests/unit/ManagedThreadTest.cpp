@@ -419,6 +419,55 @@ TEST_F(ManagedThreadTest, CallsAfterOneThatFailedAreMadeLaterInTheirOrder)
         EXPECT_EQ(made.at(size_t(i - 1)), newResolver(camName(i), i - 1));
 }
 
+// The object may have a thread of its own beside that of its calls.
+
+TEST_F(ManagedThreadTest, ObjectOfAnotherThreadHasItsCallsMadeInAThirdAndTellsTheFirst)
+{
+    QObject window;
+    QStringList told;
+    const std::thread::id windowsThread = std::this_thread::get_id();
+    std::thread::id objectsThread;
+    std::thread::id caller;
+    // The thread sanitizer does not see how Qt synchronises itself.
+    std::atomic<bool> isOver{false};
+    const std::unique_ptr<QThread> worker(QThread::create([&] {
+        objectsThread = std::this_thread::get_id();
+        OpenManagedDiscovery discovery;
+        QObject::connect(&discovery, &vd::ServiceDiscovery::serviceFound, &window,
+                         [&](const vd::SServiceInfo& device) {
+                             told += device.serviceName;
+                             EXPECT_EQ(std::this_thread::get_id(), windowsThread);
+                         });
+        const auto runUntilOpen = [&](const Lines& handles) {
+            QElapsedTimer waited;
+            waited.start();
+            while ((avahi.liveHandles() != handles || areCallsMadeFor(discovery)) && waited.elapsed() < LONG_MS)
+                QCoreApplication::processEvents(QEventLoop::AllEvents, 1);
+            EXPECT_EQ(avahi.liveHandles(), handles);
+        };
+        daemonRuns();
+        EXPECT_TRUE(discovery.BrowseServices(HTTP));
+        avahi.duringCall("record_browser_new", [&] { caller = std::this_thread::get_id(); });
+        appears("Cam");
+        runUntilOpen({"client1", "browser1", "resolver1"});
+        ManagedDiscoveryTest::resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        runUntilOpen({"client1", "browser1", "recordBrowser1"});
+        ManagedDiscoveryTest::record(1, AVAHI_BROWSER_ALL_FOR_NOW, "cam.local", nullptr);
+        runUntilOpen({"client1", "browser1"});
+        discovery.TerminateBrowsing();
+        isOver = true;
+    }));
+    worker->start();
+    ASSERT_TRUE(worker->wait(4 * LONG_MS));
+    ASSERT_TRUE(isOver);
+    EXPECT_NE(caller, std::thread::id());
+    EXPECT_NE(caller, windowsThread);
+    EXPECT_NE(caller, objectsThread);
+    EXPECT_EQ(told, QStringList());
+    QCoreApplication::processEvents();
+    EXPECT_EQ(told, QStringList(QStringLiteral("Cam")));
+}
+
 // When Avahi is at work in the object's thread, no other may have the client.
 
 TEST_F(ManagedThreadTest, CallsInsideACallbackAreMadeInItsThread)
