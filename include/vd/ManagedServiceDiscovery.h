@@ -56,11 +56,12 @@ namespace vd {
  *
  * Thread: as AvahiServiceDiscovery. Avahi's calls wait for the daemon, so those that devices need are made in a thread
  * that the object starts for them, a few at a time, and the event loop goes on; handlers and slots are called in the
- * object's thread as ever. While many services stand in line, a second Avahi client, with a thread of its own, takes part
- * in the look-up of addresses, so that the daemon need not wait for the next call. The daemon is asked first, without
- * waiting, whether it is ready, on one more connection to the bus. One that hangs then delays devices and holds up
- * nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(), TerminateRegistration(),
- * TerminateBrowsing(), the destructor, connecting and publishing anew. These also wait for calls that are on their way, on
+ * object's thread as ever. While many services stand in line, or were asked for lately, a second Avahi client, with a
+ * thread of its own, takes part in the look-up of addresses, so that the daemon need not wait for the next call. The daemon
+ * is asked first, without waiting, whether it is ready, on one more connection to the bus. One that hangs then delays
+ * devices and holds up nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(),
+ * TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and publishing anew. It is asked too before the
+ * connection is made anew after a call or an attempt that it did not answer, so it holds up the first attempt alone. These also wait for calls that are on their way, on
  * the client that they use. To keep them from blocking a window too, make the object in the run() of a QThread and connect
  * its signals to the window by queued connections. With the distribution's poll adapter (VD_USE_SYSTEM_AVAHI_QT) all calls
  * are made in the object's thread, and while a slot runs an event loop those on the client whose handler emitted the
@@ -86,11 +87,13 @@ public:
     ManagedServiceDiscovery();
     ~ManagedServiceDiscovery() override;
 
+    /** What stateChanged() told last. */
     State state() const;
 
     /**
      * How long after Running a device known from before may take to be seen again, in milliseconds; default 15000.
-     * What the event loop was held up for does not count, and the period does not end while the daemon hangs.
+     * What the event loop was held up for does not count, and the period does not end while the daemon hangs, or a slot
+     * runs an event loop.
      */
     int gracePeriod() const;
     void setGracePeriod(int milliseconds);
@@ -118,6 +121,10 @@ public:
     bool IsRegistered() override;
 
 Q_SIGNALS:
+    /**
+     * Emitted in the object's thread, by BrowseServices() and TerminateBrowsing() before they return, else from the event
+     * loop. A slot may do what those of the other signals may.
+     */
     void stateChanged(vd::ManagedServiceDiscovery::State state);
 
 protected:

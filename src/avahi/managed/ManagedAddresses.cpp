@@ -8,7 +8,7 @@ namespace vd {
 
 namespace {
 
-// With more address browsers than this, or more services in line for theirs, one is closed when the daemon's cache is
+// With more address browsers than this, or more services in line to be resolved, one is closed when the daemon's cache is
 // read: many slow the daemon down, and their questions bring it a flood of answers.
 const int FEW_ADDRESS_BROWSERS = 32;
 const int LOOK_AGAIN_MS = 3000;
