@@ -10,6 +10,8 @@ from labkit.devices import camera
 # A thread that no call holds up answers in far less, on a busy machine too.
 PROMPT_S = 0.5
 HANG_S = 3
+# D-Bus gives a call up then.
+CALL_S = 25
 NEW_ADDRESS = "10.77.0.250"
 
 
@@ -55,6 +57,19 @@ def test_a_query_does_not_wait_for_a_daemon_that_hangs(stage, long_lived):
     assert name == "serviceAddress"
     assert dict(record)["addresses"] == [camera().addresses[0], NEW_ADDRESS]
     assert dict(record)["longLiveQuery"] is long_lived
+
+
+def test_a_daemon_that_hangs_from_the_start_holds_up_the_first_attempt_alone(stage):
+    lab = stage.lab()
+    probe, publisher = stage.probe(lab, "--managed"), stage.publisher(lab)
+    publisher.publish(camera())
+    lab.fault("viewer", "daemon-hang")
+    probe.post("browse", type="_http._tcp")
+    assert probe.said.wait_for(lambda lines: answers(lines, "browse"), CALL_S + 10)
+    assert slowest_beat(probe) < PROMPT_S
+
+    lab.fault("viewer", "daemon-continue")
+    assert [name for name, _ in probe.take_signals(1)] == ["serviceFound"]
 
 
 def test_a_daemon_that_hangs_holds_up_the_thread_of_discovery_alone(stage):

@@ -551,6 +551,24 @@ TEST_F(ManagedCallsTest, BrowsingThatBeginsAnewWaitsForNoAnswer)
     EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
 }
 
+TEST_F(ManagedCallsTest, ClientThatADaemonThatHungDidNotAnswerIsLeftWhenItAnswers)
+{
+    daemonIsAway();
+    avahi.duringCall("service_browser_new", [] { QThread::msleep(5000); });
+    avahi.failNext("service_browser_new", AVAHI_ERR_TIMEOUT);
+    EXPECT_TRUE(discovery().BrowseServices(HTTP));
+    takeCalls();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    turn(300);
+    EXPECT_EQ(takeCalls(), Lines());
+    daemonRuns();
+    answer();
+    const Lines calls = takeCalls();
+    EXPECT_EQ(count(calls, "client_free(client1)"), 1);
+    EXPECT_EQ(count(calls, "service_browser_new(client2"), 1);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
 TEST_F(ManagedCallsTest, DaemonThatHungInAnAttemptIsAskedBeforeTheNext)
 {
     daemonRuns();

@@ -133,9 +133,11 @@ bool ManagedServiceDiscovery::Private::leaveClient()
 
 void ManagedServiceDiscovery::Private::attemptFailed()
 {
-    const bool isDaemonAwaited = q->client && clientState == AVAHI_CLIENT_CONNECTING;
-    const bool isBusWatched = q->client || busSocketWatch.turnOn();
     mayHang = attempt.elapsed() >= LONG_MS;
+    // A client that it did not answer waits for another daemon.
+    hasFailed = hasFailed || (mayHang && q->client);
+    const bool isDaemonAwaited = q->client && !hasFailed && clientState == AVAHI_CLIENT_CONNECTING;
+    const bool isBusWatched = q->client || busSocketWatch.turnOn();
     if (!isDaemonAwaited)
         retryLater(isBusWatched ? LONGEST_RETRY_MS : SOON_MS);
     if (!q->client)
