@@ -6,7 +6,7 @@ import re
 from labkit.devices import camera_txt, numbered
 from labkit.labs import WITH_DESK
 from labkit.lines import wait_until
-from labkit.managed import RUNNING, UNAVAILABLE, found, managed, wait_for_state
+from labkit.managed import RUNNING, UNAVAILABLE, found, managed, told, wait_for_state
 
 RESOLVED = re.compile(r"ManagedServiceDiscovery::ServiceResolve\(\) -> resolved: (Cam \d+) host: .*")
 ROUNDS = 3
@@ -24,10 +24,6 @@ def resolved(probe):
     """The devices in the order in which they were resolved, ever since."""
     matches = [RESOLVED.fullmatch(line["text"]) for line in list(probe.said.all) if line["event"] == "log"]
     return [match[1] for match in matches if match]
-
-
-def told(signals):
-    return sorted((name, dict(record)["serviceName"]) for name, record in signals)
 
 
 def test_each_round_queries_every_device_once_and_in_the_same_order(stage):

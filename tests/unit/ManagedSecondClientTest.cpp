@@ -225,15 +225,43 @@ TEST_F(ManagedSecondClientTest, ItEndsThoughManyDevicesAreSilent)
     EXPECT_EQ(objectsAlive(), MANY + 1);
 }
 
-TEST_F(ManagedSecondClientTest, ItStaysAsLongAsAQueryIsKeptOpenOnIt)
+TEST_F(ManagedSecondClientTest, ItEndsThoughAQueryIsKeptOpen)
 {
     manyAppear();
     discovery().StartQueryRecords("Cam1", HTTP, true);
     answerAll(3);
-    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "client2", "resolver101", "recordBrowser101"}));
-    discovery().StopQueryRecords("Cam1", HTTP);
+    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1", "resolver101", "recordBrowser101"}));
+}
+
+TEST_F(ManagedSecondClientTest, DeviceThatItFollowsIsFollowedByTheOwnClientWhenItsQueryIsKeptOpen)
+{
+    manyAppear();
+    takeCalls();
+    resolveOnly(1);
     turn();
-    EXPECT_EQ(avahi.liveHandles(), (Lines{"client1", "browser1"}));
+    ASSERT_EQ(count(takeCalls(), "record_browser_new(client2"), 1);
+    discovery().StartQueryRecords("Cam1", HTTP, true);
+    // Its turn comes after all that wait.
+    turn(400);
+    const Lines calls = takeCalls();
+    EXPECT_EQ(count(calls, "record_browser_free(recordBrowser1)"), 1);
+    EXPECT_EQ(count(calls, "record_browser_new(client1"), 1);
+    EXPECT_EQ(addressBrowsers(), std::vector<int>{2});
+}
+
+TEST_F(ManagedSecondClientTest, DeviceThatItIsAboutToFollowIsFollowedByTheOwnClientWhenItsQueryIsKeptOpen)
+{
+    manyAppear();
+    resolveAndHoldUp(1);
+    discovery().StartQueryRecords("Cam1", HTTP, true);
+    pass(400);
+    takeCalls();
+    letReturn();
+    turn();
+    const Lines calls = takeCalls();
+    EXPECT_EQ(count(calls, "record_browser_free(recordBrowser1)"), 1);
+    EXPECT_EQ(count(calls, "record_browser_new(client1"), 1);
+    EXPECT_EQ(addressBrowsers(), std::vector<int>{2});
 }
 
 TEST_F(ManagedSecondClientTest, TheNextManyHaveItMadeAgain)
@@ -656,22 +684,20 @@ TEST_F(ManagedSecondClientTest, WhatWasUnreadWhenTheConnectionEndedHoldsUpNobody
     EXPECT_EQ(unreadAfterResolving(), MOST_UNREAD);
 }
 
-TEST_F(ManagedSecondClientTest, LongLivedQueryIsEndedOnTheClientThatItIsOf)
+TEST_F(ManagedSecondClientTest, AddressBrowserIsFreedOnTheClientThatItIsOf)
 {
     run();
     discovery().StartQueryRecords("Old", HTTP, true);
     turn();
     resolved(1, "Old", "old.local", "10.0.0.9", cameraTxt);
     record(1, AVAHI_BROWSER_ALL_FOR_NOW, "old.local", nullptr);
-    takeCalls();
     appear(MANY);
-    discovery().StartQueryRecords("Cam1", HTTP, true);
     turn();
     ASSERT_EQ(clients(), (Lines{"client1", "client2"}));
-    resolveNext(1);
+    takeCalls();
+    resolveOnly(2);
     turn();
     ASSERT_EQ(addressBrowsers(), (std::vector<int>{1, 2}));
-    record(2, AVAHI_BROWSER_ALL_FOR_NOW, "Cam1.local", nullptr);
     std::map<std::string, std::thread::id> callers;
     avahi.duringCall("service_resolver_free", [&] { callers["own"] = std::this_thread::get_id(); });
     avahi.duringCall("record_browser_free", [&] { callers["Old"] = std::this_thread::get_id(); });
@@ -680,10 +706,9 @@ TEST_F(ManagedSecondClientTest, LongLivedQueryIsEndedOnTheClientThatItIsOf)
     EXPECT_NE(callers["own"], std::thread::id());
     EXPECT_EQ(callers["Old"], callers["own"]);
     avahi.duringCall("record_browser_free", [&] { callers["Cam1"] = std::this_thread::get_id(); });
-    discovery().StopQueryRecords("Cam1", HTTP);
-    turn();
-    EXPECT_NE(callers["Cam1"], callers["own"]);
+    record(2, AVAHI_BROWSER_ALL_FOR_NOW, "Cam1.local", nullptr);
     EXPECT_NE(callers["Cam1"], std::thread::id());
+    EXPECT_NE(callers["Cam1"], callers["own"]);
 }
 
 /** The daemon can be asked whether it answers. */

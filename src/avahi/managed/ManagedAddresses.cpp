@@ -59,8 +59,13 @@ void ManagedServiceDiscovery::Private::follow(const ServiceKey& key, const QStri
     const bool isFollowed = service.addressBrowser && (service.missing.isEmpty() || !service.isLookComplete);
     if ((isFollowed || service.isToBeFollowed || service.isFollowPlanned) && service.host == host)
         return;
-    closeAddressBrowser(service);
     service.host = host;
+    followAnew(key, service);
+}
+
+void ManagedServiceDiscovery::Private::followAnew(const ServiceKey& key, TrackedService& service)
+{
+    closeAddressBrowser(service);
     service.addressLinks.clear();
     service.isToBeFollowed = true;
     service.isLookComplete = false;

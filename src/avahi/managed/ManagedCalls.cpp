@@ -98,7 +98,8 @@ bool ManagedServiceDiscovery::Private::hasCallsToMake(const ThreadedCalls& calls
 
 bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) const
 {
-    if (placeOfNextToFollow(calls) == toFollow.size())
+    const int place = placeOfNextToFollow(calls);
+    if (place == toFollow.size())
         return false;
     if (!second.client())
         return &calls == &ownCalls;
@@ -106,18 +107,28 @@ bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) co
                        + ownCalls.planned.count(ClientCall::MakeAddressBrowser)
                        + second.planned.count(ClientCall::MakeAddressBrowser);
     const bool isLeftToIt
-        = &calls == &second || (toFollow.size() > MOST_FOR_SECOND && unread < MOST_UNREAD - MOST_FOR_SECOND);
+        = &calls == &second || isKept(toFollow.at(place))
+          || (toFollow.size() > MOST_FOR_SECOND && unread < MOST_UNREAD - MOST_FOR_SECOND);
     return unread < MOST_UNREAD && isLeftToIt && !isRoomToCome();
 }
 
-// The address browser that a service had before, on the other client, is to be freed first.
+// The second client ends before long, and what is kept open stays. The address browser that a service had before, on the
+// other client, is to be freed first.
 int ManagedServiceDiscovery::Private::placeOfNextToFollow(const ThreadedCalls& calls) const
 {
-    const ThreadedCalls& other = &calls == &ownCalls ? second : ownCalls;
+    const bool isSecond = &calls == &second;
+    const ThreadedCalls& other = isSecond ? ownCalls : second;
     int place = 0;
-    while (place < toFollow.size() && other.areAnyOfAddressesFor(toFollow.at(place)))
+    while (place < toFollow.size()
+           && ((isSecond && isKept(toFollow.at(place))) || other.areAnyOfAddressesFor(toFollow.at(place))))
         ++place;
     return place;
+}
+
+bool ManagedServiceDiscovery::Private::isKept(const ServiceKey& key) const
+{
+    const TrackedServices::const_iterator service = tracked.constFind(key);
+    return service != tracked.constEnd() && service->isKept;
 }
 
 // Its place is reserved, but what is to leave it may be freed later than the other client takes it.
@@ -477,6 +488,9 @@ void ManagedServiceDiscovery::Private::addressBrowserMade(const ClientCall& call
         service.addressBrowserCalls = &calls;
         unreadAddressBrowsers.append(call.addressBrowser);
         addressBrowsers.insert(call.addressBrowser, call.key);
+        // It was planned before.
+        if (service.isKept && &calls == &second)
+            followAnew(call.key, service);
     }
 }
 

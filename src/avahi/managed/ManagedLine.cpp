@@ -155,6 +155,9 @@ void ManagedServiceDiscovery::Private::keep(const ServiceKey& key, TrackedServic
     service.isKept = true;
     kept.append(key);
     parked.removeOne(key);
+    // The second client is not to be kept for it.
+    if (service.addressBrowser && service.addressBrowserCalls == &second)
+        followAnew(key, service);
 }
 
 void ManagedServiceDiscovery::Private::unkeep(const ServiceKey& key, TrackedService& service)

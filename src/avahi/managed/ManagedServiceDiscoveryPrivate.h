@@ -204,6 +204,7 @@ private:
     bool hasCallsToMake(const ThreadedCalls& calls) const;
     bool isToFollow(const ThreadedCalls& calls) const;
     int placeOfNextToFollow(const ThreadedCalls& calls) const;
+    bool isKept(const ServiceKey& key) const;
     bool isRoomToCome() const;
     void endSecondClientIfIdle();
     int answersToCome() const;
@@ -238,6 +239,7 @@ private:
     void forgetCalls();
 
     void follow(const ServiceKey& key, const QString& host);
+    void followAnew(const ServiceKey& key, TrackedService& service);
     void noteMissing(const ServiceKey& key, const QStringList& missing);
     void removeAddress(const ServiceKey& key, const QString& address);
     void takeFromUnfollowed(const ServiceKey& key, const QString& address);
