@@ -147,6 +147,12 @@ protected:
         return numbers;
     }
 
+    bool isResolverOpen(int number) const
+    {
+        const Lines live = avahi.liveHandles();
+        return std::count(live.begin(), live.end(), "resolver" + std::to_string(number)) == 1;
+    }
+
     int objectsAlive() const { return static_cast<int>(avahi.liveHandles().size() - clients().size()); }
 };
 
@@ -262,6 +268,41 @@ TEST_F(ManagedSecondClientTest, DeviceThatItIsAboutToFollowIsFollowedByTheOwnCli
     EXPECT_EQ(count(calls, "record_browser_free(recordBrowser1)"), 1);
     EXPECT_EQ(count(calls, "record_browser_new(client1"), 1);
     EXPECT_EQ(addressBrowsers(), std::vector<int>{2});
+}
+
+TEST_F(ManagedSecondClientTest, QueriesOfAFewDoNotKeepIt)
+{
+    manyAppear();
+    takeCalls();
+    resolveOnly(1);
+    turn();
+    ASSERT_EQ(count(takeCalls(), "record_browser_new(client2"), 1);
+    // Until all others are resolved, and their addresses known.
+    int left = MANY - 1;
+    for (int number = 2; number <= MANY; ++number) {
+        turn(number % 16 == 0 ? 30 : 0);
+        if (!isResolverOpen(number))
+            continue;
+        resolveOnly(number);
+        turn();
+        --left;
+        for (const int browser : addressBrowsers()) {
+            if (browser != 1)
+                record(browser, AVAHI_BROWSER_ALL_FOR_NOW, "any.local", nullptr);
+        }
+    }
+    ASSERT_EQ(left, 0);
+    ASSERT_EQ(addressBrowsers(), std::vector<int>{1});
+    ASSERT_EQ(clients(), (Lines{"client1", "client2"}));
+    takeCalls();
+    discovery().StartQueryRecords("Cam2", HTTP, false);
+    turn();
+    resolveNext();
+    turn();
+    EXPECT_EQ(count(takeCalls(), "record_browser_new(client1"), 1);
+    record(1, AVAHI_BROWSER_ALL_FOR_NOW, "any.local", nullptr);
+    turn();
+    EXPECT_EQ(clients(), Lines{"client1"});
 }
 
 TEST_F(ManagedSecondClientTest, TheNextManyHaveItMadeAgain)

@@ -14,8 +14,9 @@ namespace {
 // How long calls may be made before what they led to is looked at.
 const int TURN_MS = 4;
 const int MOST_CALLS = 32;
-// With so many in line a second client is worth what it takes to make it.
+// With so many in line a second client is worth what it takes to make it, and with so many it goes on.
 const int MANY_IN_LINE = 64;
+const int ENOUGH_IN_LINE = 32;
 // Both clients together have no more address browsers than these whose addresses the daemon is yet to read from its
 // cache: more of them slow it down.
 const int MOST_UNREAD = 24;
@@ -106,9 +107,12 @@ bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) co
     const int unread = static_cast<int>(unreadAddressBrowsers.size())
                        + ownCalls.planned.count(ClientCall::MakeAddressBrowser)
                        + second.planned.count(ClientCall::MakeAddressBrowser);
-    const bool isLeftToIt
-        = &calls == &second || isKept(toFollow.at(place))
-          || (toFollow.size() > MOST_FOR_SECOND && unread < MOST_UNREAD - MOST_FOR_SECOND);
+    const bool areManyToFollow = toFollow.size() > MOST_FOR_SECOND;
+    const bool isForSecond = areManyToFollow || areManyInLine();
+    const bool isLeftToIt = &calls == &second
+                                ? isForSecond
+                                : !isForSecond || isKept(toFollow.at(place))
+                                      || (areManyToFollow && unread < MOST_UNREAD - MOST_FOR_SECOND);
     return unread < MOST_UNREAD && isLeftToIt && !isRoomToCome();
 }
 
@@ -164,7 +168,7 @@ void ManagedServiceDiscovery::Private::endSecondClientIfIdle()
     const bool isAnyLeft = !toFollow.isEmpty() || second.isBusy() || second.hasWork();
     if (isAnyLeft)
         return;
-    if (line.size() + answersToCome() >= MANY_IN_LINE / 2) {
+    if (areManyInLine()) {
         scheduleCalls(LOOK_FOR_IDLE_MS);
         return;
     }
@@ -176,19 +180,19 @@ void ManagedServiceDiscovery::Private::endSecondClientIfIdle()
     second.clear();
 }
 
-// Those that were asked longer ago are silent.
-int ManagedServiceDiscovery::Private::answersToCome() const
+// They and those whose answer may come yet. Who was asked longer ago is silent.
+bool ManagedServiceDiscovery::Private::areManyInLine() const
 {
-    int awaited = 0;
+    int many = static_cast<int>(line.size());
     QMap<qint64, ServiceKey>::const_iterator next = unanswered.constEnd();
-    while (next != unanswered.constBegin()) {
+    while (many < ENOUGH_IN_LINE && next != unanswered.constBegin()) {
         --next;
         const TrackedServices::const_iterator service = tracked.constFind(next.value());
         if (service != tracked.constEnd() && clock.elapsed() - service->resolvingSince >= ANSWER_MS)
             break;
-        ++awaited;
+        ++many;
     }
-    return awaited;
+    return many >= ENOUGH_IN_LINE;
 }
 
 // The daemon may allow more then.

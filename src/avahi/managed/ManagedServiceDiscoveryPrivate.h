@@ -207,7 +207,7 @@ private:
     bool isKept(const ServiceKey& key) const;
     bool isRoomToCome() const;
     void endSecondClientIfIdle();
-    int answersToCome() const;
+    bool areManyInLine() const;
     void makeSomeCalls();
     bool makeSomeCalls(ThreadedCalls& calls, bool mayUseThread);
     bool finishCalls(ThreadedCalls& calls);
