@@ -60,12 +60,12 @@ namespace vd {
  * thread of its own, takes part in the look-up of addresses, so that the daemon need not wait for the next call. The daemon
  * is asked first, without waiting, whether it is ready, on one more connection to the bus. One that hangs then delays
  * devices and holds up nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(),
- * TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and publishing anew. It is asked too before the
- * connection is made anew after a call or an attempt that it did not answer, so it holds up the first attempt alone. These also wait for calls that are on their way, on
- * the client that they use. To keep them from blocking a window too, make the object in the run() of a QThread and connect
- * its signals to the window by queued connections. With the distribution's poll adapter (VD_USE_SYSTEM_AVAHI_QT) all calls
- * are made in the object's thread, and while a slot runs an event loop those on the client whose handler emitted the
- * signal.
+ * TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and publishing anew. These also wait for calls
+ * that are on their way, on the client that they use. Connecting waits once: after a call or an attempt that a daemon did
+ * not answer it is asked before the next. To keep all of these from blocking a window too, make the object in the run() of
+ * a QThread and connect its signals to the window by queued connections. With the distribution's poll adapter
+ * (VD_USE_SYSTEM_AVAHI_QT) all calls are made in the object's thread, and while a slot runs an event loop those on the
+ * client whose handler emitted the signal.
  *
  * The thread may be using @c client whenever the event loop has run. So a class that derives from this one makes calls on
  * it in two places only: inside a handler other than RecordBrowse(), whose browser may be of the second client, and right
@@ -92,8 +92,8 @@ public:
 
     /**
      * How long after Running a device known from before may take to be seen again, in milliseconds; default 15000.
-     * What the event loop was held up for does not count, and the period does not end while the daemon hangs, or a slot
-     * runs an event loop.
+     * What the event loop was held up for does not count, and the period does not end while the daemon hangs, or while
+     * a slot runs an event loop and keeps the client from telling more (with the library's own poll adapter).
      */
     int gracePeriod() const;
     void setGracePeriod(int milliseconds);

@@ -569,6 +569,53 @@ TEST_F(ManagedCallsTest, ClientThatADaemonThatHungDidNotAnswerIsLeftWhenItAnswer
     EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
 }
 
+TEST_F(ManagedCallsTest, RunningDaemonThatHungAsATypeWasBrowsedIsUnavailable)
+{
+    run();
+    avahi.duringCall("service_browser_new", [] { QThread::msleep(5000); });
+    avahi.failNext("service_browser_new", AVAHI_ERR_TIMEOUT);
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Unavailable);
+    takeCalls();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    answer();
+    EXPECT_EQ(count(takeCalls(), "client_free(client1)"), 1);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
+TEST_F(ManagedCallsTest, ClientIsKeptThoughADaemonThatIsFullTookLongToSaySo)
+{
+    run();
+    avahi.duringCall("service_browser_new", [] { QThread::msleep(5000); });
+    avahi.failNext("service_browser_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Connecting);
+    turn(500);
+    EXPECT_EQ(count(takeCalls(), "client_free"), 0);
+    EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
+TEST_F(ManagedCallsTest, DaemonThatHungInACallIsAskedThoughATypeWasToBeBrowsedMeanwhile)
+{
+    avahi.useEventLoop();
+    run();
+    appears("Cam");
+    awaitQuestion();
+    avahi.failNext("service_resolver_new", AVAHI_ERR_DBUS_ERROR);
+    avahi.duringCall("service_resolver_new", [] { QThread::msleep(200); });
+    bus.answer();
+    QElapsedTimer waited;
+    waited.start();
+    while (!areCallsMade() && waited.elapsed() < LONG_MS)
+        QCoreApplication::processEvents();
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    takeCalls();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(count(takeCalls(), "client_free(client1)"), 1);
+}
+
 TEST_F(ManagedCallsTest, DaemonThatHungInAnAttemptIsAskedBeforeTheNext)
 {
     daemonRuns();

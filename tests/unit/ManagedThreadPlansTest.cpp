@@ -402,6 +402,40 @@ TEST_F(ManagedThreadPlansTest, NothingIsBrowsedOnAClientThatFailsMeanwhile)
     turn();
 }
 
+TEST_F(ManagedThreadPlansTest, NothingIsPublishedOnAClientThatFailsMeanwhileButLater)
+{
+    run();
+    appears("Cam");
+    avahi.failNext("service_resolver_new", AVAHI_ERR_DISCONNECTED);
+    holdUp("service_resolver_new");
+    runUntilHeldUp();
+    returnsDuring([this] { EXPECT_TRUE(discovery().RegisterService("Setup", HTTP, vd::SReconfigInfo())); });
+    EXPECT_EQ(count(takeCalls(), "entry_group_new"), 0);
+    turn(100);
+    EXPECT_EQ(count(takeCalls(), "entry_group_new(client2"), 1);
+}
+
+TEST_F(ManagedThreadPlansTest, NothingIsWithdrawnOrUpdatedOnAClientThatFailsMeanwhile)
+{
+    for (const bool isWithdrawing : {false, true}) {
+        discovery().TerminateBrowsing();
+        run();
+        ASSERT_TRUE(discovery().RegisterService("Setup", HTTP, vd::SReconfigInfo()));
+        appearsOn("Cam", 2, AVAHI_PROTO_INET, HTTP, isWithdrawing ? 3 : 1);
+        avahi.failNext("service_resolver_new", AVAHI_ERR_DISCONNECTED);
+        holdUp("service_resolver_new");
+        runUntilHeldUp();
+        takeCalls();
+        returnsDuring([&] {
+            EXPECT_EQ(isWithdrawing ? discovery().TerminateRegistration() : discovery().UpdateTxtRecord("a=b"),
+                      isWithdrawing);
+        });
+        EXPECT_EQ(count(takeCalls(), "entry_group"), 0);
+        turn(100);
+        EXPECT_EQ(discovery().IsRegistered(), !isWithdrawing);
+    }
+}
+
 TEST_F(ManagedThreadPlansTest, PublishingTwiceWaits)
 {
     run();

@@ -223,8 +223,12 @@ void ManagedServiceDiscovery::Private::daemonAnswered()
     const ManagedSession current(this);
     if (isGraceOver && !ownCalls.isBusy())
         finishGrace();
-    if (!current.ended())
-        makeSomeCalls();
+    if (current.ended())
+        return;
+    makeSomeCalls();
+    // It may be idle by now.
+    if (second.client())
+        scheduleCalls(LOOK_FOR_IDLE_MS);
 }
 
 // A daemon that is not ready any more, as it reads what a whole network answers, holds up the threads only. What it
@@ -269,7 +273,7 @@ void ManagedServiceDiscovery::Private::callsReturned()
 
 bool ManagedServiceDiscovery::Private::finishCalls()
 {
-    return finishCalls(ownCalls);
+    return finishCalls(ownCalls) && !hasFailed;
 }
 
 bool ManagedServiceDiscovery::Private::finishCalls(ThreadedCalls& calls)
@@ -611,12 +615,13 @@ int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
 }
 
 // It is tried again by whoever was refused, and what waits for the network in vain gives way to it.
-void ManagedServiceDiscovery::Private::noteRefusal()
+bool ManagedServiceDiscovery::Private::noteRefusal()
 {
     if (!q->client || avahi_client_errno(q->client) != AVAHI_ERR_TOO_MANY_OBJECTS)
-        return;
+        return false;
     coolDown();
     makeRoom(1);
+    return true;
 }
 
 // What is open now is as much as the daemon allows, for some time.

@@ -92,7 +92,8 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
         connectTimer.start(0);
         return;
     }
-    if (mayHang && isDaemonAsked()) {
+    attempt.start();
+    if (mayHang && isToWaitForAnswer()) {
         setState(Unavailable);
         return;
     }
@@ -114,11 +115,17 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
 }
 
 // All that follows waits for the daemon, which is taken up when it answers.
-bool ManagedServiceDiscovery::Private::isDaemonAsked()
+bool ManagedServiceDiscovery::Private::isToWaitForAnswer()
 {
     if (!ping.isOpen())
         ping.open();
-    return ping.isAsked() || askDaemon();
+    if (ping.isAsked() || askDaemon())
+        return true;
+    // Without a bus that is known at once.
+    const bool isBusHanging = attempt.elapsed() >= LONG_MS;
+    if (isBusHanging)
+        retryLater(LONGEST_RETRY_MS);
+    return isBusHanging;
 }
 
 // The state is told before the next attempt, which may hang.
@@ -133,8 +140,7 @@ bool ManagedServiceDiscovery::Private::leaveClient()
 
 void ManagedServiceDiscovery::Private::attemptFailed()
 {
-    mayHang = attempt.elapsed() >= LONG_MS;
-    // A client that it did not answer waits for another daemon.
+    // A client that the daemon did not answer waits for another one.
     hasFailed = hasFailed || (mayHang && q->client);
     const bool isDaemonAwaited = q->client && !hasFailed && clientState == AVAHI_CLIENT_CONNECTING;
     const bool isBusWatched = q->client || busSocketWatch.turnOn();
@@ -142,7 +148,7 @@ void ManagedServiceDiscovery::Private::attemptFailed()
         retryLater(isBusWatched ? LONGEST_RETRY_MS : SOON_MS);
     if (!q->client)
         busSocketWatch.look();
-    setState(q->client && isDaemonThere(clientState) ? Connecting : Unavailable);
+    setState(q->client && !hasFailed && isDaemonThere(clientState) ? Connecting : Unavailable);
 }
 
 bool ManagedServiceDiscovery::Private::browseWantedTypes()
@@ -157,7 +163,7 @@ bool ManagedServiceDiscovery::Private::browseWantedTypes()
 
 bool ManagedServiceDiscovery::Private::browseNextType()
 {
-    if (!finishCalls() || hasFailed)
+    if (!finishCalls())
         return false;
     // A slot may change the list meanwhile.
     const QByteArray type = types.at(q->serviceBrowsers.size());
@@ -166,6 +172,8 @@ bool ManagedServiceDiscovery::Private::browseNextType()
     const QList<QPair<QString, QString>> knownQueue = q->recordQueue;
     const ManagedSession current(this);
     const WatchGroup::Scope scope(&ownCalls.watchGroup);
+    QElapsedTimer waited;
+    waited.start();
     const bool isBrowsed = q->AvahiServiceDiscovery::BrowseServices(type.constData());
     if (current.ended())
         return false;
@@ -173,7 +181,8 @@ bool ManagedServiceDiscovery::Private::browseNextType()
         return true;
     q->services = knownServices;
     q->recordQueue = knownQueue;
-    noteRefusal();
+    if (!noteRefusal() && waited.elapsed() >= LONG_MS)
+        mayHang = true;
     return false;
 }
 

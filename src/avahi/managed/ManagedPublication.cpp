@@ -74,6 +74,11 @@ bool ManagedServiceDiscovery::Private::registerService(const char* name, const c
 
 bool ManagedServiceDiscovery::Private::accept(const char* name, const char* type, const SReconfigInfo& info)
 {
+    // The calls may turn out to have failed.
+    const ManagedSession current(this);
+    finishCalls();
+    if (current.ended())
+        return false;
     if (!types.isEmpty() && !isDaemonReady() && isPublishable(name, type, info))
         return true;
     // Of what cannot be published, and of a missing client, it is the base that tells.
@@ -107,9 +112,10 @@ bool ManagedServiceDiscovery::Private::terminateRegistration()
 {
     // What the daemon does not have any more, or cannot be asked about, goes with its client.
     const ManagedSession current(this);
-    const bool isWithdrawn = hasFailed || withdraw();
+    bool isWithdrawn = hasFailed || withdraw();
     if (current.ended())
         return false;
+    isWithdrawn = isWithdrawn || hasFailed;
     // A group that was freed with an error is gone all the same.
     if (isWithdrawn || !q->hasEntryGroup()) {
         publishes = false;
@@ -154,7 +160,9 @@ bool ManagedServiceDiscovery::Private::add(const char* name, const char* type, c
     isPublishing = false;
     isPublished = isDone;
     if (!isDone) {
-        noteRefusal();
+        // Without a group Avahi was asked for one, or for nothing.
+        if (!q->hasEntryGroup() && isPublishable(name, type, info))
+            noteRefusal();
         // Nothing half done may stand in the way of the next attempt.
         withdraw();
     }

@@ -63,7 +63,10 @@ public:
     void makeCalls();
     void daemonAnswered();
     void callsReturned();
-    /** Whoever else uses the object's client waits for calls on it. @return false if a slot has ended what it works on. */
+    /**
+     * Whoever else uses the object's client waits for calls on it.
+     * @return false if the connection has failed, or a slot has ended what the caller works on.
+     */
     bool finishCalls();
     /** Waits for all calls, and frees the second client. What was made of the first one goes with it. */
     void leaveCalls();
@@ -141,7 +144,7 @@ private:
     bool browseWantedTypes();
     bool browseNextType();
     void retryLater(int longestMs);
-    bool isDaemonAsked();
+    bool isToWaitForAnswer();
     bool leaveClient();
     void attemptFailed();
     void dropClient();
@@ -231,8 +234,8 @@ private:
     int openForServices() const;
     int objectsAllowed() const;
     int awaitedAddressBrowsers() const;
-    /** After a call of the object's own client that failed. */
-    void noteRefusal();
+    /** After a call of the object's own client that failed. @return whether it was for the number of objects. */
+    bool noteRefusal();
     void coolDown();
     void closeResolver(TrackedService& service);
     void closeAddressBrowser(TrackedService& service);

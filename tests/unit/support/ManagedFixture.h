@@ -52,6 +52,19 @@ protected:
         } while (waited.elapsed() < milliseconds || areCallsDue() || areCallsMade());
     }
 
+    /** Until a device is lost; on a busy machine the grace period lasts a step longer. */
+    void awaitLoss()
+    {
+        QElapsedTimer waited;
+        waited.start();
+        int losses = 0;
+        while (losses == 0 && waited.elapsed() < 5000) {
+            turn(10);
+            losses = count(takeSignals(), "lost serviceType");
+        }
+        EXPECT_EQ(losses, 1);
+    }
+
     bool areCallsDue()
     {
         const QTimer* const timer = hasDiscovery() ? discovery().findChild<QTimer*>("callTimer") : nullptr;
