@@ -47,6 +47,9 @@ void ManagedServiceDiscovery::RecordBrowse(AvahiRecordBrowser* browser, int inte
 // Another may have its turn then.
 void ManagedServiceDiscovery::Private::addressBrowserTells(AvahiRecordBrowser* browser)
 {
+    hasAddressEvent = true;
+    if (addressEventsSince < 0)
+        addressEventsSince = clock.elapsed();
     if (unreadAddressBrowsers.removeOne(browser) && !toFollow.isEmpty())
         scheduleCalls(0);
 }

@@ -241,8 +241,20 @@ void ManagedServiceDiscovery::Private::makeSomeCalls()
     // It is of use only where calls are made in threads.
     if (ownCalls.isBusy() && line.size() >= MANY_IN_LINE)
         second.make();
-    if (second.client())
+    if (second.client() && !areAddressesBeingTold())
         makeSomeCalls(second, true);
+}
+
+// They come one a turn, and each leads to a call or two, which are better handed over together.
+bool ManagedServiceDiscovery::Private::areAddressesBeingTold()
+{
+    const bool areTold = hasAddressEvent && clock.elapsed() - addressEventsSince < TURN_MS;
+    hasAddressEvent = false;
+    if (areTold)
+        scheduleCalls(0);
+    else
+        addressEventsSince = -1;
+    return areTold;
 }
 
 bool ManagedServiceDiscovery::Private::makeSomeCalls(ThreadedCalls& calls, bool mayUseThread)

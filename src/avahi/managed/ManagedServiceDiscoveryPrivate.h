@@ -212,6 +212,7 @@ private:
     void endSecondClientIfIdle();
     bool areManyInLine() const;
     void makeSomeCalls();
+    bool areAddressesBeingTold();
     bool makeSomeCalls(ThreadedCalls& calls, bool mayUseThread);
     bool finishCalls(ThreadedCalls& calls);
     bool noteCalls(ThreadedCalls& calls);
@@ -290,6 +291,10 @@ private:
     QList<ServiceKey> toFollow;
     /** Address browsers that have told nothing yet. */
     QList<AvahiRecordBrowser*> unreadAddressBrowsers;
+    /** An address browser has told something since calls were planned last. */
+    bool hasAddressEvent;
+    /** When the first of those did that came one after the other; -1 for none. */
+    qint64 addressEventsSince;
     qint64 pausedUntil;
     /** What the daemon turned out to allow. */
     int daemonLimit;
