@@ -109,10 +109,10 @@ bool ManagedServiceDiscovery::Private::isToFollow(const ThreadedCalls& calls) co
                        + second.planned.count(ClientCall::MakeAddressBrowser);
     const bool areManyToFollow = toFollow.size() > MOST_FOR_SECOND;
     const bool isForSecond = areManyToFollow || areManyInLine();
-    const bool isLeftToIt = &calls == &second
-                                ? isForSecond
-                                : !isForSecond || isKept(toFollow.at(place))
-                                      || (areManyToFollow && unread < MOST_UNREAD - MOST_FOR_SECOND);
+    bool isLeftToIt = isForSecond;
+    if (&calls == &ownCalls)
+        isLeftToIt = !isForSecond || isKept(toFollow.at(place))
+                     || (areManyToFollow && unread < MOST_UNREAD - MOST_FOR_SECOND);
     return unread < MOST_UNREAD && isLeftToIt && !isRoomToCome();
 }
 
