@@ -160,8 +160,8 @@ bool ManagedServiceDiscovery::Private::add(const char* name, const char* type, c
     isPublishing = false;
     isPublished = isDone;
     if (!isDone) {
-        // Without a group Avahi was asked for one, or for nothing.
-        if (!q->hasEntryGroup() && isPublishable(name, type, info))
+        // Avahi was asked for a group, unless the text stood in the way.
+        if (!q->hasEntryGroup() && reasonNotToPublish(info, q->txtRecord).isEmpty())
             noteRefusal();
         // Nothing half done may stand in the way of the next attempt.
         withdraw();
