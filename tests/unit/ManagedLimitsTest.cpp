@@ -235,6 +235,24 @@ TEST_F(ManagedLimitsTest, SilentServicesGiveWayToAPublicationForWhichTheDaemonHa
     EXPECT_EQ(count(takeCalls(), "service_resolver_free(resolver1)"), 1);
 }
 
+// Avahi's last error may be an old one.
+TEST_F(ManagedLimitsTest, NothingGivesWayToATextThatNoTxtRecordHolds)
+{
+    run();
+    for (const char* name : {"One", "Two", "Three"})
+        appears(name);
+    turn(1100);
+    avahi.failNext("entry_group_new", AVAHI_ERR_TOO_MANY_OBJECTS);
+    EXPECT_FALSE(discovery().RegisterService("Setup", HTTP, vd::SReconfigInfo()));
+    turn();
+    takeCalls();
+    vd::SReconfigInfo info = vd::SReconfigInfo();
+    info.userName = QString(256, QLatin1Char('u'));
+    EXPECT_FALSE(discovery().RegisterService("Setup", HTTP, info));
+    turn();
+    EXPECT_EQ(count(takeCalls(), "service_resolver_free"), 0);
+}
+
 TEST_F(ManagedLimitsTest, NothingGivesWayToATypeThatIsRefusedForAnotherReason)
 {
     run();
