@@ -59,17 +59,19 @@ namespace vd {
  * object's thread as ever. While many services stand in line, or were asked for lately, a second Avahi client, with a
  * thread of its own, takes part in the look-up of addresses, so that the daemon need not wait for the next call. The daemon
  * is asked first, without waiting, whether it is ready, on one more connection to the bus. One that hangs then delays
- * devices and holds up nothing, except what calls it at once: BrowseServices(), RegisterService(), UpdateTxtRecord(),
- * TerminateRegistration(), TerminateBrowsing(), the destructor, connecting and publishing anew. These also wait for calls
- * that are on their way, on the client that they use. Connecting waits once: after a call or an attempt that a daemon did
- * not answer it is asked before the next. To keep all of these from blocking a window too, make the object in the run() of
- * a QThread and connect its signals to the window by queued connections. With the distribution's poll adapter
- * (VD_USE_SYSTEM_AVAHI_QT) all calls are made in the object's thread, and while a slot runs an event loop those on the
- * client whose handler emitted the signal.
+ * devices and holds up nothing but this: BrowseServices() of a new type, RegisterService(), UpdateTxtRecord(),
+ * TerminateRegistration(), and connecting and publishing anew call the daemon at once. All of them, TerminateBrowsing() and
+ * the destructor wait as well for those calls in a thread that are on their way. Connecting waits once: after a call or an
+ * attempt that a daemon did not answer it is asked before the next. A bus that hangs is waited for in every attempt to
+ * connect. To keep all of these from blocking a window too, make the object in the run() of a QThread and connect its
+ * signals to the window by queued connections.
+ *
+ * All calls are made in the object's thread with the distribution's poll adapter (VD_USE_SYSTEM_AVAHI_QT). With the
+ * library's own so are those on a client while a slot that one of its events has led to runs an event loop.
  *
  * The thread may be using @c client whenever the event loop has run. So a class that derives from this one makes calls on
  * it in two places only: inside a handler other than RecordBrowse(), whose browser may be of the second client, and right
- * after one of these operations. avahi_client_get_state() is allowed in the object's thread at any time.
+ * after RegisterService() or UpdateTxtRecord() that returned true. avahi_client_get_state() is allowed in the object's thread at any time.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {
@@ -151,7 +153,7 @@ private Q_SLOTS:
     void connectToDaemon();
     void connectSoon();
     void makeCalls();
-    void daemonAnswered();
+    void daemonAnswered(bool isThere);
     void callsReturned();
     void retryWaiting();
     void publishWaiting();

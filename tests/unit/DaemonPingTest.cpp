@@ -19,8 +19,9 @@ class DaemonPingTest : public testing::Test
 protected:
     DaemonPingTest()
     {
-        QObject::connect(ping.get(), &vd::DaemonPing::answered, [this] {
+        QObject::connect(ping.get(), &vd::DaemonPing::answered, [this](bool isThere) {
             ++answers;
+            wasThere = isThere;
             std::function<void()> action;
             action.swap(inNextSlot);
             if (action)
@@ -47,6 +48,7 @@ protected:
     BusStandIn bus;
     std::unique_ptr<vd::DaemonPing> ping = std::make_unique<vd::DaemonPing>();
     int answers = 0;
+    bool wasThere = false;
     std::function<void()> inNextSlot;
 };
 

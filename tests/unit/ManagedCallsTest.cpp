@@ -111,11 +111,11 @@ protected:
         forgetAll();
     }
 
-    /** The client that failed was left for the next one. */
+    /** The client that failed was left for the next one, and nothing else was called of it. */
     void expectConnectedAnew()
     {
         const Lines calls = takeCalls();
-        EXPECT_EQ(count(calls, "service_browser_free(browser1)"), 1);
+        EXPECT_EQ(count(calls, "service_browser_free"), 0);
         EXPECT_EQ(count(calls, "client_free(client1)"), 1);
         EXPECT_EQ(count(calls, "client_new"), 1);
         EXPECT_EQ(count(calls, "service_browser_new(client2"), 1);
@@ -410,6 +410,71 @@ TEST_F(ManagedCallsTest, GracePeriodEndsWhenTheDaemonAnswersInTimeOnly)
     EXPECT_EQ(count(takeSignals(), "lost"), 1);
 }
 
+// Which may be told before the client's own loss.
+TEST_F(ManagedCallsTest, GracePeriodDoesNotEndAsTheDaemonIsGone)
+{
+    const int graceMs = 1000;
+    discovery().setGracePeriod(graceMs);
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    answerAllQuestions();
+    failClient();
+    turn();
+    takeSignals();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    bus.answerWithError(DBUS_ERROR_NO_REPLY);
+    turn();
+    EXPECT_EQ(takeSignals(), Lines());
+    // It is asked once more, a step later.
+    EXPECT_EQ(awaitQuestion(), 1u);
+    answer();
+    EXPECT_EQ(count(takeSignals(), "lost"), 1);
+}
+
+TEST_F(ManagedCallsTest, GracePeriodEndsThoughTheDaemonMayNotBeAsked)
+{
+    discovery().setGracePeriod(10);
+    run();
+    appears("Cam");
+    awaitQuestion();
+    answer();
+    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+    answerAllQuestions();
+    failClient();
+    turn();
+    takeSignals();
+    int refusals = 0;
+    int losses = 0;
+    while (losses == 0 && refusals < 100 && awaitQuestion() == 1) {
+        ++refusals;
+        bus.answerWithError(DBUS_ERROR_ACCESS_DENIED);
+        turn();
+        losses = count(takeSignals(), "lost");
+    }
+    EXPECT_EQ(losses, 1);
+    EXPECT_EQ(refusals, 31);
+}
+
+TEST_F(ManagedCallsTest, ObjectMayBeDeletedWhenADeviceIsLostAsItsServiceIsRefusedAfterTheAnswer)
+{
+    keepQuery();
+    appears("Other");
+    awaitQuestion();
+    answer();
+    letTimePass();
+    resolved(2, "Other", "other.local", "10.0.0.2", cameraTxt);
+    answerAllQuestions();
+    avahi.failNext("service_resolver_new", AVAHI_ERR_INVALID_SERVICE_NAME);
+    letTimePass();
+    discovery().StartQueryRecords("Other", HTTP, false);
+    awaitQuestion();
+    runInSlotOf([this] { answer(); }, [this] { destroyDiscovery(); });
+    EXPECT_EQ(avahi.liveHandles(), Lines());
+}
+
 TEST_F(ManagedCallsTest, TerminatingLeavesTheBus)
 {
     run();
@@ -581,6 +646,23 @@ TEST_F(ManagedCallsTest, RunningDaemonThatHungAsATypeWasBrowsedIsUnavailable)
     answer();
     EXPECT_EQ(count(takeCalls(), "client_free(client1)"), 1);
     EXPECT_EQ(discovery().state(), vd::ManagedServiceDiscovery::Running);
+}
+
+TEST_F(ManagedCallsTest, AnswerOfBeforeTheDaemonHungCountsForNothing)
+{
+    run();
+    appears("Cam");
+    EXPECT_EQ(awaitQuestion(), 1u);
+    bus.answer();
+    avahi.duringCall("service_browser_new", [] { QThread::msleep(5000); });
+    avahi.failNext("service_browser_new", AVAHI_ERR_TIMEOUT);
+    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    takeCalls();
+    EXPECT_EQ(awaitQuestion(), 1u);
+    turn(50);
+    EXPECT_EQ(takeCalls(), Lines());
+    answer();
+    EXPECT_EQ(count(takeCalls(), "client_free(client1)"), 1);
 }
 
 TEST_F(ManagedCallsTest, ClientIsKeptThoughADaemonThatIsFullTookLongToSaySo)

@@ -243,6 +243,43 @@ TEST_F(ManagedSecondClientTest, ItEndsThoughManyDevicesAreSilent)
     EXPECT_EQ(objectsAlive(), MANY + 1);
 }
 
+TEST_F(ManagedSecondClientTest, ItEndsThoughAFewWaitForRoomForLong)
+{
+    const int line = 20;
+    discovery().setObjectLimit(MANY - line);
+    manyAppear();
+    QElapsedTimer waited;
+    waited.start();
+    while (clients().size() == 2 && waited.elapsed() < 6 * LONG_MS)
+        turn(100);
+    EXPECT_EQ(clients(), Lines{"client1"});
+    EXPECT_LE(objectsAlive(), MANY - line);
+}
+
+TEST_F(ManagedSecondClientTest, ItEndsThoughAllElseWasDoneWhileASlotRanAnEventLoop)
+{
+    manyAppear();
+    resolveOnly(1);
+    turn();
+    ASSERT_EQ(addressBrowsers(), std::vector<int>{1});
+    inNextSlot([this] {
+        for (int round = 0; objectsAlive() > 1 && round < MANY; ++round) {
+            for (int number = 1; number <= MANY; ++number) {
+                if (isResolverOpen(number))
+                    resolveOnly(number);
+            }
+            turn(20);
+            for (const int browser : addressBrowsers())
+                record(browser, AVAHI_BROWSER_ALL_FOR_NOW, "any.local", nullptr);
+        }
+        EXPECT_EQ(objectsAlive(), 1);
+    });
+    avahi.inCallback([this] { ManagedDiscoveryTest::record(1, AVAHI_BROWSER_NEW, "Cam1.local", "10.0.0.77"); }, 2);
+    ASSERT_EQ(clients(), (Lines{"client1", "client2"}));
+    turn(1500);
+    EXPECT_EQ(clients(), Lines{"client1"});
+}
+
 TEST_F(ManagedSecondClientTest, ItEndsThoughAQueryIsKeptOpen)
 {
     manyAppear();

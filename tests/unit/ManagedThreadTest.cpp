@@ -191,6 +191,22 @@ TEST_F(ManagedThreadTest, CallsThatASlotLetsBeginAreWaitedForToo)
     turn();
 }
 
+TEST_F(ManagedThreadTest, WhatASlotPublishesMeanwhileStaysPublished)
+{
+    run();
+    found();
+    holdUpRefusal();
+    inNextSlot([&] {
+        EXPECT_TRUE(discovery().RegisterService("Slot's", HTTP, vd::SReconfigInfo()));
+        // So the daemon says when it is handed another one.
+        avahi.failNext("entry_group_add_service_strlst", AVAHI_ERR_BAD_STATE);
+    });
+    returnsDuring([&] { EXPECT_FALSE(discovery().RegisterService("Me", HTTP, vd::SReconfigInfo())); });
+    EXPECT_EQ(count(takeCalls(), "entry_group_free"), 0);
+    EXPECT_EQ(liveCount("group"), 1);
+    EXPECT_TRUE(discovery().IsRegistered());
+}
+
 TEST_F(ManagedThreadTest, WhatASlotDoesToTheArgumentsDoesNotMatter)
 {
     run();

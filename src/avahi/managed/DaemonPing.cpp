@@ -19,6 +19,12 @@ DBusMessage* newQuestion()
     return question;
 }
 
+/** The bus answers for a daemon that is gone, or that went without an answer. */
+bool isFromBus(DBusMessage* answer)
+{
+    return dbus_message_has_sender(answer, DBUS_SERVICE_DBUS);
+}
+
 } // namespace
 
 DaemonPing::DaemonPing() : m_connection(nullptr), m_notifier(nullptr), m_question(0) {}
@@ -80,24 +86,29 @@ void DaemonPing::read()
 {
     const bool isConnected = dbus_connection_read_write(m_connection, 0);
     const bool wasAsked = isAsked();
-    const bool hasAnswer = readAnswer();
-    if (hasAnswer)
+    DBusMessage* const answer = readAnswer();
+    const bool isThere = answer && !isFromBus(answer);
+    if (answer) {
         m_question = 0;
+        dbus_message_unref(answer);
+    }
     if (!isConnected)
         close();
     if (wasAsked && !isAsked())
-        Q_EMIT answered();
+        Q_EMIT answered(isThere);
 }
 
-bool DaemonPing::readAnswer()
+DBusMessage* DaemonPing::readAnswer()
 {
-    bool hasAnswer = false;
+    DBusMessage* answer = nullptr;
     while (DBusMessage* const message = dbus_connection_pop_message(m_connection)) {
         // An error is an answer too, and belongs to no other question.
-        hasAnswer = hasAnswer || (isAsked() && dbus_message_get_reply_serial(message) == m_question);
-        dbus_message_unref(message);
+        if (!answer && isAsked() && dbus_message_get_reply_serial(message) == m_question)
+            answer = message;
+        else
+            dbus_message_unref(message);
     }
-    return hasAnswer;
+    return answer;
 }
 
 } // namespace vd

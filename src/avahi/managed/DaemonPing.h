@@ -5,6 +5,7 @@
 #include <QtCore/QObject>
 
 struct DBusConnection;
+struct DBusMessage;
 class QSocketNotifier;
 
 namespace vd {
@@ -39,10 +40,10 @@ public:
 
 Q_SIGNALS:
     /**
-     * The daemon has done what it was given before the question; or it is gone, and no call waits for it. Or the
-     * connection was lost, and the object is closed. A slot may do anything with the object, and delete it.
+     * The daemon has done what it was given before the question, and @p isThere. Or it is gone, and no call waits for it;
+     * or the connection was lost, and the object is closed. A slot may do anything with the object, and delete it.
      */
-    void answered();
+    void answered(bool isThere);
 
 private Q_SLOTS:
     void read();
@@ -50,7 +51,8 @@ private Q_SLOTS:
 private:
     Q_DISABLE_COPY(DaemonPing)
 
-    bool readAnswer();
+    /** @return the answer, which the caller owns; null if it is not there. */
+    DBusMessage* readAnswer();
 
     DBusConnection* m_connection;
     QSocketNotifier* m_notifier;

@@ -14,7 +14,7 @@ namespace {
 // How long calls may be made before what they led to is looked at.
 const int TURN_MS = 4;
 const int MOST_CALLS = 32;
-// With so many in line a second client is worth what it takes to make it, and with so many it goes on.
+// With so many in line a second client is worth what it takes to make it, and with so many left it stays.
 const int MANY_IN_LINE = 64;
 const int ENOUGH_IN_LINE = 32;
 // Both clients together have no more address browsers than these whose addresses the daemon is yet to read from its
@@ -148,6 +148,7 @@ void ManagedServiceDiscovery::Private::makeCalls()
     if (!isAtWork())
         return;
     balanceKept();
+    endSecondClientIfIdle();
     if (ping.isAsked())
         return;
     const bool isReady = lastAnswerAt >= 0 && clock.elapsed() - lastAnswerAt < RECENT_MS;
@@ -155,7 +156,6 @@ void ManagedServiceDiscovery::Private::makeCalls()
     const bool isSecondNext = !second.isBusy() && hasCallsToMake(second);
     if (!isOwnNext && !isSecondNext) {
         awaitRoom();
-        endSecondClientIfIdle();
     } else if (isReady || ownCalls.isBusy() || !askDaemon()) {
         // An answer that comes after the object's own calls were planned would not be one to these.
         makeSomeCalls();
@@ -165,22 +165,25 @@ void ManagedServiceDiscovery::Private::makeCalls()
 // It costs a connection, its descriptors and a thread.
 void ManagedServiceDiscovery::Private::endSecondClientIfIdle()
 {
-    const bool isAnyLeft = !toFollow.isEmpty() || second.isBusy() || second.hasWork();
-    if (isAnyLeft)
-        return;
-    if (areManyInLine()) {
+    if (toFollow.isEmpty() && !second.isBusy() && !second.hasWork() && !areManyInLine()
+        && !isAnyFollowedBySecond())
+        second.clear();
+    else if (second.client())
         scheduleCalls(LOOK_FOR_IDLE_MS);
-        return;
-    }
-    for (QMap<AvahiRecordBrowser*, ServiceKey>::const_iterator browser = addressBrowsers.constBegin();
-         browser != addressBrowsers.constEnd(); ++browser) {
-        if (tracked[browser.value()].addressBrowserCalls == &second)
-            return;
-    }
-    second.clear();
 }
 
-// They and those whose answer may come yet. Who was asked longer ago is silent.
+bool ManagedServiceDiscovery::Private::isAnyFollowedBySecond() const
+{
+    for (QMap<AvahiRecordBrowser*, ServiceKey>::const_iterator browser = addressBrowsers.constBegin();
+         browser != addressBrowsers.constEnd(); ++browser) {
+        const TrackedServices::const_iterator service = tracked.constFind(browser.value());
+        if (service != tracked.constEnd() && service->addressBrowserCalls == &second)
+            return true;
+    }
+    return false;
+}
+
+// Those in line and those whose answer may come yet. Who was asked longer ago is silent.
 bool ManagedServiceDiscovery::Private::areManyInLine() const
 {
     int many = static_cast<int>(line.size());
@@ -210,7 +213,7 @@ bool ManagedServiceDiscovery::Private::askDaemon()
     return ping.isAsked();
 }
 
-void ManagedServiceDiscovery::Private::daemonAnswered()
+void ManagedServiceDiscovery::Private::daemonAnswered(bool isThere)
 {
     if (!ownCalls.isBusy())
         settledResolver = lastResolver;
@@ -222,13 +225,9 @@ void ManagedServiceDiscovery::Private::daemonAnswered()
     }
     const ManagedSession current(this);
     if (isGraceOver && !ownCalls.isBusy())
-        finishGrace();
-    if (current.ended())
-        return;
-    makeSomeCalls();
-    // It may be idle by now.
-    if (second.client())
-        scheduleCalls(LOOK_FOR_IDLE_MS);
+        finishGrace(isThere);
+    if (!current.ended())
+        makeSomeCalls();
 }
 
 // A daemon that is not ready any more, as it reads what a whole network answers, holds up the threads only. What it
@@ -241,12 +240,16 @@ void ManagedServiceDiscovery::Private::makeSomeCalls()
     // It is of use only where calls are made in threads.
     if (ownCalls.isBusy() && line.size() >= MANY_IN_LINE)
         second.make();
-    if (second.client() && !areAddressesBeingTold())
-        makeSomeCalls(second, true);
+    if (!second.client())
+        return;
+    if (!second.isBusy() && !gathersAddressEvents() && !makeSomeCalls(second, true))
+        return;
+    scheduleCalls(LOOK_FOR_IDLE_MS);
 }
 
-// They come one a turn, and each leads to a call or two, which are better handed over together.
-bool ManagedServiceDiscovery::Private::areAddressesBeingTold()
+// What address browsers tell comes one a turn of the event loop, and each leads to a call or two, which are better handed
+// over together.
+bool ManagedServiceDiscovery::Private::gathersAddressEvents()
 {
     const bool areTold = hasAddressEvent && clock.elapsed() - addressEventsSince < TURN_MS;
     hasAddressEvent = false;
@@ -280,15 +283,15 @@ void ManagedServiceDiscovery::Private::callsReturned()
     if (ownCalls.haveReturned() && !finishCalls())
         return;
     if (second.haveReturned())
-        finishCalls(second);
+        awaitCalls(second);
 }
 
 bool ManagedServiceDiscovery::Private::finishCalls()
 {
-    return finishCalls(ownCalls) && !hasFailed;
+    return awaitCalls(ownCalls) && !hasFailed;
 }
 
-bool ManagedServiceDiscovery::Private::finishCalls(ThreadedCalls& calls)
+bool ManagedServiceDiscovery::Private::awaitCalls(ThreadedCalls& calls)
 {
     // A slot that ran an event loop may have let the next ones begin.
     while (calls.isBusy()) {
@@ -387,8 +390,7 @@ bool ManagedServiceDiscovery::Private::planResolver()
         return true;
     }
     keepIfThereIsRoom(key, service);
-    const bool isFollowed = service.addressBrowser || service.isToBeFollowed || service.isFollowPlanned;
-    if (!hasRoomFor(service.isKept && !isFollowed ? 2 : 1)) {
+    if (!hasRoomFor(service.isKept && !service.isFollowed() ? 2 : 1)) {
         scheduleCalls(LOOK_FOR_ROOM_MS);
         return false;
     }
@@ -465,7 +467,7 @@ void ManagedServiceDiscovery::Private::resolverRefused(const ServiceKey& key, in
 // It may have waited for a daemon that hangs, and so would the next one.
 void ManagedServiceDiscovery::Private::callFailed()
 {
-    mayHang = true;
+    noteHang();
     lostConnection();
 }
 
@@ -620,8 +622,7 @@ int ManagedServiceDiscovery::Private::awaitedAddressBrowsers() const
     for (int i = 0; i < kept.size(); ++i) {
         const TrackedServices::const_iterator service = tracked.constFind(kept.at(i));
         const bool isResolved = service->resolver || unanswered.contains(service->resolverNumber);
-        const bool isFollowed = service->addressBrowser || service->isToBeFollowed || service->isFollowPlanned;
-        awaited += isResolved && !isFollowed ? 1 : 0;
+        awaited += isResolved && !service->isFollowed() ? 1 : 0;
     }
     return awaited;
 }

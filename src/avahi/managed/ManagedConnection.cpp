@@ -73,10 +73,10 @@ void ManagedServiceDiscovery::Private::lostConnection()
     if (hasFailed)
         return;
     hasFailed = true;
-    if (isConnecting)
-        return;
     if (hasBegun && clock.elapsed() - begunAt >= LASTING_MS)
         backoff.reset();
+    if (isConnecting)
+        return;
     pauseMs = qMin(backoff.milliseconds(), SOON_MS);
     backoff.grow();
     connectTimer.start(0);
@@ -93,7 +93,7 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
         return;
     }
     attempt.start();
-    if (mayHang && isToWaitForAnswer()) {
+    if (mayHang && asksBeforeConnecting()) {
         setState(Unavailable);
         return;
     }
@@ -115,7 +115,7 @@ void ManagedServiceDiscovery::Private::connectToDaemon()
 }
 
 // All that follows waits for the daemon, which is taken up when it answers.
-bool ManagedServiceDiscovery::Private::isToWaitForAnswer()
+bool ManagedServiceDiscovery::Private::asksBeforeConnecting()
 {
     if (!ping.isOpen())
         ping.open();
@@ -145,7 +145,7 @@ void ManagedServiceDiscovery::Private::attemptFailed()
     const bool isDaemonAwaited = q->client && !hasFailed && clientState == AVAHI_CLIENT_CONNECTING;
     const bool isBusWatched = q->client || busSocketWatch.turnOn();
     if (!isDaemonAwaited)
-        retryLater(isBusWatched ? LONGEST_RETRY_MS : SOON_MS);
+        retryLater(isBusWatched && !hasFailed ? LONGEST_RETRY_MS : SOON_MS);
     if (!q->client)
         busSocketWatch.look();
     setState(q->client && !hasFailed && isDaemonThere(clientState) ? Connecting : Unavailable);
@@ -182,8 +182,15 @@ bool ManagedServiceDiscovery::Private::browseNextType()
     q->services = knownServices;
     q->recordQueue = knownQueue;
     if (!noteRefusal() && waited.elapsed() >= LONG_MS)
-        mayHang = true;
+        noteHang();
     return false;
+}
+
+// An answer to what was asked before would tell nothing.
+void ManagedServiceDiscovery::Private::noteHang()
+{
+    mayHang = true;
+    ping.close();
 }
 
 // Its socket is there a moment before the bus answers.
@@ -219,6 +226,9 @@ void ManagedServiceDiscovery::Private::endSession()
 {
     ++session;
     leaveCalls();
+    // They go with the client, which closes its connection first. Each of them would have the daemon called, and waited
+    // for, as long as the client has not read that it is gone.
+    q->serviceBrowsers.clear();
     hasFailed = false;
     hasBegun = false;
     pauseMs = 0;

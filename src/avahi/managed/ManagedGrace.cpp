@@ -47,17 +47,19 @@ void ManagedServiceDiscovery::Private::passGrace()
 void ManagedServiceDiscovery::Private::finishGraceIfDaemonAnswers()
 {
     if (!ping.isAsked() && !askDaemon())
-        finishGrace();
+        finishGrace(true);
 }
 
-void ManagedServiceDiscovery::Private::finishGrace()
+void ManagedServiceDiscovery::Private::finishGrace(bool isDaemonThere)
 {
     isGraceOver = false;
     const int stepMs = graceTimer.interval();
     if (isGraceStepHeldUp || ownCalls.watchGroup.isCallingBack()) {
         // A slot runs an event loop, however long, and what the daemon tells is read when it has returned.
         nextGraceStep(qMax(stepMs, PUNCTUAL_MS));
-    } else if (graceStep.elapsed() > stepMs + PUNCTUAL_MS && graceExtensions < MOST_EXTENSIONS) {
+    } else if ((!isDaemonThere || graceStep.elapsed() > stepMs + PUNCTUAL_MS)
+               && graceExtensions < MOST_EXTENSIONS) {
+        // That a daemon is gone may be told here first.
         ++graceExtensions;
         nextGraceStep(stepMs);
     } else {

@@ -58,6 +58,11 @@ bool ManagedServiceDiscovery::Private::registerService(const char* name, const c
     const SReconfigInfo givenInfo = info;
     const char* const nameToUse = name ? givenName.constData() : nullptr;
     const char* const typeToUse = type ? givenType.constData() : nullptr;
+    // The calls may turn out to have failed, and a slot may publish something meanwhile.
+    const ManagedSession current(this);
+    finishCalls();
+    if (current.ended())
+        return false;
     const bool isAccepted = publishes || isPublishing ? replace(nameToUse, typeToUse, givenInfo)
                                                       : accept(nameToUse, typeToUse, givenInfo);
     // The object may be gone.
@@ -74,11 +79,6 @@ bool ManagedServiceDiscovery::Private::registerService(const char* name, const c
 
 bool ManagedServiceDiscovery::Private::accept(const char* name, const char* type, const SReconfigInfo& info)
 {
-    // The calls may turn out to have failed.
-    const ManagedSession current(this);
-    finishCalls();
-    if (current.ended())
-        return false;
     if (!types.isEmpty() && !isDaemonReady() && isPublishable(name, type, info))
         return true;
     // Of what cannot be published, and of a missing client, it is the base that tells.

@@ -82,7 +82,7 @@ ManagedServiceDiscovery::ManagedServiceDiscovery() : d(new Private(this))
     connect(&d->publishTimer, SIGNAL(timeout()), this, SLOT(publishWaiting()));
     connect(&d->graceTimer, SIGNAL(timeout()), this, SLOT(passGrace()));
     connect(&d->callTimer, SIGNAL(timeout()), this, SLOT(makeCalls()));
-    connect(&d->ping, SIGNAL(answered()), this, SLOT(daemonAnswered()));
+    connect(&d->ping, SIGNAL(answered(bool)), this, SLOT(daemonAnswered(bool)));
     connect(&d->ownCalls.thread, SIGNAL(returned()), this, SLOT(callsReturned()), Qt::QueuedConnection);
     connect(&d->second.thread, SIGNAL(returned()), this, SLOT(callsReturned()), Qt::QueuedConnection);
     connect(&d->retryTimer, SIGNAL(timeout()), this, SLOT(retryWaiting()));
@@ -93,8 +93,7 @@ ManagedServiceDiscovery::ManagedServiceDiscovery() : d(new Private(this))
 
 ManagedServiceDiscovery::~ManagedServiceDiscovery()
 {
-    ++d->session;
-    d->leaveCalls();
+    d->reset();
 }
 
 ManagedServiceDiscovery::State ManagedServiceDiscovery::state() const
@@ -224,9 +223,9 @@ void ManagedServiceDiscovery::makeCalls()
     d->makeCalls();
 }
 
-void ManagedServiceDiscovery::daemonAnswered()
+void ManagedServiceDiscovery::daemonAnswered(bool isThere)
 {
-    d->daemonAnswered();
+    d->daemonAnswered(isThere);
 }
 
 void ManagedServiceDiscovery::callsReturned()

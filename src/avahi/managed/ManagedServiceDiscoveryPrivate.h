@@ -61,7 +61,7 @@ public:
     // What is made and freed, a few at a time, in threads of their own: ManagedCalls.cpp
     void scheduleCalls(int milliseconds);
     void makeCalls();
-    void daemonAnswered();
+    void daemonAnswered(bool isThere);
     void callsReturned();
     /**
      * Whoever else uses the object's client waits for calls on it.
@@ -144,9 +144,10 @@ private:
     bool browseWantedTypes();
     bool browseNextType();
     void retryLater(int longestMs);
-    bool isToWaitForAnswer();
+    bool asksBeforeConnecting();
     bool leaveClient();
     void attemptFailed();
+    void noteHang();
     void dropClient();
     void endSession();
     void begin();
@@ -154,7 +155,7 @@ private:
 
     void nextGraceStep(int milliseconds);
     void finishGraceIfDaemonAnswers();
-    void finishGrace();
+    void finishGrace(bool isDaemonThere);
     QList<ServiceKey> unseenServices() const;
     void endGrace();
 
@@ -210,11 +211,12 @@ private:
     bool isKept(const ServiceKey& key) const;
     bool isRoomToCome() const;
     void endSecondClientIfIdle();
+    bool isAnyFollowedBySecond() const;
     bool areManyInLine() const;
     void makeSomeCalls();
-    bool areAddressesBeingTold();
+    bool gathersAddressEvents();
     bool makeSomeCalls(ThreadedCalls& calls, bool mayUseThread);
-    bool finishCalls(ThreadedCalls& calls);
+    bool awaitCalls(ThreadedCalls& calls);
     bool noteCalls(ThreadedCalls& calls);
     void planCalls(ThreadedCalls& calls);
     void planToFreeResolver();

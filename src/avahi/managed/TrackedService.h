@@ -111,6 +111,9 @@ struct TrackedService
     /** @p link is a better one to ask than that which has not answered yet. */
     bool isBetterToAsk(const Link& link) const;
 
+    /** Its addresses are looked up, or are to be as soon as the daemon is ready for it. */
+    bool isFollowed() const { return addressBrowser || isToBeFollowed || isFollowPlanned; }
+
     /** Where browsing sees it. */
     QList<Sighting> sightings;
 

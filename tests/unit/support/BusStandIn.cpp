@@ -101,6 +101,7 @@ void BusStandIn::answer(dbus_uint32_t serial)
 void BusStandIn::answerWithError(const char* name)
 {
     DBusMessage* const message = dbus_message_new(DBUS_MESSAGE_TYPE_ERROR);
+    dbus_message_set_sender(message, DBUS_SERVICE_DBUS);
     dbus_message_set_error_name(message, name);
     dbus_message_set_reply_serial(message, m_lastSerial);
     deliver(message);

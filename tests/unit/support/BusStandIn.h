@@ -47,6 +47,7 @@ public:
     // What comes over the connection that was made last.
     void answer() { answer(m_lastSerial); }
     void answer(dbus_uint32_t serial);
+    /** It is the bus that answers, for a daemon that cannot. */
     void answerWithError(const char* name);
     void tellSomethingElse();
     void loseConnection();
