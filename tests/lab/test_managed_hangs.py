@@ -72,6 +72,16 @@ def test_a_daemon_that_hangs_from_the_start_holds_up_the_first_attempt_alone(sta
     assert [name for name, _ in probe.take_signals(1)] == ["serviceFound"]
 
 
+def test_browsing_ends_at_once_though_the_daemon_hangs(stage):
+    lab, probe, _ = found(stage)
+    assert probe.call("browse", type="_https._tcp") is True
+    lab.fault("viewer", "daemon-hang")
+    asked = time.monotonic()
+    assert probe.call("terminate") is True
+    assert time.monotonic() - asked < PROMPT_S
+    lab.fault("viewer", "daemon-continue")
+
+
 def test_a_daemon_that_hangs_holds_up_the_thread_of_discovery_alone(stage):
     lab, probe, _ = found(stage, "--discover-in-thread")
     lab.fault("viewer", "daemon-hang")
