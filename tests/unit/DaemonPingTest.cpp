@@ -164,6 +164,7 @@ TEST_F(DaemonPingTest, AnswerIsToldOnce)
     EXPECT_EQ(answers, 0);
     turn();
     EXPECT_EQ(answers, 1);
+    EXPECT_TRUE(wasThere);
     EXPECT_FALSE(ping->isAsked());
     EXPECT_TRUE(ping->isOpen());
     bus.answer();
@@ -172,12 +173,14 @@ TEST_F(DaemonPingTest, AnswerIsToldOnce)
     EXPECT_EQ(bus.untaken(), 0);
 }
 
-TEST_F(DaemonPingTest, ErrorIsAnAnswer)
+TEST_F(DaemonPingTest, ErrorOfTheBusIsAnAnswerThatTheDaemonIsGone)
 {
+    wasThere = true;
     ask();
     bus.answerWithError(DBUS_ERROR_NAME_HAS_NO_OWNER);
     turn();
     EXPECT_EQ(answers, 1);
+    EXPECT_FALSE(wasThere);
     EXPECT_FALSE(ping->isAsked());
     EXPECT_TRUE(ping->isOpen());
 }
@@ -275,9 +278,11 @@ TEST_F(DaemonPingTest, LostConnectionIsAnAnswerSoThatNobodyWaitsForEver)
         EXPECT_FALSE(ping->isOpen());
         EXPECT_FALSE(ping->isAsked());
     };
+    wasThere = true;
     bus.loseConnection();
     turn();
     EXPECT_EQ(answers, 1);
+    EXPECT_FALSE(wasThere);
     EXPECT_FALSE(ping->isOpen());
     EXPECT_EQ(bus.openConnections(), 0);
 }
@@ -299,6 +304,7 @@ TEST_F(DaemonPingTest, AnswerRightBeforeTheLossIsToldOnce)
     bus.loseConnection();
     turn();
     EXPECT_EQ(answers, 1);
+    EXPECT_TRUE(wasThere);
     EXPECT_FALSE(ping->isOpen());
 }
 

@@ -49,6 +49,13 @@ protected:
         }
     }
 
+    void loseDaemonInAnAttempt()
+    {
+        avahi.duringCall("service_browser_new", [this] { avahi.fireClientState(AVAHI_CLIENT_FAILURE); });
+        avahi.failNext("service_browser_new", AVAHI_ERR_DISCONNECTED);
+        EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    }
+
     int count(const std::string& function)
     {
         int calls = 0;
@@ -203,10 +210,21 @@ TEST_F(ManagedConnectionTest, DaemonThatIsLostInAnAttemptIsTakenUpSoonThoughOthe
     timer()->stop();
     QMetaObject::invokeMethod(&discovery(), "connectToDaemon");
     ASSERT_EQ(discovery().state(), Managed::Running);
-    avahi.duringCall("service_browser_new", [this] { avahi.fireClientState(AVAHI_CLIENT_FAILURE); });
-    avahi.failNext("service_browser_new", AVAHI_ERR_DISCONNECTED);
-    EXPECT_TRUE(discovery().BrowseServices(HTTPS));
+    loseDaemonInAnAttempt();
     EXPECT_NEAR(waitsMs(), 1500, ATTEMPT_MS);
+}
+
+TEST_F(ManagedConnectionTest, DaemonThatIsLostInAnAttemptAfterSomeTimeIsTakenUpAsIfForTheFirstTime)
+{
+    useBusOfOurOwn();
+    browseWithoutABus();
+    attemptInVain(6);
+    daemonRuns();
+    timer()->stop();
+    QMetaObject::invokeMethod(&discovery(), "connectToDaemon");
+    turn(2100);
+    loseDaemonInAnAttempt();
+    EXPECT_NEAR(waitsMs(), 250, ATTEMPT_MS);
 }
 
 TEST_F(ManagedConnectionTest, AttemptThatHungForLongIsRepeatedSoon)
