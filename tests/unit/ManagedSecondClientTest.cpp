@@ -243,19 +243,6 @@ TEST_F(ManagedSecondClientTest, ItEndsThoughManyDevicesAreSilent)
     EXPECT_EQ(objectsAlive(), MANY + 1);
 }
 
-TEST_F(ManagedSecondClientTest, ItEndsThoughAFewWaitForRoomForLong)
-{
-    const int line = 20;
-    discovery().setObjectLimit(MANY - line);
-    manyAppear();
-    QElapsedTimer waited;
-    waited.start();
-    while (clients().size() == 2 && waited.elapsed() < 6 * LONG_MS)
-        turn(100);
-    EXPECT_EQ(clients(), Lines{"client1"});
-    EXPECT_LE(objectsAlive(), MANY - line);
-}
-
 TEST_F(ManagedSecondClientTest, ItEndsThoughAllElseWasDoneWhileASlotRanAnEventLoop)
 {
     manyAppear();

@@ -240,11 +240,8 @@ void ManagedServiceDiscovery::Private::makeSomeCalls()
     // It is of use only where calls are made in threads.
     if (ownCalls.isBusy() && line.size() >= MANY_IN_LINE)
         second.make();
-    if (!second.client())
-        return;
-    if (!second.isBusy() && !gathersAddressEvents() && !makeSomeCalls(second, true))
-        return;
-    scheduleCalls(LOOK_FOR_IDLE_MS);
+    if (second.client() && !second.isBusy() && !gathersAddressEvents())
+        makeSomeCalls(second, true);
 }
 
 // What address browsers tell comes one a turn of the event loop, and each leads to a call or two, which are better handed
