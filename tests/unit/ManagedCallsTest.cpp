@@ -99,6 +99,20 @@ protected:
         forgetAll();
     }
 
+    /** A camera was found, and after a new connection is not seen again. */
+    void loseConnectionAndCamera(int graceMs)
+    {
+        discovery().setGracePeriod(graceMs);
+        run();
+        appears("Cam");
+        awaitQuestion();
+        answer();
+        resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
+        answerAllQuestions();
+        failClient();
+        takeSignals();
+    }
+
     /** A call failed for a daemon that hangs, which is asked for the first time since. */
     void hangInACall()
     {
@@ -391,16 +405,8 @@ TEST_F(ManagedCallsTest, NothingIsAskedOrCalledBetweenTheFailureAndTheNextClient
 
 TEST_F(ManagedCallsTest, GracePeriodEndsWhenTheDaemonAnswersInTimeOnly)
 {
-    discovery().setGracePeriod(50);
-    run();
-    appears("Cam");
-    awaitQuestion();
-    answer();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    answerAllQuestions();
-    failClient();
+    loseConnectionAndCamera(50);
     EXPECT_EQ(awaitQuestion(), 1u);
-    takeSignals();
     turn(300);
     EXPECT_EQ(takeSignals(), Lines());
     answer();
@@ -413,17 +419,7 @@ TEST_F(ManagedCallsTest, GracePeriodEndsWhenTheDaemonAnswersInTimeOnly)
 // Which may be told before the client's own loss.
 TEST_F(ManagedCallsTest, GracePeriodDoesNotEndAsTheDaemonIsGone)
 {
-    const int graceMs = 1000;
-    discovery().setGracePeriod(graceMs);
-    run();
-    appears("Cam");
-    awaitQuestion();
-    answer();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    answerAllQuestions();
-    failClient();
-    turn();
-    takeSignals();
+    loseConnectionAndCamera(1000);
     EXPECT_EQ(awaitQuestion(), 1u);
     bus.answerWithError(DBUS_ERROR_NO_REPLY);
     turn();
@@ -436,16 +432,7 @@ TEST_F(ManagedCallsTest, GracePeriodDoesNotEndAsTheDaemonIsGone)
 
 TEST_F(ManagedCallsTest, GracePeriodEndsThoughTheDaemonMayNotBeAsked)
 {
-    discovery().setGracePeriod(10);
-    run();
-    appears("Cam");
-    awaitQuestion();
-    answer();
-    resolved(1, "Cam", "cam.local", "10.0.0.1", cameraTxt);
-    answerAllQuestions();
-    failClient();
-    turn();
-    takeSignals();
+    loseConnectionAndCamera(10);
     int refusals = 0;
     int losses = 0;
     while (losses == 0 && refusals < 100 && awaitQuestion() == 1) {

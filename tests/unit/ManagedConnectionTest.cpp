@@ -49,6 +49,18 @@ protected:
         }
     }
 
+    /** The longest wait was reached before the daemon was there. */
+    void runAfterManyAttempts()
+    {
+        useBusOfOurOwn();
+        browseWithoutABus();
+        attemptInVain(6);
+        daemonRuns();
+        timer()->stop();
+        QMetaObject::invokeMethod(&discovery(), "connectToDaemon");
+        ASSERT_EQ(discovery().state(), Managed::Running);
+    }
+
     void loseDaemonInAnAttempt()
     {
         avahi.duringCall("service_browser_new", [this] { avahi.fireClientState(AVAHI_CLIENT_FAILURE); });
@@ -203,25 +215,14 @@ TEST_F(ManagedConnectionTest, WaitCountsFromTheBeginOfTheAttempt)
 
 TEST_F(ManagedConnectionTest, DaemonThatIsLostInAnAttemptIsTakenUpSoonThoughOthersFailedBefore)
 {
-    useBusOfOurOwn();
-    browseWithoutABus();
-    attemptInVain(6);
-    daemonRuns();
-    timer()->stop();
-    QMetaObject::invokeMethod(&discovery(), "connectToDaemon");
-    ASSERT_EQ(discovery().state(), Managed::Running);
+    runAfterManyAttempts();
     loseDaemonInAnAttempt();
     EXPECT_NEAR(waitsMs(), 1500, ATTEMPT_MS);
 }
 
 TEST_F(ManagedConnectionTest, DaemonThatIsLostInAnAttemptAfterSomeTimeIsTakenUpAsIfForTheFirstTime)
 {
-    useBusOfOurOwn();
-    browseWithoutABus();
-    attemptInVain(6);
-    daemonRuns();
-    timer()->stop();
-    QMetaObject::invokeMethod(&discovery(), "connectToDaemon");
+    runAfterManyAttempts();
     turn(2100);
     loseDaemonInAnAttempt();
     EXPECT_NEAR(waitsMs(), 250, ATTEMPT_MS);
