@@ -71,7 +71,8 @@ namespace vd {
  *
  * The thread may be using @c client whenever the event loop has run. So a class that derives from this one makes calls on
  * it in two places only: inside a handler other than RecordBrowse(), whose browser may be of the second client, and right
- * after RegisterService() or UpdateTxtRecord() that returned true. avahi_client_get_state() is allowed in the object's thread at any time.
+ * after RegisterService() or UpdateTxtRecord() that returned true. avahi_client_get_state() is allowed in the object's thread
+ * at any time.
  */
 class Q_DECL_EXPORT ManagedServiceDiscovery : public AvahiServiceDiscovery
 {
